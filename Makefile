@@ -1,0 +1,54 @@
+# One-command set-up: every target creates the virtual environment it needs,
+# installs the build and test tools, builds the C++ extension and installs the
+# package before doing its job.
+PYTHON ?= python3
+VENV   ?= .venv
+PY     := $(VENV)/bin/python
+BUILD_TOOLS := "scikit-build-core>=0.10" "nanobind>=2.4" cmake ninja
+TEST_TOOLS  := "pytest>=7" "hypothesis>=6"
+
+SAN_VENV := .venv-sanitize
+SAN_PY   := $(SAN_VENV)/bin/python
+
+.PHONY: all install test demo bench bench-quick sanitize clean
+
+all: test
+
+$(VENV)/.tools: pyproject.toml
+	$(PYTHON) -m venv $(VENV)
+	$(PY) -m pip install -q --upgrade pip
+	$(PY) -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS)
+	touch $@
+
+# --no-build-isolation keeps the build folder's paths stable, so rebuilds are incremental.
+install: $(VENV)/.tools
+	$(PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/release .
+
+test: install
+	$(PY) -m pytest -q tests
+
+demo: install
+	$(PY) -m vexcore.qrvdev.QRVTableManager
+
+bench: install
+	$(PY) bench/run.py
+
+bench-quick: install
+	$(PY) bench/run.py --quick
+
+# AddressSanitizer + UndefinedBehaviorSanitizer build in its own environment.
+$(SAN_VENV)/.tools: pyproject.toml
+	$(PYTHON) -m venv $(SAN_VENV)
+	$(SAN_PY) -m pip install -q --upgrade pip
+	$(SAN_PY) -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS)
+	touch $@
+
+sanitize: $(SAN_VENV)/.tools
+	$(SAN_PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/sanitize \
+	    -Ccmake.build-type=RelWithDebInfo -Ccmake.define.VEX_SANITIZE=ON .
+	LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(gcc -print-file-name=libubsan.so)" \
+	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	PYTHONMALLOC=malloc $(SAN_PY) -m pytest -q -p no:faulthandler tests $(SANITIZE_ARGS)
+
+clean:
+	rm -rf build $(VENV) $(SAN_VENV)

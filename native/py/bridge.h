@@ -1,0 +1,240 @@
+// The bridge between the table logic and the Python host.
+//
+// Everything a manager needs to behave like the Python class it replaces:
+//   - module globals looked up at the moment of use (a host may replace them),
+//   - interned attribute and key names,
+//   - RetType results built through the module's current RetType and RetCode,
+//   - logging through the standard logging module, formatting only when enabled,
+//   - raising the same Python exceptions Python code would raise,
+//   - a guard that turns any failure inside a public operation into its result,
+//   - a builder that assembles plain Python classes from C++ methods.
+//
+// Convention: a function that returns nb::object or takes nb::handle may raise by
+// throwing nb::python_error (the Python error indicator has been set and fetched).
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace nb = nanobind;
+
+namespace vex::py {
+
+// ---------------------------------------------------------------- names ----
+
+// An interned Python string created once, on first use, and kept for the life of
+// the process. Use as a function-local or namespace-scope constant:
+//     static const Name k_TX{"TX"};
+class Name {
+public:
+    explicit Name(const char* text) : text_(text) {}
+    PyObject* ptr() const;                     // borrowed, never null
+    nb::handle handle() const { return nb::handle(ptr()); }
+    operator nb::handle() const { return handle(); }
+    const char* c_str() const { return text_; }
+
+private:
+    const char* text_;
+    mutable PyObject* obj_ = nullptr;
+};
+
+// "_" + class_name + "__" + member: the name Python gives a private member.
+std::string mangle(const char* class_name, const char* member);
+
+// --------------------------------------------------------- module globals --
+
+// Called once by the module initialiser.
+void set_module(nb::handle module);
+nb::handle module();
+
+// The module global `name`, looked up now, as Python code would: a replacement
+// assigned on the module takes effect at once. NameError when it is missing.
+nb::object global(const Name& name);
+
+// Frequently used globals, each looked up at the moment of the call.
+nb::object RetType();
+nb::object RetCode(const char* member);     // RetCode.<member>
+nb::object RFMode();
+nb::object BeamType();
+
+// ---------------------------------------------------------------- results --
+
+// RetType()
+nb::object ret_ok();
+// RetType(RetCode.<code>, msg)
+nb::object ret_error(const char* code, nb::handle msg);
+nb::object ret_error(const char* code, std::string_view msg);
+// RetType(data=value)
+nb::object ret_data(nb::handle data);
+// RetType(RetCode.<code>, data=value)
+nb::object ret_code_data(const char* code, nb::handle data);
+// RetType(msg=text)
+nb::object ret_msg(std::string_view msg);
+
+// result.RetCode != RetCode.OK, compared with Python's != as the callers do.
+bool ret_failed(nb::handle result);
+
+// ---------------------------------------------------------------- logging --
+
+enum Level : int { DEBUG = 10, INFO = 20, WARNING = 30, ERROR = 40 };
+
+// A named logger of the standard logging module. Messages are handed over as a
+// template plus arguments, exactly as Python code would call logger.info(msg, *args),
+// so record.msg, record.args and record.getMessage() match.
+class Log {
+public:
+    Log() = default;
+    explicit Log(nb::handle logger) : logger_(nb::borrow(logger)) {}
+    static Log named(const char* name);         // logging.getLogger(name)
+
+    // logger.isEnabledFor(level): test before building an expensive message.
+    bool on(int level) const;
+
+    template <class... A> void debug(nb::handle msg, A&&... args) const {
+        emit(DEBUG, "debug", msg, std::forward<A>(args)...);
+    }
+    template <class... A> void info(nb::handle msg, A&&... args) const {
+        emit(INFO, "info", msg, std::forward<A>(args)...);
+    }
+    template <class... A> void warning(nb::handle msg, A&&... args) const {
+        emit(WARNING, "warning", msg, std::forward<A>(args)...);
+    }
+    template <class... A> void error(nb::handle msg, A&&... args) const {
+        emit(ERROR, "error", msg, std::forward<A>(args)...);
+    }
+    // logger.exception(msg, *args): call it while the caught exception is the
+    // handled one (inside Guard's error path), so the record carries it.
+    template <class... A> void exception(nb::handle msg, A&&... args) const {
+        emit(ERROR, "exception", msg, std::forward<A>(args)...);
+    }
+
+    nb::handle logger() const { return logger_; }
+
+private:
+    template <class... A>
+    void emit(int level, const char* method, nb::handle msg, A&&... args) const {
+        if (!on(level)) return;
+        logger_.attr(method)(msg, std::forward<A>(args)...);
+    }
+    nb::object logger_;
+};
+
+nb::str str(std::string_view text);             // a Python str from UTF-8 text
+
+// ------------------------------------------------------------- exceptions --
+
+// Raise the Python exception Python code would raise, as nb::python_error.
+[[noreturn]] void raise(PyObject* type, std::string_view message);
+[[noreturn]] void raise_key_error(nb::handle key);
+[[noreturn]] void raise_already_set();          // the error indicator is set: throw it
+[[noreturn]] void reraise(nb::handle exc);      // raise this exception object again
+
+// While alive, makes `exc` the handled exception (what sys.exc_info() returns),
+// as inside a Python `except` block; the previous one is restored afterwards.
+class HandledException {
+public:
+    explicit HandledException(nb::handle exc);
+    ~HandledException();
+    HandledException(const HandledException&) = delete;
+    HandledException& operator=(const HandledException&) = delete;
+
+private:
+    PyObject* previous_;
+};
+
+// isinstance(obj, type)
+bool is_instance(nb::handle obj, PyObject* type);
+
+// The Python exception for a caught C++ exception: python_error as it is,
+// bad_alloc as MemoryError, anything else as RuntimeError.
+nb::object exception_object(std::exception_ptr error);
+
+// Runs `body`; if it raises anything, runs `on_error(exc)` with the exception object
+// made the handled exception (so Log::exception records it with its traceback)
+// and returns what on_error returns. This is Python's
+//     try: return body()
+//     except Exception as e: return on_error(e)
+// BaseException subclasses that are not Exception (KeyboardInterrupt, SystemExit)
+// propagate, as they would past `except Exception`.
+template <class Body, class OnError>
+nb::object guard(Body&& body, OnError&& on_error) {
+    nb::object exc;
+    try {
+        return body();
+    } catch (...) {
+        exc = exception_object(std::current_exception());
+    }
+    if (!is_instance(exc, PyExc_Exception)) reraise(exc);
+    HandledException handled(exc);
+    return on_error(exc);
+}
+
+// ---------------------------------------------------- attributes and items --
+
+nb::object getattr(nb::handle obj, const Name& name);          // obj.name
+void setattr(nb::handle obj, const Name& name, nb::handle value);
+bool hasattr(nb::handle obj, const Name& name);
+
+nb::object getitem(nb::handle container, nb::handle key);     // container[key]
+nb::object getitem(nb::handle container, Py_ssize_t index);   // container[index]
+void setitem(nb::handle container, nb::handle key, nb::handle value);
+// d.get(key) for a mapping: a new reference, or an invalid (null) object when absent.
+nb::object dict_get(nb::handle mapping, nb::handle key);
+
+// ---------------------------------------------------------- class builder --
+
+// A function argument that accepts any object, None included, as a Python
+// parameter does (nanobind refuses None unless told otherwise). Use it for every
+// argument of a bound function: arg("freq") = nb::none() gives a default.
+inline auto arg(const char* name) { return nb::arg(name).none(); }
+
+// Builds a plain Python class (created with type(), base object unless given)
+// whose methods are C++ functions. Instances are ordinary Python objects: their
+// state lives in the instance __dict__, they take new attributes, join garbage
+// collection and can be subclassed.
+//
+//     ClassBuilder cls(m, "UDDeltaFreqTableManager", "doc");
+//     cls.def("__init__", &init, nb::arg("sn"));
+//     cls.def_private("helper", &helper);        // _UDDeltaFreqTableManager__helper
+//     nb::object type = cls.finish();            // also sets module.UDDeltaFreqTableManager
+class ClassBuilder {
+public:
+    ClassBuilder(nb::handle module, const char* name, const char* doc = nullptr,
+                 nb::handle bases = nb::handle());
+
+    template <class F, class... Extra>
+    ClassBuilder& def(const char* name, F&& f, const Extra&... extra) {
+        nb::cpp_function_def(std::forward<F>(f), nb::scope(cls_), nb::name(name),
+                             nb::is_method(), extra...);
+        return *this;
+    }
+
+    // A private method, stored under its mangled name.
+    template <class F, class... Extra>
+    ClassBuilder& def_private(const char* name, F&& f, const Extra&... extra) {
+        return def(keep(mangle(name_, name)), std::forward<F>(f), extra...);
+    }
+
+    // A static method (no instance argument).
+    template <class F, class... Extra>
+    ClassBuilder& def_static(const char* name, F&& f, const Extra&... extra) {
+        nb::object fn = nb::cpp_function(std::forward<F>(f), nb::name(name), extra...);
+        nb::setattr(cls_, name, nb::module_::import_("builtins").attr("staticmethod")(fn));
+        return *this;
+    }
+
+    ClassBuilder& attr(const char* name, nb::handle value);   // a class attribute
+    nb::handle type() const { return cls_; }
+    nb::object finish();
+
+private:
+    nb::handle module_;
+    const char* name_;
+    nb::object cls_;
+    static const char* keep(std::string name);   // a name that outlives the builder
+};
+
+}  // namespace vex::py

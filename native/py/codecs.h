@@ -1,0 +1,98 @@
+// Text, CSV, number and JSON codecs with CPython-exact results, and atomic file
+// writing: the Python-facing side of native/codec/.
+//
+// Every function gives the same values, the same bytes and the same exceptions
+// (type and message) as the Python spelled out in its comment. Failures raise
+// nb::python_error carrying that Python exception, so a manager's guard catches
+// and logs them exactly as it would catch Python's own.
+#pragma once
+
+#include "py/bridge.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vex::py {
+
+// ------------------------------------------------------------------ text ---
+
+// open(path).read() in text mode with UTF-8 and universal newlines ("\r\n" and
+// "\r" become "\n"). `path` is a str or an os.PathLike. Raises the OSError that
+// open() raises (FileNotFoundError, IsADirectoryError, PermissionError, ... with
+// errno and filename) or UnicodeDecodeError for invalid UTF-8. Returns UTF-8.
+std::string read_text_file(nb::handle path);
+
+// --------------------------------------------------------------- numbers ---
+
+// int(text) and float(text) for a str cell: same value, same ValueError.
+nb::object int_from_text(std::string_view text);
+nb::object float_from_text(std::string_view text);
+// float(text) as a C double (same acceptance and errors as float_from_text).
+double double_from_text(std::string_view text);
+// int(text) as a C long long; raises ValueError as int() does for bad text and
+// OverflowError when the value does not fit.
+long long longlong_from_text(std::string_view text);
+
+// ------------------------------------------------------------------- CSV ---
+
+using CsvRow = std::vector<std::string>;   // UTF-8 fields of one record
+
+// Rows exactly as csv.reader(lines) yields them with the default dialect, where
+// `lines` are the lines of the text (split after each "\n", as iterating a text
+// file gives them) or the items of a Python iterable of str (a file object,
+// io.StringIO, a list of lines). With drop_nul, every NUL character is removed
+// from each line before the reader sees it (line.replace("\0", "")).
+// Errors raise csv.Error with CPython's message (for example "new-line character
+// seen in unquoted field - do you need to open the file with newline=''?",
+// "field larger than field limit (131072)"); an iterable item that is not a str
+// raises csv.Error as csv.reader does.
+class CsvReader {
+public:
+    CsvReader(std::string_view text, bool drop_nul = false);   // text must outlive the reader
+    CsvReader(nb::handle iterable_of_lines, bool drop_nul = false);
+    ~CsvReader();
+    CsvReader(const CsvReader&) = delete;
+    CsvReader& operator=(const CsvReader&) = delete;
+
+    // Fills `row` with the next record; false at the end. Empty lines give an
+    // empty row, as csv.reader does.
+    bool next(CsvRow& row);
+    // csv.reader's line_num: source lines read so far.
+    long line_num() const;
+
+    struct Impl;
+
+private:
+    Impl* impl_;
+};
+
+// Appends one row as csv.writer(f).writerow(row) writes it with the default
+// dialect (QUOTE_MINIMAL, '"' doubled, "\r\n" line end). Items are Python objects
+// converted as the writer converts them: str as is, None as "", float by repr,
+// any other object by str(); a row that is not iterable raises csv.Error.
+void csv_write_row(std::string& out, nb::handle row);
+
+// ------------------------------------------------------------------ JSON ---
+
+// Appends json.dumps(obj, ensure_ascii=False, indent=indent) (UTF-8). Raises
+// TypeError and ValueError as json.dumps does (unsupported types, bad keys,
+// circular references, NaN is written as NaN). Strings holding lone surrogates
+// raise the UnicodeEncodeError that writing them to a UTF-8 file would raise.
+void json_dumps(nb::handle obj, int indent, std::string& out);
+
+// json.loads(text): the same objects (key order, duplicate keys last wins, ints
+// and floats, NaN/Infinity) and json.JSONDecodeError on the same inputs.
+nb::object json_loads(std::string_view text);
+
+// ------------------------------------------------------------ file writes --
+
+// Replaces the file at `path` (str or os.PathLike) with `data` atomically: the
+// bytes go to a temporary file in the same folder, are flushed, and the temporary
+// file is renamed over the target. On any failure the previous file is untouched,
+// no temporary file remains, and the OSError that open()/write() would raise is
+// raised (errno and filename set). A new file gets the mode open() would give it;
+// an existing file keeps its mode.
+void write_file_atomic(nb::handle path, std::string_view data);
+
+}  // namespace vex::py

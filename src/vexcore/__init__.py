@@ -1,0 +1,1 @@
+"""vexcore: device SDK for millimetre-wave phased-array beamformer boxes."""

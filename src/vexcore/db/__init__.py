@@ -1,0 +1,1 @@
+"""Query service of the vexcore SDK's table database (web mode)."""

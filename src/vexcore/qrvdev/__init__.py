@@ -1,0 +1,1 @@
+"""Device drivers of the vexcore SDK and their table manager."""
