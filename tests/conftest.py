@@ -1,0 +1,47 @@
+"""Shared fixtures: the installed module, an isolated files directory, log capture."""
+import os
+import sysconfig
+
+import pytest
+
+import vexcore.qrvdev.QRVTableManager as _tm
+
+
+def pytest_configure(config):
+    # The tests must exercise the installed build, never sources lying beside them.
+    site = os.path.realpath(sysconfig.get_paths()["purelib"])
+    where = os.path.realpath(_tm.__file__)
+    if not where.startswith(site):
+        raise pytest.UsageError("QRVTableManager imported from %s, not from the installed package" % where)
+
+
+@pytest.fixture
+def tm():
+    """The table-manager module."""
+    return _tm
+
+
+@pytest.fixture
+def files_dir(tmp_path, monkeypatch):
+    """An empty SDK files directory, made current through VEXCORE_FILES_DIR."""
+    directory = tmp_path / "files"
+    directory.mkdir()
+    monkeypatch.setenv("VEXCORE_FILES_DIR", str(directory))
+    return directory
+
+
+@pytest.fixture
+def restore_module_globals():
+    """Lets a test replace module globals of the table manager; they are put back afterwards."""
+    saved = dict(vars(_tm))
+    yield _tm
+    for name in list(vars(_tm)):
+        if name not in saved:
+            delattr(_tm, name)
+    for name, value in saved.items():
+        setattr(_tm, name, value)
+
+
+def records(caplog, logger_name):
+    """(level name, message) of every record of one logger, in order."""
+    return [(r.levelname, r.getMessage()) for r in caplog.records if r.name == logger_name]
