@@ -36,7 +36,13 @@ class Size:
     steered_every: int       # every n-th stored beam is a steered beam, the others channel beams
     kits: int
     arms: int                # common-arm steps per chip in the DATA section
+    gain_steps: int          # element gain steps per arm and mode in the DATA section
+    phase_steps: int         # phase steps per gain step in the DATA section
     com_steps: int           # COMSTEPDR rows per board
+
+    @property
+    def data_rows(self):
+        return self.boards * self.ics * self.arms * 2 * self.gain_steps * self.phase_steps
 
     @property
     def total_channels(self):
@@ -49,8 +55,8 @@ class Size:
 
 
 SIZES = {
-    "small": Size("small", 4, 1, 4, 64, 16, 4, 20, 64, 8),
-    "large": Size("large", 64, 4, 4, 1024, 64, 4, 200, 390, 8),
+    "small": Size("small", 4, 1, 4, 64, 16, 4, 20, 2, 4, 4, 8),
+    "large": Size("large", 64, 4, 4, 1024, 64, 4, 200, 3, 8, 8, 8),
 }
 
 GAIN_STEPS = [x / 2 for x in range(-8, 24)]          # element gains, 0.5 dB steps
@@ -96,16 +102,23 @@ def _arm_range_rows(size, rnd):
 
 
 def _data_rows(size, rnd):
-    """DATA, label, label, board, label, chip, arm, then gain and phase per channel."""
+    """DATA, label, label, board, label, chip, arm, mode, gain, phase, then one register
+    value per channel of the chip."""
     rows = []
     for board in range(1, size.boards + 1):
         for chip in range(1, size.ics + 1):
             for arm in range(1, size.arms + 1):
-                cells = []
-                for _ in range(size.channels):
-                    cells.append(str(rnd.choice(GAIN_STEPS)))
-                    cells.append(str(rnd.choice(PHASE_STEPS)))
-                rows.append(["DATA", "CAL", "B", str(board), "C", str(chip), str(arm)] + cells)
+                rows += _arm_data_rows(size, rnd, ["DATA", "CAL", "B", str(board), "IC", str(chip), str(arm)])
+    return rows
+
+
+def _arm_data_rows(size, rnd, lead):
+    rows = []
+    for mode in ("TX", "RX"):
+        for gain in range(-size.gain_steps, 0):
+            for phase in range(0, 360, 360 // size.phase_steps):
+                registers = [str(rnd.randint(1000, 1400)) for _ in range(size.channels)]
+                rows.append(lead + [mode, "%.1f" % gain, str(phase)] + registers)
     return rows
 
 
@@ -350,7 +363,7 @@ def generate(out_dir, size_name="small", seed=SEED):
 def _manifest(size, seed, cali_name, kit_name, kits, limits):
     ids = stored_beam_ids(size)
     return {
-        "size": asdict(size), "seed": seed, "sn": SERIAL, "freq": FREQ, "devtype": DEV_TYPE,
+        "size": asdict(size), "data_rows": size.data_rows, "seed": seed, "sn": SERIAL, "freq": FREQ, "devtype": DEV_TYPE,
         "layout": [size.boards, size.ics, size.channels], "num_beam": size.beams,
         "calibration_file": cali_name, "kit_name": kit_name, "kits": kits,
         "beam_file": "BeamTable/" + beam_file_name(kit_name),

@@ -100,7 +100,7 @@ def describe_dataset(ws):
     size = lambda name: (data / name).stat().st_size  # noqa: E731
     m = ws.manifest
     return {"layout": m["layout"], "beams_per_mode": m["num_beam"], "kits": len(m["kits"]),
-            "data_rows": m["size"]["boards"] * m["size"]["ics"] * m["size"]["arms"],
+            "data_rows": m["data_rows"],
             "calibration_bytes": size(m["calibration_file"]), "beam_table_bytes": size(m["beam_file"]),
             "old_beam_table_bytes": size(m["old_beam_source"]), "seed": m["seed"]}
 

@@ -86,7 +86,11 @@ def test_generated_calibration_file_parses_with_its_data_rows(tmp_path, monkeypa
     manager = CalibrationTableManager(SN, manifest["freq"], lambda: tuple(manifest["layout"]))
     assert manager.parse().RetCode == RetCode.OK
     arms = manager._CaliTable["BOARD_4"]["DATA_CHIP_1"]
-    assert list(arms)[-1] == "COM_%d" % manifest["size"]["arms"] and len(arms["COM_1"]) == 8
+    size = manifest["size"]
+    assert list(arms)[-1] == "COM_%d" % size["arms"]
+    assert len(arms["COM_1"]) == 2 * size["gain_steps"] * size["phase_steps"]
+    assert list(arms["COM_1"])[:2] == ["TX_-%d_0" % size["gain_steps"], "TX_-%d_90" % size["gain_steps"]]
+    assert all(len(registers) == size["channels"] for registers in arms["COM_2"].values())
     assert manager._freq_list == sorted([manifest["freq"]] + list(gen_data.OTHER_FREQS))
 
 

@@ -56,7 +56,8 @@ def test_calibration_file_has_every_section_and_one_data_row_per_arm(small_set):
     rows = [line.split(",") for line in (folder / manifest["calibration_file"]).read_text().splitlines()]
     keys = [row[0] for row in rows]
     size = manifest["size"]
-    assert keys.count("DATA") == size["boards"] * size["ics"] * size["arms"]
+    assert keys.count("DATA") == manifest["data_rows"] == size["boards"] * size["ics"] * size["arms"] * 2 * \
+        size["gain_steps"] * size["phase_steps"]
     assert keys[-1] == "END"
     assert {"VER", "SN", "FCENTER", "DR", "OFFSET_TX", "OFFSET_RX", "TEMPADC", "TC", "COMDR", "ELEDR",
             "COMSTEPDR"} <= set(keys)

@@ -145,7 +145,7 @@ class CalibrationTableManager:
         """Stores one row; returns a result only when the header check refuses the table."""
         if key in _HEADER_KEYS:
             self.__logger.debug("%s: %s", key, values[0])
-            self.__updateDict(self._CaliTable, key, values[0])
+            self._CaliTable[key] = values[0]
         elif key == "DR":
             self.__readDR(values)
         elif key == "OFFSET_TX" or key == "OFFSET_RX":
@@ -186,9 +186,11 @@ class CalibrationTableManager:
                 self.__insert(["BOARD_%d" % board, mode_name, "OFFSET_CHIP_%d" % chip], channels)
 
     def __readData(self, values):
-        # DATA, label, label, board, label, chip, arm, then gain and phase per channel.
-        arm = "COM_%d" % int(float(values[5]))
-        self.__insert(["BOARD_" + values[2], "DATA_CHIP_" + values[4], arm], [float(v) for v in values[6:]])
+        # DATA, label, label, board, label, chip, arm, mode, gain, phase, one register per channel;
+        # the entry is named mode_gain_phase with the gain truncated to an integer step.
+        entry = "%s_%d_%s" % (values[6], int(float(values[7])), values[8])
+        self.__insert(["BOARD_" + values[2], "DATA_CHIP_" + values[4], "COM_" + values[5], entry],
+                      [int(v) for v in values[9:]])
 
     # ------------------------------------------------------------ queries ---
 
