@@ -157,7 +157,7 @@ def console(report):
     problems = reasons(records)
     if problems:
         parts += ["", "Sides that did not run:"] + ["  " + p for p in problems]
-    parts += ["", "Codecs: " + codec_summary(report.get("codecs", {}))]
+    parts += ["", codec_section(report.get("codecs", {}), text_table)]
     return "\n".join(parts)
 
 
@@ -169,9 +169,20 @@ def markdown(report):
     memory = list(memory_rows(records))
     if memory:
         parts += ["", markdown_table(MEMORY_HEADERS, memory)]
+    parts += ["", codec_section(report.get("codecs", {}), markdown_table)]
     return "\n".join(parts)
 
 
-def codec_summary(codecs):
-    status = codecs.get("status", "not run")
-    return status if status == "ok" else "%s (%s)" % (status, codecs.get("reason", ""))
+CODEC_HEADERS = ["codec (bench_codecs.py)", "data", "native", "stdlib", "speed-up"]
+
+
+def codec_rows(codecs):
+    for r in codecs.get("results", []):
+        yield [r["name"], r["data"], duration(r["native_s"]), duration(r["standard_s"]), times(r["speedup"])]
+
+
+def codec_section(codecs, table):
+    """The codec measurements as a table, or a line saying why there are none."""
+    if codecs.get("status") == "ok":
+        return table(CODEC_HEADERS, codec_rows(codecs))
+    return "Codecs: %s (%s)" % (codecs.get("status", "not run"), codecs.get("reason", ""))
