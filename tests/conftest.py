@@ -33,13 +33,11 @@ def files_dir(tmp_path, monkeypatch):
 @pytest.fixture
 def restore_module_globals():
     """Lets a test replace module globals of the table manager; they are put back afterwards."""
-    saved = dict(vars(_tm))
+    namespace = vars(_tm)
+    saved = dict(namespace)
     yield _tm
-    for name in list(vars(_tm)):
-        if name not in saved:
-            delattr(_tm, name)
-    for name, value in saved.items():
-        setattr(_tm, name, value)
+    namespace.clear()          # clear + update also restores the original order
+    namespace.update(saved)
 
 
 def records(caplog, logger_name):

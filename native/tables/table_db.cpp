@@ -133,7 +133,9 @@ nb::object db_set_aakit_name(nb::handle self, nb::handle name) {
     return ret_ok();
 }
 
-void db_clean_query_cache(nb::handle self) { getattr(self, k_unsent).attr("clear")(); }
+// A fresh mapping rather than clearing the old one: the service may keep the
+// mapping it was handed with a multi-query.
+void db_clean_query_cache(nb::handle self) { setattr(self, k_unsent, nb::dict()); }
 
 // Sends the held-back queries plus `payload` as one multi-query and returns the
 // answers in the order the queries were added.
@@ -152,7 +154,7 @@ nb::object send_multi_query(nb::handle self, nb::handle unsent, Py_ssize_t n, nb
         if (!index.is_valid()) raise_already_set();
         setitem(result, index, getitem(answers, key));
     }
-    nb::borrow(unsent).attr("clear")();
+    db_clean_query_cache(self);
     return ret_data(result);
 }
 

@@ -1,0 +1,64 @@
+"""A scripted stand-in for the query service vexcore.db.QRVDBQueryer.
+
+Installed in sys.modules under the service's name, so the table-database adapter
+loads it by name as it would load the real service. Every call is recorded with a
+deep copy of its arguments taken at call time (the adapter may reuse or empty its
+mappings afterwards), and the original objects are kept for identity checks.
+"""
+import copy
+import sys
+import types
+
+SERVICE_NAME = "vexcore.db.QRVDBQueryer"
+
+
+class Call:
+    def __init__(self, table, payload, query_cmd):
+        self.table = table
+        self.payload_object = payload
+        self.payload = copy.deepcopy(payload)
+        self.query_cmd = query_cmd
+
+
+class FakeService:
+    """Replies come from `replies` (consumed in order) or, when it is empty, from
+    `answer(call)`, which by default answers from `data`: a mapping from
+    (category, dotted key) to value, the way a table database would."""
+
+    def __init__(self):
+        self.tables = []
+        self.calls = []
+        self.replies = []
+        self.data = {}
+        self.answer = self.answer_from_data
+        self.module = types.ModuleType(SERVICE_NAME)
+        self.module.DBQueryer = self.make_queryer
+
+    def make_queryer(self, table_name):
+        self.tables.append(table_name)
+        service = self
+
+        class Queryer:
+            def queryDB(self, payload, queryCmd=None):
+                call = Call(table_name, payload, queryCmd)
+                service.calls.append(call)
+                if service.replies:
+                    return service.replies.pop(0)
+                return service.answer(call)
+
+        return Queryer()
+
+    def answer_from_data(self, call):
+        if call.query_cmd == "getMultiData":
+            answers = {name: self.lookup(p) for name, p in call.payload.items()}
+            return {"code": 0, "data": answers}
+        if call.query_cmd is not None:
+            return {"code": 0, "data": self.data[call.query_cmd]}
+        return {"code": 0, "data": self.lookup(call.payload)}
+
+    def lookup(self, payload):
+        return {key: self.data[(payload["category"], key)] for key in payload["query"]}
+
+    def install(self, monkeypatch):
+        monkeypatch.setitem(sys.modules, SERVICE_NAME, self.module)
+        return self

@@ -1,0 +1,228 @@
+"""The table-database adapter against a scripted query service."""
+import logging
+import sys
+
+import pytest
+
+from conftest import records
+from fake_queryer import SERVICE_NAME, FakeService
+from vexcore.QRVPublic import RetCode
+
+
+@pytest.fixture
+def service(monkeypatch):
+    return FakeService().install(monkeypatch)
+
+
+@pytest.fixture
+def template():
+    return {"sn": "K5350R019-28", "frequency": 28}
+
+
+@pytest.fixture
+def db(tm, service, template):
+    return tm._QRVTableDB("calibration", template)
+
+
+def unsent(db):
+    return db._QRVTableDB__query_unsend
+
+
+# ------------------------------------------------------------ construction --
+
+def test_loads_the_service_by_name_and_makes_one_queryer(db, service, template):
+    assert service.tables == ["calibration"]
+    assert db._QRVTableDB__template is template
+    assert unsent(db) == {}
+
+
+def test_service_is_loaded_relative_to_the_module_name_without_device(tm, service, restore_module_globals):
+    seen = []
+
+    class RecordingImportlib:
+        @staticmethod
+        def import_module(name, package=None):
+            seen.append((name, package))
+            return service.module
+
+    tm.importlib = RecordingImportlib
+    tm._QRVTableDB("calibration", {})
+    tm.__name__ = "vexcore.device.qrvdev.device.QRVTableManager"
+    tm._QRVTableDB("calibration", {})
+    assert seen == [(SERVICE_NAME, "vexcore.qrvdev.QRVTableManager"),
+                    (SERVICE_NAME, "vexcore.qrvdev.QRVTableManager")]
+
+
+@pytest.mark.parametrize("temp", [None, [("sn", "x")], "sn"])
+def test_template_must_be_a_dict(tm, service, temp):
+    with pytest.raises(TypeError):
+        tm._QRVTableDB("calibration", temp)
+    assert service.tables == []
+
+
+def test_setters_write_into_the_creators_template(db, template, service):
+    assert db.setFreq(27.5).RetCode == RetCode.OK
+    assert db.setAAKitName("AAKIT_X").RetData is None
+    assert template == {"sn": "K5350R019-28", "frequency": 27.5, "AAKIT_NAME": "AAKIT_X"}
+    assert service.calls == []
+
+
+def failing_service_module(monkeypatch):
+    module = FakeService().module
+
+    def refuse(table_name):
+        raise ConnectionError("no route to the database")
+
+    module.DBQueryer = refuse
+    monkeypatch.setitem(sys.modules, SERVICE_NAME, module)
+
+
+@pytest.mark.parametrize("cause", ["missing module", "queryer fails"])
+def test_construction_failure_is_logged_and_leaves_a_hollow_object(tm, monkeypatch, caplog, cause):
+    if cause == "missing module":
+        monkeypatch.setitem(sys.modules, SERVICE_NAME, None)   # import raises ImportError
+    else:
+        failing_service_module(monkeypatch)
+    caplog.set_level(logging.DEBUG, logger="TblDB")
+    db = tm._QRVTableDB("calibration", {"sn": "A"})
+    assert records(caplog, "TblDB") == [("ERROR", "Dynamically import DB lib failed")]
+    assert caplog.records[-1].exc_info is not None
+    assert not hasattr(db, "_QRVTableDB__db")
+    with pytest.raises(AttributeError):
+        db.query("VER")
+
+
+# ------------------------------------------------------------ single query --
+
+@pytest.mark.parametrize("key, keys", [
+    ("VER", ["VER"]),
+    (["TX", "HORIZON"], ["TX.HORIZON"]),
+    ([["TX", "HORIZON"], ["RX", "VERTICAL"]], ["TX.HORIZON", "RX.VERTICAL"]),
+    ([], []),
+    (("TX", "RX"), [("TX", "RX")]),
+    (7, [7]),
+])
+def test_query_keys_and_payload(db, service, key, keys):
+    service.replies.append({"code": 0, "data": 1})
+    db.query(key, "BOARD_2")
+    (call,) = service.calls
+    assert call.query_cmd is None
+    assert call.payload == {"sn": "K5350R019-28", "frequency": 28, "category": "BOARD_2", "query": keys}
+
+
+def test_a_list_stops_at_its_first_part_that_is_not_a_list(db, service):
+    # The whole list is then joined, which fails on the inner list as str.join does.
+    with pytest.raises(TypeError):
+        db.query([["TX", "COMDR"], "ELEDR"])
+    assert service.calls == []
+
+
+def test_payload_is_a_copy_and_defaults_to_the_general_category(db, service, template):
+    service.replies.append({"code": 0, "data": {}})
+    db.query()
+    (call,) = service.calls
+    assert call.payload_object is not template
+    assert call.payload == dict(template, category="GENERAL", query=[""])
+    assert "category" not in template
+
+
+@pytest.mark.parametrize("data, expected", [
+    ({"VER": "2.1.0"}, "2.1.0"),
+    ({"TX.COMDR": [1.0], "TX.ELEDR": [2.0]}, {"TX.COMDR": [1.0], "TX.ELEDR": [2.0]}),
+    ({}, {}),
+    ([1, 2], [1, 2]),
+    ("text", "text"),
+    (None, None),
+])
+def test_reply_data_is_unwrapped_only_when_it_holds_one_key(db, service, data, expected):
+    service.replies.append({"code": 0, "data": data})
+    ret = db.query("VER")
+    assert ret.RetCode == RetCode.OK
+    assert ret.RetData == expected
+
+
+def test_query_is_logged_at_debug_level_with_its_payload(db, service, caplog):
+    caplog.set_level(logging.DEBUG, logger="TblDB")
+    service.replies.append({"code": 0, "data": 1})
+    db.query("VER")
+    (record,) = [r for r in caplog.records if r.name == "TblDB"]
+    assert record.levelname == "DEBUG"
+    assert record.msg == "[Query]: %s"
+    # logging keeps a lone mapping argument as the args themselves.
+    assert record.args == service.calls[0].payload
+
+
+def test_table_list_sends_the_template_itself_with_the_list_command(db, service, template):
+    service.replies.append({"code": 0, "data": {"Freq": [27.5, 28.0]}})
+    assert db.getTableList("Freq").RetData == [27.5, 28.0]
+    (call,) = service.calls
+    assert call.query_cmd == "getFreqList"
+    assert call.payload_object is template
+
+
+# ------------------------------------------------------------- multi-query --
+
+def test_held_back_queries_go_out_as_one_multi_query_in_the_order_added(db, service, caplog):
+    caplog.set_level(logging.DEBUG, logger="TblDB")
+    assert db.query("VER", applySetting=False).RetData is None
+    held = db.query(["TX", "COMDR"], "BOARD_1", applySetting=False)
+    assert (held.RetCode, held.RetMsg, held.RetData) == (RetCode.OK, "", None)
+    assert service.calls == [] and records(caplog, "TblDB") == []
+
+    # The reply lists its answers in another order than they were asked.
+    service.replies.append({"code": 0, "data": {"query-2": "c", "query-0": "a", "query-1": "b"}})
+    ret = db.query("SN", "GENERAL")
+    assert ret.RetData == ["a", "b", "c"]
+    (call,) = service.calls
+    assert call.query_cmd == "getMultiData"
+    assert list(call.payload) == ["query-0", "query-1", "query-2"]
+    assert [p["query"] for p in call.payload.values()] == [["VER"], ["TX.COMDR"], ["SN"]]
+    assert call.payload["query-1"]["category"] == "BOARD_1"
+    assert unsent(db) == {}
+    # The mapping the service was handed is its own to keep.
+    assert list(call.payload_object) == ["query-0", "query-1", "query-2"]
+
+
+def test_a_failed_multi_query_keeps_every_held_back_query(db, service):
+    db.query("VER", applySetting=False)
+    service.replies.append("connection refused")
+    with pytest.raises(Exception) as caught:
+        db.query("SN")
+    assert caught.value.ret.RetCode == RetCode.ERROR_DB_SERVER
+    assert [p["query"] for p in unsent(db).values()] == [["VER"], ["SN"]]
+    db.cleanQueryCache()
+    assert unsent(db) == {}
+    service.replies.append({"code": 0, "data": {"SN": "K1"}})
+    assert db.query("SN").RetData == "K1"
+    assert service.calls[-1].query_cmd is None
+
+
+# ------------------------------------------------------------------ errors --
+
+@pytest.mark.parametrize("reply, code, message", [
+    ("", RetCode.ERROR_DB_SERVER, "DB server connection error"),
+    ("timeout", RetCode.ERROR_DB_SERVER, "DB server connection error"),
+    ({"code": 3, "message": "no such table"}, RetCode.ERROR_DB_FEEDBACK, "no such table"),
+    ({"code": "0", "message": "code given as text"}, RetCode.ERROR_DB_FEEDBACK, "code given as text"),
+])
+def test_failed_replies_raise_the_database_error(tm, db, service, reply, code, message):
+    service.replies.append(reply)
+    with pytest.raises(tm.QRVTableDBError) as caught:
+        db.query("VER")
+    error = caught.value
+    assert (error.ret.RetCode, error.ret.RetMsg, error.ret.RetData) == (code, message, None)
+    assert error.args == (message,)
+    assert str(error) == message
+
+
+@pytest.mark.parametrize("reply", [{"data": 1}, {"code": 0}, {"code": 1}])
+def test_a_reply_missing_a_field_raises_key_error(db, service, reply):
+    service.replies.append(reply)
+    with pytest.raises(KeyError):
+        db.query("VER")
+
+
+def test_database_error_is_an_exception_carrying_a_result(tm):
+    error = tm.QRVTableDBError(RetCode.ERROR_DB_FEEDBACK, "bad")
+    assert isinstance(error, Exception)
+    assert (error.ret.RetCode, error.ret.RetMsg) == (RetCode.ERROR_DB_FEEDBACK, "bad")
