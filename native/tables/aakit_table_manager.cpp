@@ -276,17 +276,8 @@ const std::string& value_at(const CsvRow& row, size_t index) {
     return row[index + 1];
 }
 
-// int(text), exact for values beyond 64 bits too.
-nb::object int_object(std::string_view text) {
-    try {
-        PyObject* value = PyLong_FromLongLong(longlong_from_text(text));
-        if (!value) raise_already_set();
-        return nb::steal(value);
-    } catch (nb::python_error& e) {
-        if (!e.matches(PyExc_OverflowError)) throw;
-    }
-    return int_from_text(text);
-}
+// int(text) with Python's rules (big values, underscores, blanks around).
+nb::object int_object(std::string_view text) { return int_from_text(text); }
 
 // [float(first value), float(second value)]; cells after the second are ignored.
 nb::object float_pair(const CsvRow& row) {
