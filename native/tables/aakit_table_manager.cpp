@@ -15,9 +15,12 @@
 #include "tables/tables.h"
 #include "py/codecs.h"
 
+#include <algorithm>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vex::tables {
 namespace {
@@ -63,6 +66,7 @@ const Name k_empty{""};
 // Module globals, looked up when used.
 const Name g_os{"os"};
 const Name g_glob{"glob"};
+const Name g_csv{"csv"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_datetime{"datetime"};
@@ -239,6 +243,79 @@ nb::object get_table_path(nb::handle self) {
 
 // ============================================================ parsing ======
 
+// The cells of one CSV row, key first: views into the file text or into the
+// CSV reader's current row, valid until the next row is read.
+using Cells = std::vector<std::string_view>;
+
+// The rows of a kit file exactly as csv.reader yields them. Kit files are plain
+// names and numbers between commas: for a text without quote characters or NUL
+// whose lines are no longer than csv's field limit, csv.reader's rows are just its
+// lines split at each comma, so the cells are taken straight from the text without
+// copying. Any other text goes through the full CSV reader.
+class KitRows {
+public:
+    KitRows(std::string_view text, long field_limit) : text_(text) {
+        if (!plain_text(field_limit)) reader_ = std::make_unique<CsvReader>(text);
+    }
+
+    // The next row into `cells` (empty for a blank line); false at the end.
+    bool next(Cells& cells) {
+        cells.clear();
+        return reader_ ? next_from_reader(cells) : next_plain_line(cells);
+    }
+
+private:
+    bool plain_text(long field_limit) const {
+        if (text_.find('"') != std::string_view::npos) return false;
+        if (text_.find('\0') != std::string_view::npos) return false;
+        for (size_t pos = 0; pos < text_.size();) {
+            size_t end = std::min(text_.find('\n', pos), text_.size());
+            if (static_cast<long>(end - pos) > field_limit) return false;
+            pos = end + 1;
+        }
+        return true;
+    }
+
+    bool next_plain_line(Cells& cells) {
+        if (pos_ >= text_.size()) return false;
+        size_t end = std::min(text_.find('\n', pos_), text_.size());
+        std::string_view line = text_.substr(pos_, end - pos_);
+        pos_ = end + 1;
+        if (line.empty()) return true;
+        // Offset rows hold a thousand cells of a few characters: size the vector
+        // once (it keeps its capacity from row to row) and fill it in one pass.
+        cells.resize(static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1);
+        const char* data = line.data();
+        size_t cell = 0, start = 0;
+        for (size_t i = 0; i < line.size(); ++i) {
+            if (data[i] != ',') continue;
+            cells[cell++] = std::string_view(data + start, i - start);
+            start = i + 1;
+        }
+        cells[cell] = std::string_view(data + start, line.size() - start);
+        return true;
+    }
+
+    bool next_from_reader(Cells& cells) {
+        if (!reader_->next(row_)) return false;
+        for (const std::string& cell : row_) cells.emplace_back(cell);
+        return true;
+    }
+
+    std::string_view text_;
+    size_t pos_ = 0;
+    std::unique_ptr<CsvReader> reader_;
+    CsvRow row_;
+};
+
+long csv_field_limit() {
+    static const Name field_size_limit{"field_size_limit"};
+    nb::object limit = getattr(global(g_csv), field_size_limit)();
+    long value = PyLong_AsLong(limit.ptr());
+    if (value == -1 && PyErr_Occurred()) raise_already_set();
+    return value;
+}
+
 // What one kit file yields: its name ("" until a name row is read), its record,
 // and whether a rule refused the file.
 struct KitFile {
@@ -271,7 +348,7 @@ nb::object key_object(std::string_view key) {
 }
 
 // row[1 + index] of the row after its key, with the IndexError Python raises.
-const std::string& value_at(const CsvRow& row, size_t index) {
+std::string_view value_at(const Cells& row, size_t index) {
     if (index + 1 >= row.size()) raise(PyExc_IndexError, "list index out of range");
     return row[index + 1];
 }
@@ -280,14 +357,14 @@ const std::string& value_at(const CsvRow& row, size_t index) {
 nb::object int_object(std::string_view text) { return int_from_text(text); }
 
 // [float(first value), float(second value)]; cells after the second are ignored.
-nb::object float_pair(const CsvRow& row) {
+nb::object float_pair(const Cells& row) {
     nb::object first = float_object(double_from_text(value_at(row, 0)));
     nb::object second = float_object(double_from_text(value_at(row, 1)));
     return pair_list(first, second);
 }
 
 // [int(v) for v in values]
-nb::object offset_list(const CsvRow& row) {
+nb::object offset_list(const Cells& row) {
     Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
     nb::object list = nb::steal(PyList_New(count));
     if (!list.is_valid()) raise_already_set();
@@ -296,7 +373,7 @@ nb::object offset_list(const CsvRow& row) {
     return list;
 }
 
-bool read_device_type(nb::handle self, const Log& log, nb::handle path, const CsvRow& row, KitFile& kit) {
+bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     nb::object dev = int_object(value_at(row, 0));
     if (!contains(getattr(self, k_support_devs), dev)) {
         if (log.on(WARNING))
@@ -312,7 +389,7 @@ bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Cs
     return true;
 }
 
-bool read_kit_type(const Log& log, const CsvRow& row, KitFile& kit) {
+bool read_kit_type(const Log& log, const Cells& row, KitFile& kit) {
     nb::object type = int_object(value_at(row, 0));
     if (compare(type, nb::int_(1), Py_GT)) {
         log.error(str("Unknown custom type: %d"), type);
@@ -322,7 +399,7 @@ bool read_kit_type(const Log& log, const CsvRow& row, KitFile& kit) {
     return true;
 }
 
-bool read_offsets(nb::handle self, const Log& log, const CsvRow& row, KitFile& kit) {
+bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& kit) {
     nb::object key = key_object(row[0]);
     nb::object count = py_int(static_cast<Py_ssize_t>(row.size()) - 1);
     nb::object total_ch = getattr(self, k_totol_ch);
@@ -337,7 +414,7 @@ bool read_offsets(nb::handle self, const Log& log, const CsvRow& row, KitFile& k
 }
 
 // Applies one non-empty row to the kit; false when the row makes the file skipped.
-bool apply_row(nb::handle self, const Log& log, nb::handle path, const CsvRow& row, KitFile& kit) {
+bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     std::string_view key = row[0];
     switch (rule_for(key)) {
     case Rule::Name:
@@ -363,9 +440,9 @@ bool apply_row(nb::handle self, const Log& log, nb::handle path, const CsvRow& r
 
 void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& kit) {
     std::string text = read_text_file(path);
-    CsvReader reader(text);
-    CsvRow row;
-    while (reader.next(row)) {
+    KitRows rows(text, csv_field_limit());
+    Cells row;
+    while (rows.next(row)) {
         if (row.empty()) continue;
         if (!apply_row(self, log, path, row, kit)) {
             kit.skipped = true;
