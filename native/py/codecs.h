@@ -95,4 +95,10 @@ nb::object json_loads(std::string_view text);
 // an existing file keeps its mode.
 void write_file_atomic(nb::handle path, std::string_view data);
 
+// ------------------------------------------------------------ internals ---
+
+// Defines the internal submodule `_codec` of `m`: thin wrappers over the
+// functions above, for the tests and benchmarks. Not part of the public API.
+void define_codec_submodule(nb::module_& m);
+
 }  // namespace vex::py

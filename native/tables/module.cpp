@@ -2,6 +2,8 @@
 // module's own names in a fixed order (each definition may rely on the earlier).
 #include "tables/tables.h"
 
+#include "py/codecs.h"
+
 namespace {
 
 void bind(nb::module_& m, const char* name, nb::handle value) { m.attr(name) = value; }
@@ -54,4 +56,5 @@ NB_MODULE(QRVTableManager, m) {
     define_ud_delta_freq_table_manager(m);
     define_table_db(m);
     define_check_hooks(m);
+    vex::py::define_codec_submodule(m);
 }

@@ -15,6 +15,8 @@ from vexcore.QRVPublic import BeamType as BeamType, CellRFMode as CellRFMode, PO
 from vexcore.QRVPublic import RetCode as RetCode, RFMode as RFMode
 from vexcore.QRVUtils import RetType as RetType, _Utils as _Utils
 
+from . import _codec as _codec   # internal: native codecs for tests and benchmarks
+
 _Layout = Union[Sequence[int], Callable[[], Sequence[int]]]
 _Callback = Callable[..., RetType]
 

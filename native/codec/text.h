@@ -1,0 +1,27 @@
+// Decoding file bytes the way Python's text mode does with UTF-8 and universal
+// newlines, without any Python object.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace vex::codec {
+
+// Appends `raw` to `out` with "\r\n" and lone "\r" turned into "\n". Returns
+// false, leaving `out` partly filled, when `raw` is not strict UTF-8 (overlong
+// forms, surrogates, code points above U+10FFFF and truncated sequences are
+// refused, as the 'utf-8' codec refuses them). A byte order mark is kept.
+bool decode_utf8_text(std::string_view raw, std::string& out);
+
+// True when `raw` is strict UTF-8.
+bool is_strict_utf8(std::string_view raw);
+
+// The number of code points in valid UTF-8 text.
+std::size_t count_code_points(std::string_view utf8);
+
+// Reads the whole file. Returns 0 or the errno of the failing step; a directory
+// gives EISDIR, as opening one for reading in Python does.
+int read_file_bytes(const char* path, std::string& out);
+
+}  // namespace vex::codec

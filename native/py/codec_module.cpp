@@ -1,0 +1,84 @@
+// The internal submodule `_codec`: the codec functions reachable from Python so
+// that tests can compare them with the standard library and benchmarks can time
+// them. Drivers never use it.
+#include "py/codecs.h"
+
+#include <nanobind/stl/string.h>
+
+namespace vex::py {
+namespace {
+
+// UTF-8 of a str, lone surrogates kept, as a C++ caller would hand it over.
+std::string utf8_arg(nb::handle s) {
+    if (!PyUnicode_Check(s.ptr())) raise(PyExc_TypeError, "a str is required");
+    PyObject* bytes = PyUnicode_AsEncodedString(s.ptr(), "utf-8", "surrogatepass");
+    if (!bytes) raise_already_set();
+    nb::object owner = nb::steal(bytes);
+    return std::string(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
+}
+
+nb::object rows_as_lists(CsvReader& reader) {
+    nb::list rows;
+    CsvRow row;
+    while (reader.next(row)) {
+        nb::list fields;
+        for (const std::string& field : row) fields.append(str(field));
+        rows.append(fields);
+    }
+    return rows;
+}
+
+// csv_rows(source, drop_nul=False): source is a str (split into lines here) or
+// an iterable of lines. Returns (rows, line_num).
+nb::object csv_rows(nb::handle source, nb::handle drop_nul) {
+    const bool drop = PyObject_IsTrue(drop_nul.ptr()) == 1;
+    if (PyUnicode_Check(source.ptr())) {
+        const std::string text = utf8_arg(source);
+        CsvReader reader(std::string_view(text), drop);
+        nb::object rows = rows_as_lists(reader);
+        return nb::make_tuple(rows, reader.line_num());
+    }
+    CsvReader reader(source, drop);
+    nb::object rows = rows_as_lists(reader);
+    return nb::make_tuple(rows, reader.line_num());
+}
+
+// csv_text(rows): the text csv.writer writes for these rows.
+nb::object csv_text(nb::handle rows) {
+    std::string out;
+    for (nb::handle row : rows) csv_write_row(out, row);
+    return str(out);
+}
+
+nb::object json_text(nb::handle obj, nb::handle indent) {
+    std::string out;
+    json_dumps(obj, nb::cast<int>(indent), out);
+    return str(out);
+}
+
+void write_atomic(nb::handle path, nb::handle data) {
+    if (PyBytes_Check(data.ptr())) {
+        write_file_atomic(path, std::string_view(PyBytes_AS_STRING(data.ptr()),
+                                                 static_cast<std::size_t>(PyBytes_GET_SIZE(data.ptr()))));
+        return;
+    }
+    write_file_atomic(path, utf8_arg(data));
+}
+
+}  // namespace
+
+void define_codec_submodule(nb::module_& m) {
+    nb::module_ c = m.def_submodule("_codec", "Internal: the native codecs, exposed for tests and benchmarks.");
+    c.def("read_text_file", [](nb::handle path) { return str(read_text_file(path)); }, arg("path"));
+    c.def("int_from_text", [](nb::handle s) { return int_from_text(utf8_arg(s)); }, arg("text"));
+    c.def("float_from_text", [](nb::handle s) { return float_from_text(utf8_arg(s)); }, arg("text"));
+    c.def("double_from_text", [](nb::handle s) { return double_from_text(utf8_arg(s)); }, arg("text"));
+    c.def("longlong_from_text", [](nb::handle s) { return longlong_from_text(utf8_arg(s)); }, arg("text"));
+    c.def("csv_rows", &csv_rows, arg("source"), arg("drop_nul") = false);
+    c.def("csv_text", &csv_text, arg("rows"));
+    c.def("json_dumps", &json_text, arg("obj"), arg("indent"));
+    c.def("json_loads", [](nb::handle s) { return json_loads(utf8_arg(s)); }, arg("text"));
+    c.def("write_file_atomic", &write_atomic, arg("path"), arg("data"));
+}
+
+}  // namespace vex::py

@@ -1,0 +1,510 @@
+// The Python-object side of the codecs: paths, str objects, exceptions and the
+// walk over Python containers. The byte-level work is in native/codec/.
+#include "py/codecs.h"
+
+#include "codec/atomic_file.h"
+#include "codec/csv.h"
+#include "codec/json.h"
+#include "codec/numbers.h"
+#include "codec/text.h"
+
+#include <cerrno>
+#include <unordered_set>
+
+namespace vex::py {
+namespace {
+
+const Name k_csv{"csv"};
+const Name k_json{"json"};
+const Name k_Error{"Error"};
+const Name k_field_size_limit{"field_size_limit"};
+const Name k_loads{"loads"};
+const Name k_items{"items"};
+
+// ------------------------------------------------------------------ paths --
+
+// A path as open() takes it: os.fspath(path) (kept as the filename of errors)
+// and its file-system bytes.
+struct FsPath {
+    nb::object given;
+    std::string bytes;
+};
+
+FsPath fs_path(nb::handle path) {
+    FsPath result;
+    PyObject* fspath = PyOS_FSPath(path.ptr());
+    if (!fspath) raise_already_set();
+    result.given = nb::steal(fspath);
+    PyObject* encoded = nullptr;
+    if (!PyUnicode_FSConverter(fspath, &encoded)) raise_already_set();
+    nb::object owner = nb::steal(encoded);
+    result.bytes.assign(PyBytes_AS_STRING(encoded), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded)));
+    return result;
+}
+
+// The OSError subclass open() raises for this errno, with errno, text and filename.
+[[noreturn]] void raise_os_error(int err, nb::handle filename) {
+    errno = err;
+    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename.ptr());
+    raise_already_set();
+}
+
+// ------------------------------------------------------------------- text --
+
+// A str from UTF-8 that may carry lone surrogates (as our CSV fields can when
+// they came from a str object holding them).
+nb::object text_object(std::string_view text) { return str(text); }
+
+// UTF-8 of a str object; lone surrogates are kept (encoded as such) when
+// `keep_surrogates`, else they raise the UnicodeEncodeError a UTF-8 write raises.
+std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates) {
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(s.ptr(), &size);
+    if (data) return {data, static_cast<std::size_t>(size)};
+    if (!keep_surrogates) raise_already_set();
+    PyErr_Clear();
+    PyObject* bytes = PyUnicode_AsEncodedString(s.ptr(), "utf-8", "surrogatepass");
+    if (!bytes) raise_already_set();
+    keeper = nb::steal(bytes);
+    return {PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))};
+}
+
+// ---------------------------------------------------------------- csv.Error --
+
+nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
+
+[[noreturn]] void raise_csv_error(nb::handle message) {
+    PyErr_SetObject(csv_error_type().ptr(), message.ptr());
+    raise_already_set();
+}
+
+[[noreturn]] void raise_csv_error(const codec::CsvParser& parser) {
+    if (parser.error() == codec::CsvError::field_too_large)
+        raise_csv_error(nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)",
+                                                       parser.field_limit())));
+    raise_csv_error(str("new-line character seen in unquoted field - "
+                        "do you need to open the file in universal-newline mode?"));
+}
+
+long current_field_limit() {
+    nb::object limit = getattr(global(k_csv), k_field_size_limit)();
+    const long value = PyLong_AsLong(limit.ptr());
+    if (value == -1 && PyErr_Occurred()) raise_already_set();
+    return value;
+}
+
+}  // namespace
+
+// ================================================================== text ===
+
+std::string read_text_file(nb::handle path) {
+    const FsPath where = fs_path(path);
+    std::string raw;
+    int err = 0;
+    {
+        nb::gil_scoped_release unlocked;
+        err = codec::read_file_bytes(where.bytes.c_str(), raw);
+    }
+    if (err != 0) raise_os_error(err, where.given);
+    std::string text;
+    if (codec::decode_utf8_text(raw, text)) return text;
+    // The codec itself reports the bad bytes, so the error is the one open().read() gives.
+    PyObject* decoded = PyUnicode_DecodeUTF8(raw.data(), static_cast<Py_ssize_t>(raw.size()), "strict");
+    if (!decoded) raise_already_set();
+    Py_DECREF(decoded);
+    raise(PyExc_UnicodeError, "text could not be decoded as UTF-8");
+}
+
+// =============================================================== numbers ===
+
+nb::object int_from_text(std::string_view text) {
+    long long value = 0;
+    if (codec::parse_plain_int(text, value)) return nb::steal(PyLong_FromLongLong(value));
+    nb::object s = text_object(text);
+    PyObject* result = PyLong_FromUnicodeObject(s.ptr(), 10);
+    if (!result) raise_already_set();
+    return nb::steal(result);
+}
+
+nb::object float_from_text(std::string_view text) {
+    double value = 0;
+    if (codec::parse_plain_double(text, value)) return nb::steal(PyFloat_FromDouble(value));
+    nb::object s = text_object(text);
+    PyObject* result = PyFloat_FromString(s.ptr());
+    if (!result) raise_already_set();
+    return nb::steal(result);
+}
+
+double double_from_text(std::string_view text) {
+    double value = 0;
+    if (codec::parse_plain_double(text, value)) return value;
+    return PyFloat_AS_DOUBLE(float_from_text(text).ptr());
+}
+
+long long longlong_from_text(std::string_view text) {
+    long long value = 0;
+    if (codec::parse_plain_int(text, value)) return value;
+    nb::object number = int_from_text(text);
+    value = PyLong_AsLongLong(number.ptr());
+    if (value == -1 && PyErr_Occurred()) raise_already_set();
+    return value;
+}
+
+// =================================================================== CSV ===
+
+struct CsvReader::Impl {
+    explicit Impl(bool drop) : parser(current_field_limit()), drop_nul(drop) {}
+
+    codec::CsvParser parser;
+    bool drop_nul;
+    long line_num = 0;
+    // Source: in-memory text, or an iterator of str.
+    std::string_view text;
+    std::size_t text_pos = 0;
+    nb::object iterator;
+    // The current line when it had to be copied (NUL removal, surrogates).
+    std::string line_copy;
+    nb::object line_object;
+
+    bool next_line(std::string_view& line);
+    bool next_text_line(std::string_view& line);
+    bool next_iterated_line(std::string_view& line);
+    std::string_view without_nul(std::string_view line);
+};
+
+std::string_view CsvReader::Impl::without_nul(std::string_view line) {
+    if (!drop_nul || line.find('\0') == std::string_view::npos) return line;
+    line_copy.clear();
+    for (char c : line)
+        if (c != '\0') line_copy.push_back(c);
+    return line_copy;
+}
+
+// The next line of the text: up to and including "\n", or the rest.
+bool CsvReader::Impl::next_text_line(std::string_view& line) {
+    if (text_pos >= text.size()) return false;
+    const std::size_t newline = text.find('\n', text_pos);
+    const std::size_t end = newline == std::string_view::npos ? text.size() : newline + 1;
+    line = text.substr(text_pos, end - text_pos);
+    text_pos = end;
+    return true;
+}
+
+bool CsvReader::Impl::next_iterated_line(std::string_view& line) {
+    PyObject* item = PyIter_Next(iterator.ptr());
+    if (!item) {
+        if (PyErr_Occurred()) raise_already_set();
+        return false;
+    }
+    line_object = nb::steal(item);
+    if (!PyUnicode_Check(item)) {
+        raise_csv_error(nb::steal(PyUnicode_FromFormat(
+            "iterator should return strings, not %.200s (the file should be opened in text mode)",
+            Py_TYPE(item)->tp_name)));
+    }
+    nb::object keeper;
+    line = utf8_of(line_object, keeper, true);
+    if (keeper.is_valid()) {
+        line_copy.assign(line.data(), line.size());
+        line = line_copy;
+    }
+    return true;
+}
+
+bool CsvReader::Impl::next_line(std::string_view& line) {
+    const bool got = iterator.is_valid() ? next_iterated_line(line) : next_text_line(line);
+    if (got) line = without_nul(line);
+    return got;
+}
+
+CsvReader::CsvReader(std::string_view text, bool drop_nul) : impl_(new Impl(drop_nul)) {
+    impl_->text = text;
+}
+
+CsvReader::CsvReader(nb::handle iterable_of_lines, bool drop_nul) : impl_(nullptr) {
+    PyObject* it = PyObject_GetIter(iterable_of_lines.ptr());
+    if (!it) raise_already_set();
+    nb::object iterator = nb::steal(it);
+    impl_ = new Impl(drop_nul);
+    impl_->iterator = std::move(iterator);
+}
+
+CsvReader::~CsvReader() { delete impl_; }
+
+long CsvReader::line_num() const { return impl_->line_num; }
+
+bool CsvReader::next(CsvRow& row) {
+    Impl& s = *impl_;
+    s.parser.reset();
+    std::string_view line;
+    for (;;) {
+        if (!s.next_line(line)) {
+            if (!s.parser.finish()) return false;
+            break;
+        }
+        ++s.line_num;
+        if (!s.parser.feed_line(line)) raise_csv_error(s.parser);
+        if (s.parser.record_done()) break;
+    }
+    const std::size_t count = s.parser.field_count();
+    row.resize(count);
+    for (std::size_t i = 0; i < count; ++i) row[i].swap(s.parser.fields()[i]);
+    return true;
+}
+
+void csv_write_row(std::string& out, nb::handle row) {
+    PyObject* it = PyObject_GetIter(row.ptr());
+    if (!it) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
+        PyErr_Clear();
+        raise_csv_error(nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s",
+                                                       Py_TYPE(row.ptr())->tp_name)));
+    }
+    nb::object iterator = nb::steal(it);
+    const std::size_t start = out.size();
+    std::size_t fields = 0;
+    try {
+        while (PyObject* raw_item = PyIter_Next(it)) {
+            nb::object item = nb::steal(raw_item);
+            std::string_view text;
+            nb::object text_obj, keeper;
+            if (PyUnicode_Check(raw_item)) {
+                text = utf8_of(item, keeper, false);
+            } else if (raw_item != Py_None) {
+                PyObject* s = PyObject_Str(raw_item);
+                if (!s) raise_already_set();
+                text_obj = nb::steal(s);
+                text = utf8_of(text_obj, keeper, false);
+            }
+            codec::csv_append_field(out, text, fields == 0);
+            ++fields;
+        }
+        if (PyErr_Occurred()) raise_already_set();
+    } catch (...) {
+        out.resize(start);   // no half row is left behind
+        throw;
+    }
+    codec::csv_end_record(out, start, fields);
+}
+
+// ================================================================== JSON ===
+
+namespace {
+
+// The walk of json's pure-Python encoder (_make_iterencode), writing into one
+// buffer. Type checks run in the encoder's order: str, None, True, False, int,
+// float, list/tuple, dict; anything else is refused as the default hook does.
+class JsonEncoder {
+public:
+    JsonEncoder(std::string& out, int indent) : out_(out), indent_(indent > 0 ? indent : 0) {}
+
+    void value(PyObject* o, std::size_t level) {
+        if (scalar(o)) return;
+        if (PyList_Check(o) || PyTuple_Check(o)) return sequence(o, level);
+        if (PyDict_Check(o)) return mapping(o, level);
+        // The encoder marks the object before calling its default hook, which refuses it.
+        PyErr_Format(PyExc_TypeError, "Object of type %s is not JSON serializable",
+                     Py_TYPE(o)->tp_name);
+        raise_already_set();
+    }
+
+private:
+    // Writes str, None, bool, int and float values; false for anything else.
+    bool scalar(PyObject* o) {
+        if (PyUnicode_Check(o)) {
+            string(o);
+        } else if (o == Py_None) {
+            out_.append("null");
+        } else if (o == Py_True) {
+            out_.append("true");
+        } else if (o == Py_False) {
+            out_.append("false");
+        } else if (PyLong_Check(o)) {
+            integer(o);
+        } else if (PyFloat_Check(o)) {
+            codec::append_json_float(out_, PyFloat_AS_DOUBLE(o));
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    void string(PyObject* s) {
+        nb::object keeper;
+        codec::append_json_string(out_, utf8_of(nb::handle(s), keeper, false));
+    }
+
+    // int.__repr__, also for int subclasses (IntEnum members are written as numbers).
+    void integer(PyObject* o) {
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
+        if (!overflow) {
+            if (v == -1 && PyErr_Occurred()) raise_already_set();
+            codec::append_int(out_, v);
+            return;
+        }
+        PyObject* text = PyLong_Type.tp_repr(o);
+        if (!text) raise_already_set();
+        nb::object keeper = nb::steal(text);
+        Py_ssize_t size = 0;
+        const char* data = PyUnicode_AsUTF8AndSize(text, &size);
+        if (!data) raise_already_set();
+        out_.append(data, static_cast<std::size_t>(size));
+    }
+
+    // A dict key as the encoder coerces it, or a TypeError.
+    void key(PyObject* k) {
+        if (PyUnicode_Check(k)) return string(k);
+        std::string text;
+        if (PyFloat_Check(k)) codec::append_json_float(text, PyFloat_AS_DOUBLE(k));
+        else if (k == Py_True) text = "true";
+        else if (k == Py_False) text = "false";
+        else if (k == Py_None) text = "null";
+        else if (PyLong_Check(k)) {
+            std::swap(text, out_);
+            try { integer(k); } catch (...) { std::swap(text, out_); throw; }
+            std::swap(text, out_);
+        } else {
+            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %s",
+                         Py_TYPE(k)->tp_name);
+            raise_already_set();
+        }
+        codec::append_json_string(out_, text);
+    }
+
+    // The encoder's marker for containers on the current path.
+    struct Marker {
+        Marker(JsonEncoder& e, PyObject* o) : enc(e), obj(o) {
+            if (!enc.markers_.insert(o).second) {
+                PyErr_SetString(PyExc_ValueError, "Circular reference detected");
+                raise_already_set();
+            }
+            if (Py_EnterRecursiveCall(" while encoding a JSON object")) {
+                enc.markers_.erase(o);
+                raise_already_set();
+            }
+        }
+        ~Marker() {
+            Py_LeaveRecursiveCall();
+            enc.markers_.erase(obj);
+        }
+        JsonEncoder& enc;
+        PyObject* obj;
+    };
+
+    // `not container`, through __len__/__bool__ for subclasses as Python does.
+    static bool is_empty(PyObject* o) {
+        const int truth = PyObject_IsTrue(o);
+        if (truth < 0) raise_already_set();
+        return truth == 0;
+    }
+
+    void open_item(bool first, std::size_t level) {
+        if (!first) out_.push_back(',');
+        codec::append_newline_indent(out_, level * indent_);
+    }
+
+    void sequence(PyObject* o, std::size_t level) {
+        if (is_empty(o)) {
+            out_.append("[]");
+            return;
+        }
+        Marker mark(*this, o);
+        out_.push_back('[');
+        if (PyList_CheckExact(o) || PyTuple_CheckExact(o)) {
+            for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(o); ++i) {
+                open_item(i == 0, level + 1);
+                nb::object item = nb::borrow(PySequence_Fast_GET_ITEM(o, i));
+                value(item.ptr(), level + 1);
+            }
+        } else {
+            nb::object it = nb::steal(PyObject_GetIter(o));
+            if (!it.is_valid()) raise_already_set();
+            bool first = true;
+            while (PyObject* raw = PyIter_Next(it.ptr())) {
+                nb::object item = nb::steal(raw);
+                open_item(first, level + 1);
+                first = false;
+                value(raw, level + 1);
+            }
+            if (PyErr_Occurred()) raise_already_set();
+        }
+        codec::append_newline_indent(out_, level * indent_);
+        out_.push_back(']');
+    }
+
+    void member(PyObject* k, PyObject* v, bool first, std::size_t level) {
+        open_item(first, level);
+        key(k);
+        out_.append(": ");
+        value(v, level);
+    }
+
+    void mapping(PyObject* o, std::size_t level) {
+        if (is_empty(o)) {
+            out_.append("{}");
+            return;
+        }
+        Marker mark(*this, o);
+        out_.push_back('{');
+        if (PyDict_CheckExact(o)) {
+            Py_ssize_t pos = 0;
+            PyObject *k, *v;
+            bool first = true;
+            while (PyDict_Next(o, &pos, &k, &v)) {
+                nb::object hold_k = nb::borrow(k), hold_v = nb::borrow(v);
+                member(k, v, first, level + 1);
+                first = false;
+            }
+        } else {
+            // A dict subclass is walked through its own items(), as the encoder does.
+            nb::object items = getattr(nb::handle(o), k_items)();
+            nb::object it = nb::steal(PyObject_GetIter(items.ptr()));
+            if (!it.is_valid()) raise_already_set();
+            bool first = true;
+            while (PyObject* raw = PyIter_Next(it.ptr())) {
+                nb::object pair = nb::steal(raw);
+                nb::object k = getitem(pair, 0), v = getitem(pair, 1);
+                member(k.ptr(), v.ptr(), first, level + 1);
+                first = false;
+            }
+            if (PyErr_Occurred()) raise_already_set();
+        }
+        codec::append_newline_indent(out_, level * indent_);
+        out_.push_back('}');
+    }
+
+    std::string& out_;
+    std::size_t indent_;
+    std::unordered_set<PyObject*> markers_;
+};
+
+}  // namespace
+
+void json_dumps(nb::handle obj, int indent, std::string& out) {
+    const std::size_t start = out.size();
+    try {
+        JsonEncoder(out, indent).value(obj.ptr(), 0);
+    } catch (...) {
+        out.resize(start);
+        throw;
+    }
+}
+
+nb::object json_loads(std::string_view text) {
+    return getattr(global(k_json), k_loads)(str(text));
+}
+
+// ============================================================ file writes ==
+
+void write_file_atomic(nb::handle path, std::string_view data) {
+    const FsPath where = fs_path(path);
+    int err = 0;
+    {
+        nb::gil_scoped_release unlocked;
+        err = codec::write_file_atomic(where.bytes, data);
+    }
+    if (err != 0) raise_os_error(err, where.given);
+}
+
+}  // namespace vex::py
