@@ -106,8 +106,10 @@ std::string read_text_file(nb::handle path) {
         err = codec::read_file_bytes(where.bytes.c_str(), raw);
     }
     if (err != 0) raise_os_error(err, where.given);
-    std::string text;
-    if (codec::decode_utf8_text(raw, text)) return text;
+    if (codec::is_strict_utf8(raw)) {
+        codec::translate_newlines(raw);
+        return raw;
+    }
     // The codec itself reports the bad bytes, so the error is the one open().read() gives.
     PyObject* decoded = PyUnicode_DecodeUTF8(raw.data(), static_cast<Py_ssize_t>(raw.size()), "strict");
     if (!decoded) raise_already_set();
@@ -233,22 +235,33 @@ CsvReader::~CsvReader() { delete impl_; }
 
 long CsvReader::line_num() const { return impl_->line_num; }
 
-bool CsvReader::next(CsvRow& row) {
+// Feeds lines until a record is complete or the input ends.
+bool CsvReader::next_record() {
     Impl& s = *impl_;
     s.parser.reset();
     std::string_view line;
     for (;;) {
-        if (!s.next_line(line)) {
-            if (!s.parser.finish()) return false;
-            break;
-        }
+        if (!s.next_line(line)) return s.parser.finish();
         ++s.line_num;
         if (!s.parser.feed_line(line)) raise_csv_error(s.parser);
-        if (s.parser.record_done()) break;
+        if (s.parser.record_done()) return true;
     }
-    const std::size_t count = s.parser.field_count();
+}
+
+bool CsvReader::next(CsvRow& row) {
+    if (!next_record()) return false;
+    const codec::CsvParser& s = impl_->parser;
+    const std::size_t count = s.field_count();
     row.resize(count);
-    for (std::size_t i = 0; i < count; ++i) row[i].swap(s.parser.fields()[i]);
+    for (std::size_t i = 0; i < count; ++i) row[i].assign(s.field(i));
+    return true;
+}
+
+bool CsvReader::next(CsvFields& fields) {
+    if (!next_record()) return false;
+    const codec::CsvParser& parser = impl_->parser;
+    fields.resize(parser.field_count());
+    for (std::size_t i = 0; i < fields.size(); ++i) fields[i] = parser.field(i);
     return true;
 }
 
