@@ -69,6 +69,7 @@ nb::object csv_file_numbers(nb::handle path, nb::handle int_columns) {
     }
     const std::string text = read_text_file(path);
     CsvReader reader{std::string_view(text)};
+    GcPause no_collection;
     nb::list rows;
     CsvFields row;
     while (reader.next(row)) {
@@ -107,6 +108,7 @@ void define_codec_submodule(nb::module_& m) {
     c.def("csv_file_numbers", &csv_file_numbers, arg("path"), arg("int_columns"));
     c.def("json_dumps", &json_text, arg("obj"), arg("indent"));
     c.def("json_loads", [](nb::handle s) { return json_loads(utf8_arg(s)); }, arg("text"));
+    c.def("json_load_file", [](nb::handle path) { return json_loads(read_text_file(path)); }, arg("path"));
     c.def("write_file_atomic", &write_atomic, arg("path"), arg("data"));
 }
 

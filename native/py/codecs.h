@@ -89,6 +89,23 @@ void json_dumps(nb::handle obj, int indent, std::string& out);
 // and floats, NaN/Infinity) and json.JSONDecodeError on the same inputs.
 nb::object json_loads(std::string_view text);
 
+// ------------------------------------------------------- bulk building ---
+
+// While alive, the cyclic garbage collector does not run. Building a large
+// table of fresh containers (which cannot form garbage cycles) would otherwise
+// trigger repeated full collections over every object made so far. The previous
+// state is restored at the end, so pauses nest.
+class GcPause {
+public:
+    GcPause();
+    ~GcPause();
+    GcPause(const GcPause&) = delete;
+    GcPause& operator=(const GcPause&) = delete;
+
+private:
+    bool was_enabled_;
+};
+
 // ------------------------------------------------------------ file writes --
 
 // Replaces the file at `path` (str or os.PathLike) with `data` atomically: the
