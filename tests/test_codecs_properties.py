@@ -151,12 +151,12 @@ json_scalars = st.one_of(
     st.text(st.sampled_from(["\0", "\x1f", "\x7f", '"', "\\", "\n", "\u2028", "\U0001f600", "a"]), max_size=8),
 )
 json_keys = st.one_of(st.text(surrogate_free, max_size=8), st.integers(), st.floats(), st.booleans(), st.none())
-json_values = st.recursive(
-    json_scalars,
-    lambda inner: st.one_of(st.lists(inner, max_size=5), st.lists(inner, max_size=5).map(tuple),
-                            st.dictionaries(json_keys, inner, max_size=5)),
-    max_leaves=40,
-)
+def json_containers(inner):
+    return st.one_of(st.lists(inner, max_size=5), st.lists(inner, max_size=5).map(tuple),
+                     st.dictionaries(json_keys, inner, max_size=5))
+
+
+json_values = st.recursive(json_scalars, json_containers, max_leaves=40)
 
 
 @MANY
