@@ -1,10 +1,521 @@
-// BeamPatternTableManager: to be written (the class exists so the module's names are complete).
+// BeamPatternTableManager: the table of user-defined beams of one device, frequency
+// and antenna kit. This file holds construction, the setters the driver calls on a
+// frequency or kit change, single beam get/set with validation through the driver's
+// check hooks, and the class definition. Defaults and saving, loading, and batch
+// access live in the sibling beam_pattern_table_manager_*.cpp files.
+#include "tables/beam_pattern_table_manager.h"
+
 #include "tables/tables.h"
+
+
+namespace vex::tables::beams {
+
+using namespace vex::py;
+
+namespace {
+const Name k_RetData{"RetData"};
+const Name k_RetMsg{"RetMsg"};
+const Name k_value{"value"};
+const Name k_name{"name"};
+const Name k_Path{"Path"};
+const Name k_Utils{"_Utils"};
+const Name k_BTField{"BTField"};
+const Name k_BeamTable_dir{"BeamTable"};
+
+// "board_<i>" and "channel_<i>" keys, interned once and kept for the life of the
+// process: every table uses the same few hundred keys over and over.
+class IndexedKeys {
+public:
+    explicit IndexedKeys(const char* prefix) : prefix_(prefix) {}
+
+    nb::object get(Py_ssize_t index) {
+        if (index < 0 || index > kMaxCached) return make(index);
+        if (static_cast<size_t>(index) >= keys_.size()) keys_.resize(index + 1);
+        if (!keys_[index].is_valid()) keys_[index] = make(index);
+        return keys_[index];
+    }
+
+private:
+    static constexpr Py_ssize_t kMaxCached = 1 << 16;   // far beyond any real layout
+
+    nb::object make(Py_ssize_t index) const {
+        PyObject* key = PyUnicode_FromFormat("%s%zd", prefix_, index);
+        if (!key) raise_already_set();
+        PyUnicode_InternInPlace(&key);
+        return nb::steal(key);
+    }
+
+    const char* prefix_;
+    std::vector<nb::object> keys_;
+};
+
+// Leaked on purpose: the keys must outlive every table, and Python objects must
+// not be released after the interpreter has gone.
+IndexedKeys& board_keys() {
+    static IndexedKeys* keys = new IndexedKeys("board_");
+    return *keys;
+}
+
+IndexedKeys& channel_keys() {
+    static IndexedKeys* keys = new IndexedKeys("channel_");
+    return *keys;
+}
+}  // namespace
+
+// ------------------------------------------------------------- helpers ----
+
+nb::object board_key(Py_ssize_t index) { return board_keys().get(index); }
+
+nb::object channel_key(Py_ssize_t index) { return channel_keys().get(index); }
+
+Log logger_of(nb::handle self) { return Log(getattr(self, a_logger)); }
+
+Py_ssize_t as_index(nb::handle value) {
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_OverflowError);
+    if (n == -1 && PyErr_Occurred()) raise_already_set();
+    return n;
+}
+
+nb::object py_str(nb::handle value) {
+    PyObject* s = PyObject_Str(value.ptr());
+    if (!s) raise_already_set();
+    return nb::steal(s);
+}
+
+nb::object concat(nb::handle left, nb::handle right) {
+    PyObject* r = PyNumber_Add(left.ptr(), right.ptr());
+    if (!r) raise_already_set();
+    return nb::steal(r);
+}
+
+nb::object percent(const char* format, nb::handle value) {
+    PyObject* r = PyUnicode_Format(str(format).ptr(), nb::make_tuple(value).ptr());
+    if (!r) raise_already_set();
+    return nb::steal(r);
+}
+
+nb::object current_version_word() {
+    nb::object version = global(k_BTField).attr("_version").attr("value");
+    return concat(str("v"), version);
+}
+
+Layout read_layout(nb::handle self) {
+    Layout layout;
+    layout.boards = as_index(getattr(self, a_num_board));
+    layout.channels_per_ic = as_index(getattr(self, a_num_channel_per_ic));
+    layout.total_channels = as_index(getattr(self, a_total_ch));
+    return layout;
+}
+
+Mode to_mode(nb::handle mode) {
+    Mode m;
+    m.member = RFMode()(mode);
+    m.name = getattr(m.member, k_name);
+    m.value = getattr(m.member, k_value);
+    return m;
+}
+
+void unpack3(nb::handle iterable, nb::object out[3]) {
+    PyObject* it = PyObject_GetIter(iterable.ptr());
+    if (!it) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
+        PyErr_Clear();
+        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable.ptr())->tp_name);
+        raise_already_set();
+    }
+    nb::object iter = nb::steal(it);
+    for (int i = 0; i < 3; ++i) {
+        PyObject* item = PyIter_Next(it);
+        if (!item) {
+            if (PyErr_Occurred()) raise_already_set();
+            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
+            raise_already_set();
+        }
+        out[i] = nb::steal(item);
+    }
+    PyObject* extra = PyIter_Next(it);
+    if (extra) {
+        Py_DECREF(extra);
+        raise(PyExc_ValueError, "too many values to unpack (expected 3)");
+    }
+    if (PyErr_Occurred()) raise_already_set();
+}
+
+namespace {
+
+bool truthy(nb::handle value) {
+    int r = PyObject_IsTrue(value.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool contains(nb::handle container, const Name& key) {
+    int r = PySequence_Contains(container.ptr(), key.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool equals(nb::handle a, nb::handle b) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool less_equal(nb::handle a, nb::handle b) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LE);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+void delitem(nb::handle container, const Name& key) {
+    if (PyObject_DelItem(container.ptr(), key.ptr()) < 0) raise_already_set();
+}
+
+// mapping[key], or an invalid object when the key is absent.
+nb::object lookup(nb::handle mapping, nb::handle key) {
+    if (PyDict_Check(mapping.ptr())) {
+        PyObject* v = PyDict_GetItemWithError(mapping.ptr(), key.ptr());
+        if (v) return nb::borrow(v);
+        if (PyErr_Occurred()) raise_already_set();
+        return nb::object();
+    }
+    int present = PySequence_Contains(mapping.ptr(), key.ptr());
+    if (present < 0) raise_already_set();
+    return present ? getitem(mapping, key) : nb::object();
+}
+
+// The items of a mapping in iteration order, read through mapping.items() as
+// Python code would (so a dict changing size meanwhile raises RuntimeError).
+template <class F>
+void for_each_item(nb::handle mapping, F&& visit) {
+    static const Name items{"items"};
+    nb::object view = getattr(mapping, items)();
+    for (nb::handle pair : view) {
+        nb::object key = getitem(pair, 0);
+        nb::object value = getitem(pair, 1);
+        visit(key, value);
+    }
+}
+
+nb::object error_result(const char* message) { return ret_error("ERROR_BF_BEAM", message); }
+
+}  // namespace
+
+// ------------------------------------------------------------ validation ---
+
+namespace {
+
+// The "db" of channel_1 ... channel_<n> of one board, in channel order.
+nb::list board_gains(nb::handle board, Py_ssize_t channels) {
+    nb::list gains = nb::steal<nb::list>(PyList_New(channels));
+    for (Py_ssize_t c = 0; c < channels; ++c) {
+        nb::object channel = getitem(board, channel_key(c + 1));
+        PyList_SET_ITEM(gains.ptr(), c, getitem(channel, k_db).release().ptr());
+    }
+    return gains;
+}
+
+nb::object call_hook(nb::handle hook, std::initializer_list<nb::handle> args) {
+    PyObject* argv[5];
+    size_t n = 0;
+    for (nb::handle a : args) argv[n++] = a.ptr();
+    PyObject* r = PyObject_Vectorcall(hook.ptr(), argv, n, nullptr);
+    if (!r) raise_already_set();
+    return nb::steal(r);
+}
+
+}  // namespace
+
+nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle mode) {
+    Layout layout = read_layout(self);
+    nb::object hook = getattr(self, a_ic_gain_check);
+    Log log = logger_of(self);
+    bool debug = log.on(DEBUG);
+    nb::object channel_config = getitem(beam, k_channel_config);
+    for (Py_ssize_t b = 0; b < layout.boards; ++b) {
+        nb::object board = getitem(channel_config, board_key(b + 1));
+        nb::object common = getitem(board, k_common_db);
+        nb::list gains = board_gains(board, layout.channels_per_ic);
+        if (debug)
+            log.debug(nb::steal(PyUnicode_FromFormat("Checking board_%zd gain list: %S with common gain: %S",
+                                                     b + 1, gains.ptr(), common.ptr())));
+        nb::object checked = call_hook(hook, {mode, nb::int_(b), gains, common});
+        if (ret_failed(checked)) {
+            nb::object message = percent("Checking board_%d gain list failed", nb::int_(b + 1));
+            log.error(message);
+            return ret_error("ERROR_BF_BEAM", message);
+        }
+        if (debug)
+            log.debug(nb::steal(PyUnicode_FromFormat("Checked  board_%zd gain list: %S", b + 1, gains.ptr())));
+    }
+    return ret_ok();
+}
+
+nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta,
+                              nb::handle phi) {
+    nb::object hook = getattr(self, a_beam_check);
+    return call_hook(hook, {mode, db, theta, phi, nb::none()});
+}
+
+// ------------------------------------------------------------- construction
+
+namespace {
+
+void set(nb::handle self, const Name& name, nb::handle value) { setattr(self, name, value); }
+
+nb::object default_dir() {
+    nb::object files = global(k_Utils).attr("_get_files_dir")();
+    PyObject* dir = PyNumber_TrueDivide(global(k_Path)(files).ptr(), k_BeamTable_dir.ptr());
+    if (!dir) raise_already_set();
+    return nb::steal(dir);
+}
+
+void set_layout(nb::handle self, nb::handle rf_layout) {
+    nb::object layout = PyCallable_Check(rf_layout.ptr()) ? rf_layout() : nb::borrow(rf_layout);
+    nb::object numbers[3];
+    unpack3(layout, numbers);
+    set(self, a_num_board, numbers[0]);
+    set(self, a_num_ic_per_board, numbers[1]);
+    set(self, a_num_channel_per_ic, numbers[2]);
+    PyObject* partial = PyNumber_Multiply(numbers[0].ptr(), numbers[1].ptr());
+    if (!partial) raise_already_set();
+    PyObject* total = PyNumber_Multiply(partial, numbers[2].ptr());
+    Py_DECREF(partial);
+    if (!total) raise_already_set();
+    set(self, a_total_ch, nb::steal(total));
+}
+
+void init(nb::handle self, nb::handle sn, nb::handle devtype, nb::handle num_beam, nb::handle rf_layout,
+          nb::handle check_funcs, nb::handle web_client_id) {
+    set(self, a_logger, Log::named("BeamTbl").logger());
+    bool web_mode = !web_client_id.is_none();
+    set(self, a_web_mode, nb::bool_(web_mode));
+    set(self, a_beam_check, nb::none());
+    set(self, a_ic_gain_check, nb::none());
+    if (!check_funcs.is_none()) {
+        set(self, a_beam_check, getitem(check_funcs, Py_ssize_t(0)));
+        set(self, a_ic_gain_check, getitem(check_funcs, Py_ssize_t(1)));
+    }
+    if (!web_mode) {
+        set(self, a_default_dir, default_dir());
+        set(self, a_path, str(""));
+    }
+    set(self, a_sn, sn);
+    set(self, a_devtype, devtype);
+    set(self, a_num_beam, num_beam);
+    set(self, a_freq, nb::none());
+    set(self, a_DR, nb::dict());
+    set(self, a_COMDR, nb::dict());
+    set(self, a_ELEDR, nb::dict());
+    set(self, a_aakit, str(""));
+    set_layout(self, rf_layout);
+    set(self, a_table, nb::none());
+}
+
+void update_freq(nb::handle self, nb::handle freq, nb::handle DR, nb::handle comDR, nb::handle eleDR) {
+    set(self, a_freq, freq);
+    set(self, a_DR, DR);
+    set(self, a_COMDR, comDR);
+    set(self, a_ELEDR, eleDR);
+}
+
+void update_aakit(nb::handle self, nb::handle kit_name) { set(self, a_aakit, kit_name); }
+
+// ------------------------------------------------------------ single get ---
+
+nb::object get_beam_id_storage(nb::handle self) { return ret_data(getattr(self, a_num_beam)); }
+
+bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
+    if (PyLong_CheckExact(beam_id.ptr()) && PyLong_CheckExact(num_beam.ptr())) {
+        int overflow = 0;
+        long long id = PyLong_AsLongLongAndOverflow(beam_id.ptr(), &overflow);
+        long long last = overflow ? 0 : PyLong_AsLongLong(num_beam.ptr());
+        if (!overflow && !PyErr_Occurred()) return 1 <= id && id <= last;
+        PyErr_Clear();
+    }
+    return less_equal(nb::int_(1), beam_id) && less_equal(beam_id, num_beam);
+}
+
+nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id) {
+    nb::object table = getattr(self, a_table);
+    if (table.is_none()) {
+        log.error(str("BeamTable is not ready"));
+        return error_result("BeamTable is not ready");
+    }
+    Mode m = to_mode(mode);
+    nb::object section = getitem(table, m.name);
+    if (!is_valid_beam_id(beam_id, getattr(self, a_num_beam))) {
+        nb::object message = percent("Invaid beam id: %d", beam_id);
+        log.error(message);
+        return ret_error("ERROR_BF_BEAM", message);
+    }
+    nb::object beam = lookup(section, py_str(beam_id));
+    if (!beam.is_valid()) {
+        // An id never set reads as the default channel beam of the current limits;
+        // it is not stored, so defaults always follow the limits.
+        beam = nb::dict();
+        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m);
+    }
+    return ret_data(beam);
+}
+
+nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
+    Log log = logger_of(self);
+    return guard([&] { return read_beam(self, log, mode, beam_id); },
+                 [&](nb::handle) {
+                     log.exception(str("GetBeamPattern exception"));
+                     return error_result("GetBeamPattern exception");
+                 });
+}
+
+// ------------------------------------------------------------ single set ---
+
+// beam["channel_config"][board][key] = value for every board and key of `config`:
+// the partial modification a caller may give (only the boards and channels it
+// changes).
+void merge_channel_config(nb::handle beam, nb::handle config) {
+    nb::object channel_config = getitem(beam, k_channel_config);
+    for_each_item(config, [&](nb::handle board_name, nb::handle board_values) {
+        nb::object board = getitem(channel_config, board_name);
+        for_each_item(board_values, [&](nb::handle key, nb::handle value) { setitem(board, key, value); });
+    });
+}
+
+struct SetRequest {
+    nb::handle self;
+    const Log& log;
+    Mode mode;
+    nb::handle beam_id;
+    nb::handle config;
+    nb::handle description;
+};
+
+// Merges and validates a channel beam. Returns an invalid object on success, or
+// the result that ends the call.
+nb::object apply_channel_beam(const SetRequest& req, nb::handle beam) {
+    nb::object outcome = guard(
+        [&]() -> nb::object {
+            if (contains(beam, k_beam_config)) {
+                // A steered beam becomes a channel beam: its steering values mean
+                // nothing now, so it starts from the default channel configuration.
+                req.log.debug(str("Skip check beam:%d due to original type is beam_config"), req.beam_id);
+                delitem(beam, k_beam_config);
+                setitem(beam, k_channel_config, default_channel_config(req.self, req.mode));
+            }
+            if (!req.config.is_none())
+                merge_channel_config(beam, req.config);
+            else
+                req.log.debug(str("Skip assign channel config, just checking original gains"));
+            nb::object checked = validate_channel_config(req.self, beam, req.mode.member);
+            if (!ret_failed(checked)) return nb::none();
+            nb::object prefix = concat(concat(str("BeamID_"), py_str(req.beam_id)),
+                                       str(": Checking channel config failed: "));
+            nb::object message = concat(prefix, getattr(checked, k_RetMsg));
+            setattr(checked, k_RetMsg, message);
+            req.log.error(message);
+            return checked;
+        },
+        [&](nb::handle) {
+            req.log.exception(str("Invalid channel config"));
+            return error_result("Invalid channel config");
+        });
+    return outcome.is_none() ? nb::object() : outcome;
+}
+
+// Checks a steered beam through the beam hook and stores the values it accepts.
+// Returns the beam to store (a fresh one when it was a channel beam); `refused`
+// receives the hook's result when it refuses.
+nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle beam_type, nb::object& refused) {
+    if (contains(beam, k_channel_config)) {
+        nb::dict fresh;
+        fill_default_beam(req.self, fresh, beam_type, req.mode);
+        if (!req.description.is_none()) fresh[k_beam_description.handle()] = req.description;
+        beam = std::move(fresh);
+    }
+    nb::object source = req.config.is_none() ? getitem(beam, k_beam_config) : nb::borrow(req.config);
+    nb::object db = getitem(source, k_db);
+    nb::object theta = getitem(source, k_theta);
+    nb::object phi = getitem(source, k_phi);
+    nb::object checked = check_steered_beam(req.self, req.mode.member, db, theta, phi);
+    if (ret_failed(checked)) {
+        refused = checked;
+        return beam;
+    }
+    nb::object accepted[3];
+    unpack3(getattr(checked, k_RetData), accepted);
+    nb::object beam_config = getitem(beam, k_beam_config);
+    setitem(beam_config, k_db, accepted[0]);
+    setitem(beam_config, k_theta, accepted[1]);
+    setitem(beam_config, k_phi, accepted[2]);
+    return beam;
+}
+
+nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
+                      nb::handle config, nb::handle description, nb::handle save) {
+    SetRequest req{self, log, to_mode(mode), beam_id, config, description};
+    nb::object current = getattr(self, m_getBeamPattern)(req.mode.member, beam_id);
+    if (ret_failed(current)) return current;
+    nb::object beam = getattr(current, k_RetData);
+
+    nb::object type = BeamType()(beam_type);
+    if (!description.is_none()) setitem(beam, k_beam_description, description);
+    setitem(beam, k_beam_type, getattr(type, k_value));
+
+    if (equals(type, BeamType().attr("BEAM"))) {
+        nb::object refused;
+        beam = apply_steered_beam(req, beam, type, refused);
+        if (refused.is_valid()) return refused;
+    } else {
+        nb::object refused = apply_channel_beam(req, beam);
+        if (refused.is_valid()) return refused;
+    }
+
+    if (log.on(INFO))
+        log.info(nb::steal(PyUnicode_FromFormat("Set/update beam:%S pattern -> %S", py_str(beam_id).ptr(), beam.ptr())));
+    setitem(getitem(getattr(self, a_table), req.mode.name), py_str(beam_id), beam);
+    if (truthy(save)) return getattr(self, m_saveToBeamTableFile)();
+    return ret_ok();
+}
+
+nb::object set_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
+                            nb::handle config, nb::handle description, nb::handle save) {
+    Log log = logger_of(self);
+    return guard([&] { return write_beam(self, log, mode, beam_id, beam_type, config, description, save); },
+                 [&](nb::handle) {
+                     log.exception(str("SetBeamPattern exception"));
+                     return error_result("SetBeamPattern exception");
+                 });
+}
+
+}  // namespace
+}  // namespace vex::tables::beams
 
 namespace vex::tables {
 
 void define_beam_pattern_table_manager(nb::module_& m) {
-    vex::py::ClassBuilder cls(m, "BeamPatternTableManager", "Beam pattern table of one device, frequency and antenna kit.");
+    using namespace vex::tables::beams;
+    using vex::py::arg;
+    ClassBuilder cls(m, "BeamPatternTableManager",
+                     "Beam pattern table of one device, frequency and antenna kit: loads, upgrades, "
+                     "generates and saves the table file, and reads and writes single beams and batches.");
+    cls.def("__init__", &init, arg("sn"), arg("devtype"), arg("num_beam"), arg("rf_layout"),
+            arg("check_funcs") = nb::none(), arg("web_client_id") = nb::none());
+    cls.def("_updateFreq", &update_freq, arg("freq"), arg("DR"), arg("comDR"), arg("eleDR"));
+    cls.def("_updateAAKit", &update_aakit, arg("kitName"));
+    cls.def("_load", &load, arg("freq"), arg("aakit"), arg("callback") = nb::none());
+    cls.def_private("generateDefaultBeamTableFile", &generate_default_beam_table_file);
+    cls.def_private("generateDefaultBeam", &generate_default_beam, arg("beam"), arg("beam_type"), arg("mode"));
+    cls.def("_saveToBeamTableFile", &save_to_beam_table_file, arg("callback") = nb::none(),
+            arg("new_table") = nb::none());
+    cls.def("getBeamIdStorage", &get_beam_id_storage);
+    cls.def("getBeamPattern", &get_beam_pattern, arg("mode"), arg("beamId"));
+    cls.def("setBeamPattern", &set_beam_pattern, arg("mode"), arg("beamId"), arg("beamType"),
+            arg("config") = nb::none(), arg("description") = nb::none(), arg("save") = true);
+    cls.def_private("validateChannelConfig", &validate_channel_config, arg("config"), arg("mode"));
+    cls.def("_getBatchBeamPattern", &get_batch_beam_pattern,
+            arg("mode_filter") = global(Name("BTModeFilter")).attr("ALL"), arg("callback") = nb::none());
+    cls.def("_setBatchBeamPattern", &set_batch_beam_pattern, arg("batch_config"), arg("option"),
+            arg("callback") = nb::none());
     cls.finish();
 }
 

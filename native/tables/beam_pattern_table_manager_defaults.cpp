@@ -1,0 +1,226 @@
+// BeamPatternTableManager: default beams, the default (empty) table, and saving.
+//
+// A default channel beam is what every unset beam id reads as, so it is built on
+// each such read: 1024 channels make 1024 channel mappings and 256 board mappings.
+// It is built here natively with interned keys and pre-sized dicts, and the gain
+// limit objects are shared into the beam as they are (no conversion).
+#include "tables/beam_pattern_table_manager.h"
+
+#include "py/codecs.h"
+
+#include <string>
+
+namespace vex::tables::beams {
+
+using namespace vex::py;
+
+namespace {
+
+const Name k_value{"value"};
+const Name k_name{"name"};
+const Name k_callback_func_name{"func_name"};
+const Name k_callback_new_table{"new_table"};
+
+// Python's a % n for C integers (the result takes the sign of n).
+Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
+    if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
+    Py_ssize_t r = a % n;
+    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
+}
+
+// limits[index] with Python's indexing, fast for the usual list.
+nb::object limit_at(nb::handle limits, Py_ssize_t index) {
+    PyObject* seq = limits.ptr();
+    if (PyList_CheckExact(seq) && index >= 0 && index < PyList_GET_SIZE(seq))
+        return nb::borrow(PyList_GET_ITEM(seq, index));
+    nb::object key = nb::steal(PyLong_FromSsize_t(index));
+    if (!key.is_valid()) raise_already_set();
+    return getitem(limits, key);
+}
+
+nb::object new_dict(Py_ssize_t size) {
+    PyObject* d = _PyDict_NewPresized(size);
+    if (!d) raise_already_set();
+    return nb::steal(d);
+}
+
+void put(nb::handle dict, nb::handle key, nb::handle value) {
+    if (PyDict_SetItem(dict.ptr(), key.ptr(), value.ptr()) < 0) raise_already_set();
+}
+
+// {"sw": 0, "db": gain, "deg": 0}: a channel switched on at `gain`, phase 0.
+nb::object default_channel(nb::handle gain) {
+    nb::object zero = nb::int_(0);
+    nb::object channel = new_dict(3);
+    put(channel, k_sw, zero);
+    put(channel, k_db, gain);
+    put(channel, k_deg, zero);
+    return channel;
+}
+
+nb::object copy_dict(nb::handle dict) {
+    PyObject* d = PyDict_Copy(dict.ptr());
+    if (!d) raise_already_set();
+    return nb::steal(d);
+}
+
+// Fills `config` by walking channels 1 ... total: a channel whose number modulo
+// the channels per IC is 1 starts a board (common gain = that board's COMDR), each
+// channel gets the board's ELEDR, and a channel whose number modulo the channels
+// per IC is 0 completes the board. Boards are thus groups of channels_per_ic
+// channels; with one channel per IC no board is ever started, and the first
+// channel fails as it has no board to go into.
+void fill_channel_config(nb::handle config, const Layout& layout, nb::handle self, const Mode& mode) {
+    const Py_ssize_t n = layout.channels_per_ic;
+    nb::object comdr, eledr;   // this mode's per-board limits, read when first needed
+    nb::object board, board_gain, template_channel;
+    Py_ssize_t board_number = 0;
+    for (Py_ssize_t ch = 1; ch <= layout.total_channels; ++ch) {
+        Py_ssize_t position = py_mod(ch, n);
+        if (position == 1) {
+            board_number = static_cast<Py_ssize_t>(static_cast<double>(ch) / static_cast<double>(n)) + 1;
+            if (!comdr.is_valid()) comdr = getitem(getattr(self, a_COMDR), mode.value);
+            board = new_dict(n + 1);
+            put(board, k_common_db, limit_at(comdr, board_number - 1));
+            board_gain = nb::object();
+            template_channel = nb::object();
+        }
+        if (!board.is_valid())
+            raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
+        if (!board_gain.is_valid()) {
+            if (!eledr.is_valid()) eledr = getitem(getattr(self, a_ELEDR), mode.value);
+            board_gain = limit_at(eledr, board_number - 1);
+        }
+        // Channels of one board are alike: copying the first is cheaper than
+        // building each anew.
+        nb::object channel = template_channel.is_valid() ? copy_dict(template_channel) : default_channel(board_gain);
+        if (!template_channel.is_valid()) template_channel = channel;
+        put(board, channel_key(py_mod(ch - 1, n) + 1), channel);
+        if (position == 0) setitem(config, board_key(board_number), board);
+    }
+}
+
+// {"db": DR[mode name], "theta": 0, "phi": 0}: boresight at the mode's gain.
+nb::object default_beam_config(nb::handle self, const Mode& mode) {
+    nb::object zero = nb::int_(0);
+    nb::object config = new_dict(3);
+    put(config, k_db, getitem(getattr(self, a_DR), mode.name));
+    put(config, k_theta, zero);
+    put(config, k_phi, zero);
+    return config;
+}
+
+bool is_mapping(nb::handle value) {
+    if (PyDict_Check(value.ptr())) return true;
+    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
+    return is_instance(value, mapping.ptr());
+}
+
+}  // namespace
+
+nb::object default_channel_config(nb::handle self, const Mode& mode) {
+    Layout layout = read_layout(self);
+    nb::object config = new_dict(layout.channels_per_ic > 0 ? layout.total_channels / layout.channels_per_ic : 0);
+    fill_channel_config(config, layout, self, mode);
+    return config;
+}
+
+void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode) {
+    setitem(beam, k_beam_description, str(""));
+    setitem(beam, k_beam_type, getattr(beam_type, k_value));
+    int steered = PyObject_RichCompareBool(beam_type.ptr(), BeamType().attr("BEAM").ptr(), Py_EQ);
+    if (steered < 0) raise_already_set();
+    if (steered) {
+        setitem(beam, k_beam_config, default_beam_config(self, mode));
+        return;
+    }
+    Layout layout = read_layout(self);
+    nb::object config = new_dict(layout.channels_per_ic > 0 ? layout.total_channels / layout.channels_per_ic : 0);
+    setitem(beam, k_channel_config, config);
+    fill_channel_config(config, layout, self, mode);
+}
+
+void generate_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, nb::handle mode) {
+    if (!is_mapping(beam))
+        raise(PyExc_TypeError, std::string("beam must be a mapping, not ") + Py_TYPE(beam.ptr())->tp_name);
+    Mode m = to_mode(mode);
+    fill_default_beam(self, beam, BeamType()(beam_type), m);
+}
+
+// ------------------------------------------------------------ default table
+
+namespace {
+
+// VERSION, SN, DEV_TYPE, FREQ, AAKIT_NAME, then an empty section per RF mode.
+nb::object new_table(nb::handle self) {
+    nb::dict table;
+    table[k_VERSION.handle()] = current_version_word();
+    table[k_SN.handle()] = getattr(self, a_sn);
+    table[k_DEV_TYPE.handle()] = getattr(self, a_devtype);
+    table[k_FREQ.handle()] = getattr(self, a_freq);
+    table[k_AAKIT_NAME.handle()] = getattr(self, a_aakit);
+    for (nb::handle mode : RFMode()) table[getattr(mode, k_name)] = nb::dict();
+    return std::move(table);
+}
+
+}  // namespace
+
+nb::object generate_default_beam_table_file(nb::handle self) {
+    Log log = logger_of(self);
+    return guard(
+        [&] {
+            log.info(str("Generate Beam Table: %s"), getattr(self, a_path));
+            setattr(self, a_table, new_table(self));
+            getattr(self, m_saveToBeamTableFile)();
+            return ret_data(getattr(self, a_table));
+        },
+        [&](nb::handle) {
+            log.exception(str("BeamTable generating exception"));
+            return ret_error("ERROR_BF_BEAM", "BeamTable generating exception");
+        });
+}
+
+// ------------------------------------------------------------------ saving
+
+namespace {
+
+// Web mode: the caller's callback does the saving; new_table goes along only
+// when one was given.
+nb::object save_through_callback(nb::handle callback, nb::handle new_table) {
+    nb::dict kwargs;
+    kwargs[k_callback_func_name.handle()] = str("saveToBeamTableFile");
+    if (!new_table.is_none()) kwargs[k_callback_new_table.handle()] = new_table;
+    PyObject* r = PyObject_Call(callback.ptr(), nb::tuple().ptr(), kwargs.ptr());
+    if (!r) raise_already_set();
+    return nb::steal(r);
+}
+
+// The whole file as json.dumps(table, ensure_ascii=False, indent=2) writes it,
+// encoded in one buffer and put in place atomically: a failed or interrupted save
+// leaves the previous file whole.
+void write_table_file(nb::handle path, nb::handle table) {
+    std::string text;
+    json_dumps(table, 2, text);
+    write_file_atomic(path, text);
+}
+
+}  // namespace
+
+nb::object save_to_beam_table_file(nb::handle self, nb::handle callback, nb::handle new_table) {
+    Log log = logger_of(self);
+    return guard(
+        [&] {
+            if (!callback.is_none()) return save_through_callback(callback, new_table);
+            nb::object path = getattr(self, a_path);
+            log.debug(str("Saving beam file to %s"), path);
+            nb::object table = new_table.is_none() ? getattr(self, a_table) : nb::borrow(new_table);
+            write_table_file(path, table);
+            return ret_ok();
+        },
+        [&](nb::handle) {
+            log.exception(str("BeamFile saving exception"));
+            return ret_error("ERROR_BF_BEAM_FILE", "BeamFile saving exception");
+        });
+}
+
+}  // namespace vex::tables::beams
