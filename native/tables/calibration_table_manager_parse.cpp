@@ -17,7 +17,9 @@
 #include "codec/numbers.h"
 #include "py/codecs.h"
 
+#include <array>
 #include <charconv>
+#include <optional>
 #include <cmath>
 #include <string>
 #include <unordered_map>
@@ -49,8 +51,8 @@ RowKind kind_of(std::string_view key) {
     return RowKind::Unknown;
 }
 
-// The cells of one row, viewing the text (or the CSV reader's row) they come from.
-using Cells = std::vector<std::string_view>;
+// The cells of one row, viewing the text (or the CSV reader's record) they come from.
+using Cells = CsvFields;
 
 // row[index], with the IndexError a Python list gives for a row that is too short.
 std::string_view cell(const Cells& row, size_t index) {
@@ -117,20 +119,6 @@ private:
     std::vector<PyObject*> numbers_;
 };
 
-// Pauses the cyclic garbage collector for its lifetime, restoring the previous state.
-class GcPause {
-public:
-    GcPause() : was_enabled_(PyGC_Disable() == 1) {}
-    ~GcPause() {
-        if (was_enabled_) PyGC_Enable();
-    }
-    GcPause(const GcPause&) = delete;
-    GcPause& operator=(const GcPause&) = delete;
-
-private:
-    bool was_enabled_;
-};
-
 // Appends str(int(float(text))): the integer part of a number written as text.
 void append_truncated(std::string& out, std::string_view text) {
     double value = double_from_text(text);
@@ -165,6 +153,19 @@ nb::object dr_message(nb::handle mode_name, double low, double high) {
 
 // ------------------------------------------------------------- row sources ---
 
+// What a character means to the plain-line split: a comma ends a cell; a quote,
+// NUL or CR needs the CSV reader.
+enum class CharClass : unsigned char { plain, comma, special };
+
+constexpr std::array<CharClass, 256> char_classes() {
+    std::array<CharClass, 256> classes{};
+    classes[','] = CharClass::comma;
+    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
+    return classes;
+}
+
+constexpr std::array<CharClass, 256> kCharClass = char_classes();
+
 // Rows of a decoded text (newlines already "\n"), as csv.reader yields them.
 class TextRows {
 public:
@@ -189,14 +190,14 @@ private:
         if (static_cast<long>(line.size()) > field_limit_) return false;
         size_t start = 0;
         for (size_t i = 0; i < line.size(); ++i) {
-            char c = line[i];
-            if (c == ',') {
-                cells.push_back(line.substr(start, i - start));
-                start = i + 1;
-            } else if (c == '"' || c == '\0' || c == '\r') {
+            CharClass kind = kCharClass[static_cast<unsigned char>(line[i])];
+            if (kind == CharClass::plain) continue;
+            if (kind == CharClass::special) {
                 cells.clear();
                 return false;
             }
+            cells.push_back(line.substr(start, i - start));
+            start = i + 1;
         }
         if (!line.empty()) cells.push_back(line.substr(start));
         return true;
@@ -205,21 +206,19 @@ private:
     // One record read by the CSV reader from this line on; it tells how many
     // lines the record took.
     bool read_record(Cells& cells) {
-        CsvReader csv(text_.substr(pos_), /*drop_nul=*/true);
-        bool got = csv.next(record_);
-        for (long lines = csv.line_num(); lines > 0 && pos_ < text_.size(); --lines) {
+        csv_.emplace(text_.substr(pos_), /*drop_nul=*/true);
+        bool got = csv_->next(cells);
+        for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
             size_t newline = text_.find('\n', pos_);
             pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
         }
-        if (!got) return false;
-        cells.assign(record_.begin(), record_.end());
-        return true;
+        return got;
     }
 
     std::string_view text_;
     long field_limit_;
     size_t pos_ = 0;
-    CsvRow record_;
+    std::optional<CsvReader> csv_;   // holds the record its cells view
 };
 
 // Rows of a handed-in file object, through the CSV reader.
@@ -227,16 +226,10 @@ class ObjectRows {
 public:
     explicit ObjectRows(nb::handle file_object) : csv_(file_object, /*drop_nul=*/true) {}
 
-    bool next(Cells& cells) {
-        cells.clear();
-        if (!csv_.next(record_)) return false;
-        cells.assign(record_.begin(), record_.end());
-        return true;
-    }
+    bool next(Cells& cells) { return csv_.next(cells); }
 
 private:
     CsvReader csv_;
-    CsvRow record_;
 };
 
 // csv.field_size_limit(), read when reading starts as the CSV reader does.
@@ -402,21 +395,41 @@ private:
     // [BOARD_b][DATA_CHIP_c][COM_a][mode_gain_phase] = values, gain as int(float()).
     void store_data(const Cells& row) {
         nb::handle target = data_target(row);
-        key_text_ = cell(row, 7);
-        key_text_ += '_';
-        append_truncated(key_text_, cell(row, 8));
-        key_text_ += '_';
-        key_text_ += cell(row, 9);
+        nb::handle key = entry_key(cell(row, 7), cell(row, 8), cell(row, 9));
         nb::object values = ints_.list_from(row, 10);
-        setitem(target, entry_key(), values);
+        setitem(target, key, values);
     }
 
-    // The str for key_text_, made once per parse.
-    nb::handle entry_key() {
+    // The key of a DATA entry. Every common-arm block lists its entries in the same
+    // order, so the key at the same place of the previous block is tried first.
+    nb::handle entry_key(std::string_view mode, std::string_view gain, std::string_view phase) {
+        size_t place = place_in_block_++;
+        if (place < previous_keys_.size()) {
+            const KeyCells& seen = previous_keys_[place];
+            if (seen.mode == mode && seen.gain == gain && seen.phase == phase) return seen.key;
+        }
+        if (place >= previous_keys_.size()) previous_keys_.resize(place + 1);
+        previous_keys_[place] = {std::string(mode), std::string(gain), std::string(phase),
+                                 composed_key(mode, gain, phase)};
+        return previous_keys_[place].key;
+    }
+
+    // mode + "_" + str(int(float(gain))) + "_" + phase, one str object per text.
+    nb::object composed_key(std::string_view mode, std::string_view gain, std::string_view phase) {
+        key_text_ = mode;
+        key_text_ += '_';
+        append_truncated(key_text_, gain);
+        key_text_ += '_';
+        key_text_ += phase;
         auto found = entry_keys_.find(key_text_);
         if (found != entry_keys_.end()) return found->second;
         return entry_keys_.emplace(key_text_, str(key_text_)).first->second;
     }
+
+    struct KeyCells {
+        std::string mode, gain, phase;
+        nb::object key;
+    };
 
     // The common-arm mapping of a DATA row, reused while board, chip and arm stay.
     nb::handle data_target(const Cells& row) {
@@ -427,6 +440,7 @@ private:
             return data_target_;
         nb::object chip_data = child_mapping(log_, board(board_number), prefixed("DATA_CHIP_", chip));
         data_target_ = child_mapping(log_, chip_data, prefixed("COM_", arm));
+        place_in_block_ = 0;
         last_board_ = board_number;
         last_chip_ = chip;
         last_arm_ = arm;
@@ -441,6 +455,8 @@ private:
     std::string last_board_, last_chip_, last_arm_;
     std::string key_text_;
     std::unordered_map<std::string, nb::object> entry_keys_;
+    std::vector<KeyCells> previous_keys_;
+    size_t place_in_block_ = 0;
     IntCache ints_;
 };
 
