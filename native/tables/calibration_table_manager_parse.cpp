@@ -393,11 +393,33 @@ private:
 
     // label, label, board, label, chip, arm, mode, gain, phase, one value per channel:
     // [BOARD_b][DATA_CHIP_c][COM_a][mode_gain_phase] = values, gain as int(float()).
+    // As a row is read: its board and chip mappings first, then its entry, and the
+    // arm's mapping only once the entry converted, so a bad row adds no empty arm.
     void store_data(const Cells& row) {
-        nb::handle target = data_target(row);
+        bool same_block = data_target_.is_valid() && row.size() > 6 && row[3] == last_board_ &&
+                          row[5] == last_chip_ && row[6] == last_arm_;
+        if (!same_block) start_block(row);
         nb::handle key = entry_key(cell(row, 7), cell(row, 8), cell(row, 9));
         nb::object values = ints_.list_from(row, 10);
-        setitem(target, key, values);
+        if (!same_block) open_arm(cell(row, 6));
+        setitem(data_target_, key, values);
+    }
+
+    void start_block(const Cells& row) {
+        data_target_ = nb::object();
+        chip_data_ = nb::object();
+        std::string_view board_number = cell(row, 3);
+        nb::object board_data = board(board_number);
+        std::string_view chip = cell(row, 5);
+        chip_data_ = child_mapping(log_, board_data, prefixed("DATA_CHIP_", chip));
+        last_board_ = board_number;
+        last_chip_ = chip;
+        place_in_block_ = 0;
+    }
+
+    void open_arm(std::string_view arm) {
+        data_target_ = child_mapping(log_, chip_data_, prefixed("COM_", arm));
+        last_arm_ = arm;
     }
 
     // The key of a DATA entry. Every common-arm block lists its entries in the same
@@ -431,27 +453,11 @@ private:
         nb::object key;
     };
 
-    // The common-arm mapping of a DATA row, reused while board, chip and arm stay.
-    nb::handle data_target(const Cells& row) {
-        std::string_view board_number = cell(row, 3);
-        std::string_view chip = cell(row, 5);
-        std::string_view arm = cell(row, 6);
-        if (data_target_.is_valid() && board_number == last_board_ && chip == last_chip_ && arm == last_arm_)
-            return data_target_;
-        nb::object chip_data = child_mapping(log_, board(board_number), prefixed("DATA_CHIP_", chip));
-        data_target_ = child_mapping(log_, chip_data, prefixed("COM_", arm));
-        place_in_block_ = 0;
-        last_board_ = board_number;
-        last_chip_ = chip;
-        last_arm_ = arm;
-        return data_target_;
-    }
-
     nb::handle self_;
     const Log& log_;
     nb::handle table_;
     Py_ssize_t boards_, ics_, channels_;
-    nb::object data_target_;
+    nb::object chip_data_, data_target_;   // the current DATA block's chip and arm
     std::string last_board_, last_chip_, last_arm_;
     std::string key_text_;
     std::unordered_map<std::string, nb::object> entry_keys_;
