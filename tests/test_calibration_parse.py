@@ -296,7 +296,7 @@ def test_update_dict_failure_is_logged_and_raised(tm, files_dir, caplog):
 
 # ------------------------------------------------------------------ fuzzing --
 
-@settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(noise=st.lists(st.lists(st.sampled_from(
     ["DATA", "DR", "OFFSET_TX", "COMDR", "ELEDR", "TC", "TEMPADC", "COMSTEPDR", "VER", "END",
      "1", "-2.5", "", "TX", "x", "\0", '"', "1e309", "nan", "١"]), max_size=14), max_size=12),
