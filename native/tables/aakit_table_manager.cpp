@@ -363,13 +363,49 @@ nb::object float_pair(const Cells& row) {
     return pair_list(first, second);
 }
 
+// The interpreter keeps one shared object for each integer from -5 to 256 and
+// hands it out for every such value; taking it from our own table saves a call
+// per offset. The table holds its own references, so the objects stay valid.
+constexpr long kSmallIntFirst = -5, kSmallIntLast = 256;
+
+PyObject* small_int(long value) {
+    static PyObject** table = [] {
+        static PyObject* objects[kSmallIntLast - kSmallIntFirst + 1];
+        for (long v = kSmallIntFirst; v <= kSmallIntLast; ++v) objects[v - kSmallIntFirst] = PyLong_FromLong(v);
+        return objects;
+    }();
+    return table[value - kSmallIntFirst];
+}
+
+// int(text) for one offset cell, a new reference. Offsets are phase steps, a
+// sign and a few digits: those are read here in one pass; any other text
+// (blanks, underscores, long numbers, bad text) takes int()'s full way.
+PyObject* offset_value(std::string_view text) {
+    size_t i = 0;
+    bool negative = false;
+    if (!text.empty() && (text[0] == '-' || text[0] == '+')) negative = text[i++] == '-';
+    const size_t digits = text.size() - i;
+    long value = 0;
+    bool plain = digits >= 1 && digits <= 9;
+    for (; plain && i < text.size(); ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - unsigned('0');
+        plain = digit <= 9;
+        value = value * 10 + static_cast<long>(digit);
+    }
+    if (!plain) return int_object(text).release().ptr();
+    if (negative) value = -value;
+    if (value >= kSmallIntFirst && value <= kSmallIntLast) return Py_NewRef(small_int(value));
+    PyObject* number = PyLong_FromLong(value);
+    if (!number) raise_already_set();
+    return number;
+}
+
 // [int(v) for v in values]
 nb::object offset_list(const Cells& row) {
     Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
     nb::object list = nb::steal(PyList_New(count));
     if (!list.is_valid()) raise_already_set();
-    for (Py_ssize_t i = 0; i < count; ++i)
-        PyList_SET_ITEM(list.ptr(), i, int_object(row[i + 1]).release().ptr());
+    for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(list.ptr(), i, offset_value(row[i + 1]));
     return list;
 }
 
