@@ -248,8 +248,7 @@ nb::object get_table_path(nb::handle self) {
 using Cells = std::vector<std::string_view>;
 
 // The rows of a kit file exactly as csv.reader yields them. Kit files are plain
-// names and numbers between commas: for a text without quote characters or NUL
-// whose lines are no longer than csv's field limit, csv.reader's rows are just its
+// names and numbers between commas: for a text without quote characters whose lines are no longer than csv's field limit, csv.reader's rows are just its
 // lines split at each comma, so the cells are taken straight from the text without
 // copying. Any other text goes through the full CSV reader.
 class KitRows {
@@ -267,7 +266,6 @@ public:
 private:
     bool plain_text(long field_limit) const {
         if (text_.find('"') != std::string_view::npos) return false;
-        if (text_.find('\0') != std::string_view::npos) return false;
         for (size_t pos = 0; pos < text_.size();) {
             size_t end = std::min(text_.find('\n', pos), text_.size());
             if (static_cast<long>(end - pos) > field_limit) return false;
