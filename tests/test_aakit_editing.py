@@ -144,21 +144,17 @@ def test_failed_rename_during_update_is_logged(kits, caplog):
     assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
 
 
-@pytest.mark.parametrize("tx, failing", [
-    ((1, 2, 3), "OFFSET_TX"),
-    ((1, 2, 3, 4, 5), "OFFSET_TX"),
+@pytest.mark.parametrize("fields, failing, count", [
+    (([1], [1], [1, 2], [1], [1, 2, 3, 4]), "SPACING", 1),
+    (([1, 2], [1, 2], [1, 2], [1, 2, 3], [1, 2, 3, 4]), "OFFSET_TX", 3),
 ])
-def test_wrong_counts_name_the_first_failing_field(kits, caplog, tx, failing):
+def test_fields_are_checked_in_order_and_the_first_failure_is_named(kits, caplog, fields, failing, count):
     before = dict(kits._AAKitTable)
-    ret = new_kit(kits, tx=tx)
+    ret = kits.setAAKitInfo("Bad", *fields)
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, "AAKit field checking failed: " + failing)
+    assert records(caplog, "AAKitTbl") == [
+        ("ERROR", "setAAKitInfo: Wrong counts:%d of value for field: %s" % (count, failing))]
     assert kits._AAKitTable == before
-
-
-def test_fields_are_checked_in_order(kits, caplog):
-    ret = kits.setAAKitInfo("Bad", [1], [1], [1, 2], [1], [1, 2, 3, 4])
-    assert ret.RetMsg == "AAKit field checking failed: SPACING"
-    assert [m for _, m in records(caplog, "AAKitTbl")] == ["setAAKitInfo: Wrong counts:1 of value for field: SPACING"]
 
 
 @pytest.mark.parametrize("args", [

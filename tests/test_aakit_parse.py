@@ -198,17 +198,6 @@ def test_a_kit_without_kit_type_ends_parse_with_key_error(tm, files_dir):
         manager(tm).parse()
 
 
-def test_a_new_parse_drops_kits_whose_files_are_gone(tm, files_dir):
-    gone = write_kit(files_dir, "gone")
-    write_kit(files_dir, OFFICIAL)
-    kits = manager(tm)
-    kits.parse()
-    first_table = kits._AAKitTable
-    os.remove(gone)
-    kits.parse()
-    assert list(kits._AAKitTable) == [OFFICIAL] and kits._AAKitTable is not first_table
-
-
 # -------------------------------------------------------- custom kit names --
 
 @pytest.fixture
