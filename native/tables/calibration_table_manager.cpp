@@ -1,10 +1,357 @@
-// CalibrationTableManager: to be written (the class exists so the module's names are complete).
-#include "tables/tables.h"
+// CalibrationTableManager: the calibration table of one device (serial number) at
+// one operating frequency. This file holds construction, the search for
+// calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query,
+// the header check and the insertion primitive every parsed value goes through.
+// Parsing lives in calibration_table_manager_parse.cpp, the queries in
+// calibration_table_manager_queries.cpp.
+#include "tables/calibration_table_manager.h"
+
+#include <array>
+
+namespace vex::tables::cali {
+
+// ---------------------------------------------------------- small helpers ---
+
+Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
+
+bool truthy(nb::handle value) {
+    int r = PyObject_IsTrue(value.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+static bool compare(nb::handle a, nb::handle b, int op) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool py_eq(nb::handle a, nb::handle b) { return compare(a, b, Py_EQ); }
+bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
+
+Py_ssize_t py_len(nb::handle value) {
+    Py_ssize_t n = PyObject_Length(value.ptr());
+    if (n < 0) raise_already_set();
+    return n;
+}
+
+Py_ssize_t as_index(nb::handle value) {
+    PyObject* index = PyNumber_Index(value.ptr());
+    if (!index) raise_already_set();
+    Py_ssize_t n = PyLong_AsSsize_t(index);
+    Py_DECREF(index);
+    if (n == -1 && PyErr_Occurred()) raise_already_set();
+    return n;
+}
+
+nb::object py_format(const char* fmt, nb::handle value) {
+    PyObject* text = PyUnicode_FromFormat(fmt, value.ptr());
+    if (!text) raise_already_set();
+    return nb::steal(text);
+}
+
+nb::object board_key(nb::handle number) { return py_format("BOARD_%S", number); }
+
+nb::object board_key(Py_ssize_t number) {
+    PyObject* text = PyUnicode_FromFormat("BOARD_%zd", number);
+    if (!text) raise_already_set();
+    return nb::steal(text);
+}
+
+bool dual_polarization(nb::handle self) { return truthy(getattr(self, k_support_polar)); }
+
+bool uses_database(nb::handle self) {
+    return truthy(getattr(self, k_web_mode)) && !dual_polarization(self);
+}
+
+nb::object database(nb::handle self) { return getattr(self, k_db); }
+
+bool is_database_error(nb::handle exc) {
+    static const Name error_class{"QRVTableDBError"};
+    int r = PyObject_IsInstance(exc.ptr(), global(error_class).ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+// ------------------------------------------------------------- insertion ---
+
+// d.get(key) is None: store; otherwise merge with the mapping's own update().
+static void insert_or_merge(nb::handle d, nb::handle key, nb::handle value) {
+    nb::object existing = dict_get(d, key);
+    if (!existing.is_valid() || existing.is_none()) {
+        setitem(d, key, value);
+    } else if (PyDict_CheckExact(existing.ptr()) && PyDict_CheckExact(value.ptr())) {
+        if (PyDict_Update(existing.ptr(), value.ptr()) < 0) raise_already_set();
+    } else {
+        existing.attr("update")(value);
+    }
+}
+
+void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value) {
+    guard(
+        [&]() -> nb::object {
+            insert_or_merge(d, key, value);
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            PyObject* text = PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S",
+                                                  key.ptr(), value.ptr());
+            if (!text) raise_already_set();
+            log.exception(nb::steal(text));
+            raise(PyExc_Exception, "__updateDict exception");
+        });
+}
+
+nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
+    update_dict(log, parent, key, nb::dict());
+    return getitem(parent, key);
+}
+
+static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
+    update_dict(logger_of(self), d, key, value);
+}
+
+// ---------------------------------------------------------- construction ---
+
+// a, b, c = value: the same errors as Python's unpacking of three targets.
+static std::array<nb::object, 3> unpack_three(nb::handle value) {
+    PyObject* iterator = PyObject_GetIter(value.ptr());
+    if (!iterator) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && !Py_TYPE(value.ptr())->tp_iter &&
+            !PySequence_Check(value.ptr())) {
+            PyErr_Clear();
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value.ptr())->tp_name);
+        }
+        raise_already_set();
+    }
+    nb::object it = nb::steal(iterator);
+    std::array<nb::object, 3> items;
+    for (int i = 0; i < 3; ++i) {
+        PyObject* item = PyIter_Next(it.ptr());
+        if (!item) {
+            if (PyErr_Occurred()) raise_already_set();
+            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
+            raise_already_set();
+        }
+        items[i] = nb::steal(item);
+    }
+    PyObject* extra = PyIter_Next(it.ptr());
+    if (extra) {
+        Py_DECREF(extra);
+        raise(PyExc_ValueError, "too many values to unpack (expected 3)");
+    }
+    if (PyErr_Occurred()) raise_already_set();
+    return items;
+}
+
+static void store_layout(nb::handle self, nb::handle rf_layout) {
+    auto [boards, ics, channels] = unpack_three(rf_layout());
+    setattr(self, k_num_board, boards);
+    setattr(self, k_num_ic_per_board, ics);
+    setattr(self, k_num_channel_per_ic, channels);
+}
+
+// The frequencies dual-polarization devices are calibrated for: 26.5 to 29.5 GHz
+// in 0.5 GHz steps (each the quotient of an integer by 10, as floats).
+static nb::list dual_polarization_frequencies() {
+    nb::list freqs;
+    for (int tenths = 265; tenths < 300; tenths += 5) freqs.append(nb::float_(tenths / 10.0));
+    return freqs;
+}
+
+static nb::object database_adapter(nb::handle sn, nb::handle freq) {
+    static const Name adapter_class{"_QRVTableDB"};
+    nb::dict filter;
+    filter["sn"] = sn;
+    filter["frequency"] = freq;
+    return global(adapter_class)("calibration", filter);
+}
+
+static nb::object files_folder() {
+    static const Name path_class{"Path"}, utils{"_Utils"};
+    return global(path_class)(global(utils).attr("_get_files_dir")());
+}
+
+static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout,
+                 nb::handle support_polar, nb::handle web_client_id, nb::handle fetch_csv_from_file) {
+    setattr(self, k_logger, Log::named("CaliTbl").logger());
+    setattr(self, k_sn, sn);
+    setattr(self, k_freq, freq);
+    setattr(self, k_freq_list, nb::list());
+    setattr(self, k_support_polar, support_polar);
+    setattr(self, k_allOffset, nb::none());
+    setattr(self, k_allXXXDR, nb::none());
+    setattr(self, k_allComDataMap, nb::dict());
+    store_layout(self, rf_layout);
+    setattr(self, k_ver_limit, nb::str("2.0.0"));
+    bool web_mode = !web_client_id.is_none();
+    setattr(self, k_web_mode, nb::bool_(web_mode));
+
+    if (truthy(support_polar)) {
+        // The built-in record is the whole table: no database, no files folder.
+        static const Name moss_cali{"moss_cali"};
+        setattr(self, k_freq_list, dual_polarization_frequencies());
+        setattr(self, k_CaliTable, global(moss_cali));
+        return;
+    }
+    if (web_mode) setattr(self, k_db, database_adapter(sn, freq));
+    setattr(self, k_CaliTable, nb::dict());
+    if (truthy(fetch_csv_from_file)) {
+        setattr(self, k_defaultDir, files_folder());
+        setattr(self, k_path_cali, nb::str(""));
+        getattr(self, k_searchCaliFile)();
+    }
+}
+
+// ------------------------------------------------------------ file search ---
+
+// The frequency written in a calibration file name: the piece of the whole path
+// after its last "_", up to "GHz" + extension, read as float() reads it.
+static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
+    nb::object tail = getitem(path.attr("split")("_"), -1);
+    nb::object number = getitem(tail.attr("split")(ghz_extension), 0);
+    PyObject* value = PyFloat_FromString(number.ptr());
+    if (!value) raise_already_set();
+    return nb::steal(value);
+}
+
+// Rebuilds _freq_list from the files folder and returns the path of the file for
+// the current frequency, or False. The folder is read first, so a manager without
+// one (files not fetched) keeps its frequency list when the search fails.
+static nb::object search_cali_file(nb::handle self, nb::handle extension) {
+    nb::object folder = getattr(self, k_defaultDir);
+    nb::list freq_list;
+    setattr(self, k_freq_list, freq_list);
+    nb::object result = nb::bool_(false);
+
+    PyObject* name = PyUnicode_FromFormat("%S*GHz%S", getattr(self, k_sn).ptr(), extension.ptr());
+    if (!name) raise_already_set();
+    PyObject* joined = PyNumber_TrueDivide(folder.ptr(), name);
+    Py_DECREF(name);
+    if (!joined) raise_already_set();
+    nb::object pattern = nb::str(nb::steal(joined));
+
+    static const Name glob_module{"glob"};
+    nb::object paths = global(glob_module).attr("glob")(pattern);
+    if (!truthy(paths)) return result;
+
+    nb::object ghz_extension = nb::str("GHz") + nb::borrow(extension);
+    nb::object freq = getattr(self, k_freq);
+    for (nb::handle path : paths) {
+        nb::object path_freq = frequency_in_name(path, ghz_extension);
+        if (py_eq(path_freq, freq)) result = nb::borrow(path);
+        freq_list.append(path_freq);
+    }
+    freq_list.attr("sort")();
+    return result;
+}
+
+// -------------------------------------------------- location and versions ---
+
+static nb::object check_cali_table_location(nb::handle self) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            if (truthy(getattr(self, k_web_mode))) return ret_data(Py_True);
+            getattr(self, k_searchCaliFile)();
+            return ret_data(nb::bool_(py_len(getattr(self, k_freq_list)) > 0));
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("checkCaliTableLocation exception"));
+            return ret_error("ERROR_BF_CALI_PATH", "checkCaliTableLocation exception");
+        });
+}
+
+// Failures carry their result in `ret` (the database error does); any other
+// exception has none, and the AttributeError of reading it goes to the caller.
+static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            if (!dual_polarization(self)) {
+                if (truthy(getattr(self, k_web_mode))) {
+                    nb::object listed = database(self).attr("getTableList")("Freq");
+                    setattr(self, k_freq_list, getattr(listed, k_RetData));
+                } else if (truthy(force_refresh)) {
+                    getattr(self, k_searchCaliFile)();
+                }
+            }
+            return ret_data(getattr(self, k_freq_list));
+        },
+        [&](nb::handle exc) -> nb::object {
+            nb::object ret = getattr(exc, k_ret);
+            log.error(str("Exception: %s"), ret);
+            return ret;
+        });
+}
+
+static nb::object query_cali_table_ver(nb::handle self) {
+    Log log = logger_of(self);
+    static const Name ver{"VER"};
+    return guard(
+        [&]() -> nb::object {
+            if (uses_database(self)) return database(self).attr(k_query)("VER");
+            return ret_data(getitem(getattr(self, k_CaliTable), ver));
+        },
+        [&](nb::handle exc) -> nb::object {
+            if (is_database_error(exc)) {
+                nb::object ret = getattr(exc, k_ret);
+                log.error(str("Exception: %s"), ret);
+                return ret;
+            }
+            return ret_error("ERROR_BF_CALI_INCOMPLTE", "Can not found any calibration table");
+        });
+}
+
+// ----------------------------------------------------------- header check ---
+
+// The first failing check names the problem. The version is compared as text on
+// purpose: that is how tables have always been ordered ("10.0.0" < "2.0.0").
+static const char* header_problem(nb::handle self, nb::handle table) {
+    static const Name ver{"VER"}, sn{"SN"}, fcenter{"FCENTER"};
+    if (py_lt(getitem(table, ver), getattr(self, k_ver_limit)))
+        return "Version of Cali table is too low, please upgrade it.";
+    if (!py_eq(getitem(table, sn), getattr(self, k_sn))) return "Wrong SN!";
+    PyObject* centre = PyNumber_Float(getitem(table, fcenter).ptr());
+    if (!centre) raise_already_set();
+    if (!py_eq(nb::steal(centre), getattr(self, k_freq))) return "Wrong Freq";
+    return nullptr;
+}
+
+nb::object basic_check(nb::handle self, nb::handle table) {
+    nb::object ret = ret_ok();
+    const char* problem = header_problem(self, table);
+    if (problem) {
+        static const Name msg{"RetMsg"}, code{"RetCode"};
+        nb::object text = str(problem);
+        setattr(ret, msg, text);
+        setattr(ret, code, RetCode("ERROR_BF_CALI_INCOMPLTE"));
+        logger_of(self).error(text);
+    }
+    return ret;
+}
+
+}  // namespace vex::tables::cali
 
 namespace vex::tables {
 
 void define_calibration_table_manager(nb::module_& m) {
-    vex::py::ClassBuilder cls(m, "CalibrationTableManager", "Calibration tables of one device (serial number).");
+    using namespace vex::tables::cali;
+    ClassBuilder cls(m, "CalibrationTableManager",
+                     "Calibration table of one device (serial number) at one operating frequency: "
+                     "finds, checks and parses its calibration file and answers gain-range queries.");
+    cls.def("__init__", &init, vex::py::arg("sn"), vex::py::arg("freq"), vex::py::arg("rf_layout"),
+            vex::py::arg("support_polar") = false, vex::py::arg("web_client_id") = nb::none(),
+            vex::py::arg("fetchCsvFromFile") = true);
+    cls.def("_searchCaliFile", &search_cali_file, vex::py::arg("extension") = ".csv");
+    cls.def_private("updateDict", &cali_update_dict, vex::py::arg("srcDict"), vex::py::arg("key"),
+                    vex::py::arg("value"));
+    cls.def_private("basicCheck", &basic_check, vex::py::arg("table"));
+    cls.def("checkCaliTableLocation", &check_cali_table_location);
+    cls.def("getFrequencyList", &get_frequency_list, vex::py::arg("force_refresh") = false);
+    cls.def("queryCaliTableVer", &query_cali_table_ver);
+    define_parse_methods(cls);
+    define_query_methods(cls);
     cls.finish();
 }
 

@@ -1,0 +1,82 @@
+// CalibrationTableManager, shared between its source files:
+//   calibration_table_manager.cpp          construction, file search, version, header check
+//   calibration_table_manager_parse.cpp    parse, JSON export, parseRawJson
+//   calibration_table_manager_queries.cpp  DR/COMDR/ELEDR/TC, board offsets, common-arm data
+//
+// The manager is a plain Python class; its state lives in the instance __dict__
+// under the names a Python class would use (private ones mangled), so everything
+// here reads and writes attributes of `self`.
+#pragma once
+
+#include "tables/tables.h"
+
+#include <string_view>
+
+namespace vex::tables::cali {
+
+using namespace vex::py;
+
+// ------------------------------------------------------- attribute names ---
+
+inline const Name k_logger{"_CalibrationTableManager__logger"};
+inline const Name k_sn{"sn"};
+inline const Name k_freq{"_CalibrationTableManager__freq"};
+inline const Name k_freq_list{"_freq_list"};
+inline const Name k_support_polar{"_CalibrationTableManager__support_polar"};
+inline const Name k_allOffset{"_CalibrationTableManager__allOffset"};
+inline const Name k_allXXXDR{"_CalibrationTableManager__allXXXDR"};
+inline const Name k_allComDataMap{"_CalibrationTableManager__allComDataMap"};
+inline const Name k_num_board{"_num_board"};
+inline const Name k_num_ic_per_board{"_num_ic_per_board"};
+inline const Name k_num_channel_per_ic{"_num_channel_per_ic"};
+inline const Name k_ver_limit{"_cali_table_ver_limit"};
+inline const Name k_web_mode{"_CalibrationTableManager__web_mode"};
+inline const Name k_CaliTable{"_CaliTable"};
+inline const Name k_db{"_CalibrationTableManager__db"};
+inline const Name k_defaultDir{"defaultDir"};
+inline const Name k_path_cali{"path_cali"};
+inline const Name k_searchCaliFile{"_searchCaliFile"};
+
+// Other names used in several files.
+inline const Name k_RetData{"RetData"};
+inline const Name k_ret{"ret"};
+inline const Name k_name{"name"};
+inline const Name k_value{"value"};
+inline const Name k_query{"query"};
+
+// ---------------------------------------------------------- small helpers ---
+
+Log logger_of(nb::handle self);
+bool truthy(nb::handle value);                          // bool(value)
+bool py_eq(nb::handle a, nb::handle b);                  // a == b
+bool py_lt(nb::handle a, nb::handle b);                  // a < b
+Py_ssize_t py_len(nb::handle value);                     // len(value)
+Py_ssize_t as_index(nb::handle value);                   // operator.index(value), as range() takes it
+nb::object py_format(const char* fmt, nb::handle value); // PyUnicode_FromFormat with one object
+nb::object board_key(nb::handle number);                 // "BOARD_" + str(number)
+nb::object board_key(Py_ssize_t number);                 // "BOARD_<n>"
+
+// A dual-polarization manager works from the built-in record alone.
+bool dual_polarization(nb::handle self);
+// Web mode on a single-polarization device: the table lives in the database.
+bool uses_database(nb::handle self);
+nb::object database(nb::handle self);                    // the _QRVTableDB adapter
+
+// isinstance(exc, QRVTableDBError), the module global looked up now.
+bool is_database_error(nb::handle exc);
+
+// __updateDict(d, key, value): inserts `value` under `key`, or merges it into the
+// mapping already there. A failure is logged and raised as "__updateDict exception".
+void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value);
+// The mapping under `key`, created empty through update_dict when absent.
+nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key);
+
+// __basicCheck(table): RetType() or the header failure (logged).
+nb::object basic_check(nb::handle self, nb::handle table);
+
+// ----------------------------------------------------- the three parts ---
+
+void define_parse_methods(ClassBuilder& cls);
+void define_query_methods(ClassBuilder& cls);
+
+}  // namespace vex::tables::cali

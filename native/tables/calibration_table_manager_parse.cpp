@@ -1,0 +1,395 @@
+// CalibrationTableManager: reading a calibration CSV into _CaliTable, the JSON
+// export and parseRawJson.
+//
+// The file is tokenised in C++; Python objects are made only for what the table
+// stores. DATA rows (about a hundred thousand in a large table) take a lean path:
+// consecutive rows of the same board, chip and common arm share one target
+// mapping, and each row makes just its entry key, its value list and its values.
+#include "tables/calibration_table_manager.h"
+
+#include "py/codecs.h"
+
+#include <charconv>
+#include <cmath>
+#include <string>
+
+namespace vex::tables::cali {
+namespace {
+
+const Name k_VER{"VER"}, k_REALVER{"REALVER"}, k_SN{"SN"}, k_FCENTER{"FCENTER"}, k_DR{"DR"};
+const Name k_TX{"TX"}, k_RX{"RX"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_TEMPADC{"TEMPADC"};
+const Name k_TC{"TC"}, k_COMSTEPDR{"COMSTEPDR"};
+
+enum class RowKind {
+    Unknown, Ver, RealVer, Sn, FCenter, Dr, OffsetTx, OffsetRx,
+    ComDr, EleDr, TempAdc, Tc, ComStepDr, Data, End
+};
+
+// Keys are matched exactly; DATA comes first because it is most rows of a table.
+RowKind kind_of(std::string_view key) {
+    static const std::pair<std::string_view, RowKind> kinds[] = {
+        {"DATA", RowKind::Data},       {"VER", RowKind::Ver},           {"REALVER", RowKind::RealVer},
+        {"SN", RowKind::Sn},           {"FCENTER", RowKind::FCenter},   {"DR", RowKind::Dr},
+        {"OFFSET_TX", RowKind::OffsetTx}, {"OFFSET_RX", RowKind::OffsetRx}, {"COMDR", RowKind::ComDr},
+        {"ELEDR", RowKind::EleDr},     {"TEMPADC", RowKind::TempAdc},   {"TC", RowKind::Tc},
+        {"COMSTEPDR", RowKind::ComStepDr}, {"END", RowKind::End},
+    };
+    for (const auto& [name, kind] : kinds)
+        if (key == name) return kind;
+    return RowKind::Unknown;
+}
+
+// row[index], with the IndexError a Python list gives for a row that is too short.
+const std::string& cell(const CsvRow& row, size_t index) {
+    if (index >= row.size()) raise(PyExc_IndexError, "list index out of range");
+    return row[index];
+}
+
+nb::object text_of(const CsvRow& row, size_t index) { return str(cell(row, index)); }
+
+nb::object prefixed(std::string_view prefix, const std::string& number) {
+    std::string key(prefix);
+    key += number;
+    return str(key);
+}
+
+nb::object numbered(const char* prefix, Py_ssize_t number) {
+    PyObject* key = PyUnicode_FromFormat("%s%zd", prefix, number);
+    if (!key) raise_already_set();
+    return nb::steal(key);
+}
+
+// [float(cell) for cell in row[first:]]
+nb::list floats_from(const CsvRow& row, size_t first) {
+    nb::list values;
+    for (size_t i = first; i < row.size(); ++i) values.append(nb::float_(double_from_text(row[i])));
+    return values;
+}
+
+// [int(cell) for cell in row[first:]], built in place.
+nb::object ints_from(const CsvRow& row, size_t first) {
+    Py_ssize_t count = row.size() > first ? static_cast<Py_ssize_t>(row.size() - first) : 0;
+    PyObject* list = PyList_New(count);
+    if (!list) raise_already_set();
+    nb::object values = nb::steal(list);
+    for (Py_ssize_t i = 0; i < count; ++i)
+        PyList_SET_ITEM(list, i, int_from_text(row[first + static_cast<size_t>(i)]).release().ptr());
+    return values;
+}
+
+// Appends str(int(float(text))): the integer part of a number written as text.
+void append_truncated(std::string& out, std::string_view text) {
+    double value = double_from_text(text);
+    if (std::isfinite(value) && std::fabs(value) < 9.0e18) {
+        char digits[24];
+        auto end = std::to_chars(digits, digits + sizeof digits, static_cast<long long>(value)).ptr;
+        out.append(digits, end);
+        return;
+    }
+    PyObject* big = PyLong_FromDouble(value);   // OverflowError / ValueError as int() raises
+    if (!big) raise_already_set();
+    nb::object number = nb::steal(big);
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(nb::str(number).ptr(), &size);
+    if (!utf8) raise_already_set();
+    out.append(utf8, static_cast<size_t>(size));
+}
+
+nb::object dr_message(nb::handle mode_name, double low, double high) {
+    auto fixed = [](double v) {
+        char* text = PyOS_double_to_string(v, 'f', 6, 0, nullptr);
+        if (!text) raise_already_set();
+        std::string out(text);
+        PyMem_Free(text);
+        return out;
+    };
+    std::string rest = " mode DR: {" + fixed(low) + "~" + fixed(high) + "}";
+    PyObject* message = PyUnicode_FromFormat("%S%s", mode_name.ptr(), rest.c_str());
+    if (!message) raise_already_set();
+    return nb::steal(message);
+}
+
+// ------------------------------------------------------------ the reader ---
+
+// Reads rows into one table. A refusal of the header check ends the reading with
+// that result; running out of rows without END is a broken file.
+class TableReader {
+public:
+    TableReader(nb::handle self, const Log& log, nb::handle table)
+        : self_(self), log_(log), table_(table),
+          boards_(as_index(getattr(self, k_num_board))),
+          ics_(as_index(getattr(self, k_num_ic_per_board))),
+          channels_(as_index(getattr(self, k_num_channel_per_ic))) {}
+
+    nb::object read(CsvReader& csv, bool& refused) {
+        nb::object ret = ret_ok();
+        CsvRow row;
+        while (csv.next(row)) {
+            if (row.empty()) continue;
+            RowKind kind = kind_of(row[0]);
+            if (kind != RowKind::Data) data_target_ = nb::object();
+            if (kind == RowKind::End) {
+                log_.info(str("%s parsing done"), path_for_log());
+                return ret;
+            }
+            if (kind == RowKind::ComDr || kind == RowKind::EleDr) {
+                nb::object check = basic_check(self_, table_);
+                if (ret_failed(check)) {
+                    refused = true;
+                    return check;
+                }
+            }
+            store(kind, row);
+        }
+        log_.error(str("cali file is broken"));
+        return ret_error("ERROR_BF_CALI_PARSE", "cali file is broken");
+    }
+
+private:
+    void store(RowKind kind, const CsvRow& row) {
+        switch (kind) {
+            case RowKind::Data: store_data(row); break;
+            case RowKind::Ver: store_header(k_VER, row); break;
+            case RowKind::RealVer: store_header(k_REALVER, row); break;
+            case RowKind::Sn: store_header(k_SN, row); break;
+            case RowKind::FCenter: store_header(k_FCENTER, row); break;
+            case RowKind::Dr: store_dr(row); break;
+            case RowKind::OffsetTx: store_offsets(k_TX, row); break;
+            case RowKind::OffsetRx: store_offsets(k_RX, row); break;
+            case RowKind::ComDr: store_arm_range(k_COMDR, row); break;
+            case RowKind::EleDr: store_arm_range(k_ELEDR, row); break;
+            case RowKind::TempAdc: store_temp_adc(row); break;
+            case RowKind::Tc: store_tc(row); break;
+            case RowKind::ComStepDr: store_com_step(row); break;
+            case RowKind::Unknown: case RowKind::End: break;
+        }
+    }
+
+    nb::object path_for_log() const {
+        return hasattr(self_, k_path_cali) ? getattr(self_, k_path_cali) : nb::object(nb::str(""));
+    }
+
+    nb::object board(const std::string& number) { return child_mapping(log_, table_, prefixed("BOARD_", number)); }
+
+    // Header values are plain text; a repeated header row replaces the value.
+    void store_header(const Name& key, const CsvRow& row) {
+        nb::object value = text_of(row, 1);
+        if (log_.on(DEBUG)) {
+            PyObject* message = PyUnicode_FromFormat("%s: %S", key.c_str(), value.ptr());
+            if (!message) raise_already_set();
+            log_.debug(nb::steal(message));
+        }
+        setitem(table_, key, value);
+    }
+
+    // Two cells per RF mode, in the modes' declared order.
+    void store_dr(const CsvRow& row) {
+        nb::dict ranges;
+        setitem(table_, k_DR, ranges);
+        size_t next = 1;
+        for (nb::handle mode : RFMode()) {
+            double low = double_from_text(cell(row, next));
+            double high = double_from_text(cell(row, next + 1));
+            next += 2;
+            nb::object name = getattr(mode, k_name);
+            if (log_.on(DEBUG)) log_.debug(dr_message(name, low, high));
+            nb::list pair;
+            pair.append(nb::float_(low));
+            pair.append(nb::float_(high));
+            setitem(ranges, name, pair);
+        }
+    }
+
+    // One integer per channel, board by board, chip by chip. Rows merge, so a second
+    // row for the same mode replaces channel values and keeps everything else.
+    void store_offsets(const Name& mode, const CsvRow& row) {
+        size_t next = 1;
+        for (Py_ssize_t b = 1; b <= boards_; ++b) {
+            nb::object arm = child_mapping(log_, child_mapping(log_, table_, board_key(b)), mode);
+            for (Py_ssize_t c = 1; c <= ics_; ++c) {
+                nb::dict chip;
+                for (Py_ssize_t ch = 1; ch <= channels_; ++ch)
+                    setitem(chip, numbered("CHANNEL_", ch), int_from_text(cell(row, next++)));
+                update_dict(log_, arm, numbered("OFFSET_CHIP_", c), chip);
+            }
+        }
+    }
+
+    // mode, label, board, label, values...
+    void store_arm_range(const Name& kind, const CsvRow& row) {
+        nb::object mode = text_of(row, 1);
+        nb::object target = board(cell(row, 3));
+        nb::dict entry;
+        setitem(entry, kind, floats_from(row, 5));
+        update_dict(log_, target, mode, entry);
+    }
+
+    // label, board, label, reading: one reading serves both modes.
+    void store_temp_adc(const CsvRow& row) {
+        nb::object target = board(cell(row, 2));
+        nb::object reading = text_of(row, 4);
+        for (const Name* mode : {&k_TX, &k_RX}) {
+            nb::dict entry;
+            setitem(entry, k_TEMPADC, reading);
+            update_dict(log_, target, *mode, entry);
+        }
+    }
+
+    // label, board, label, tx1, tx2, rx1, rx2
+    void store_tc(const CsvRow& row) {
+        nb::object target = board(cell(row, 2));
+        size_t next = 4;
+        for (const Name* mode : {&k_TX, &k_RX}) {
+            nb::list pair;
+            pair.append(text_of(row, next));
+            pair.append(text_of(row, next + 1));
+            next += 2;
+            nb::dict entry;
+            setitem(entry, k_TC, pair);
+            update_dict(log_, target, *mode, entry);
+        }
+    }
+
+    // label, label, board, arm, low, high
+    void store_com_step(const CsvRow& row) {
+        nb::object target = board(cell(row, 3));
+        nb::dict entry;
+        setitem(entry, prefixed("COM_", cell(row, 4)), floats_from(row, 5));
+        update_dict(log_, target, k_COMSTEPDR, entry);
+    }
+
+    // label, label, board, label, chip, arm, mode, gain, phase, one value per channel:
+    // [BOARD_b][DATA_CHIP_c][COM_a][mode_gain_phase] = values, gain as int(float()).
+    void store_data(const CsvRow& row) {
+        nb::handle target = data_target(row);
+        std::string key = cell(row, 7);
+        key += '_';
+        append_truncated(key, cell(row, 8));
+        key += '_';
+        key += cell(row, 9);
+        nb::object values = ints_from(row, 10);
+        setitem(target, str(key), values);
+    }
+
+    // The common-arm mapping of a DATA row, reused while board, chip and arm stay.
+    nb::handle data_target(const CsvRow& row) {
+        const std::string& board_number = cell(row, 3);
+        const std::string& chip = cell(row, 5);
+        const std::string& arm = cell(row, 6);
+        if (data_target_.is_valid() && board_number == last_board_ && chip == last_chip_ && arm == last_arm_)
+            return data_target_;
+        nb::object chip_data = child_mapping(log_, board(board_number), prefixed("DATA_CHIP_", chip));
+        data_target_ = child_mapping(log_, chip_data, prefixed("COM_", arm));
+        last_board_ = board_number;
+        last_chip_ = chip;
+        last_arm_ = arm;
+        return data_target_;
+    }
+
+    nb::handle self_;
+    const Log& log_;
+    nb::handle table_;
+    Py_ssize_t boards_, ics_, channels_;
+    nb::object data_target_;
+    std::string last_board_, last_chip_, last_arm_;
+};
+
+// Reads the found file (or the handed-in file object) into `table`. Any failure
+// while reading becomes "parse exception"; `refused` tells a header refusal.
+nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, nb::handle table, bool& refused) {
+    return guard(
+        [&]() -> nb::object {
+            TableReader reader(self, log, table);
+            if (!file_object.is_none()) {
+                CsvReader csv(file_object, /*drop_nul=*/true);
+                return reader.read(csv, refused);
+            }
+            std::string text = read_text_file(getattr(self, k_path_cali));
+            CsvReader csv(std::string_view(text), /*drop_nul=*/true);
+            return reader.read(csv, refused);
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("parse exception"));
+            return ret_error("ERROR_BF_CALI_PARSE", "parse exception");
+        });
+}
+
+// The export goes beside the CSV: every "csv" in the path becomes "json" (folder
+// names included, so .../csvfiles/x.csv is exported to .../jsonfiles/x.json).
+void export_json(nb::handle self) {
+    nb::object json_path = getattr(self, k_path_cali).attr("replace")("csv", "json");
+    std::string text;
+    json_dumps(getattr(self, k_CaliTable), 4, text);
+    write_file_atomic(json_path, text);
+}
+
+// A new frequency re-targets the manager and drops every cache built for the old one.
+void retarget(nb::handle self, nb::handle freq) {
+    setattr(self, k_freq, freq);
+    setattr(self, k_allOffset, nb::none());
+    setattr(self, k_allXXXDR, nb::none());
+    setattr(self, k_allComDataMap, nb::dict());
+}
+
+nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::handle file_object,
+                       nb::handle export_to_json) {
+    if (!freq.is_none()) {
+        retarget(self, freq);
+        // In web mode the table stays in the database: only its frequency changes.
+        if (uses_database(self)) return database(self).attr("setFreq")(getattr(self, k_freq));
+    }
+    if (file_object.is_none()) {
+        nb::object path = getattr(self, k_searchCaliFile)();
+        if (!truthy(path)) {
+            nb::object ret = ret_error("ERROR_BF_CALI_PATH", "Can not find file for Cali table");
+            log.error(str("Can not find file for Cali table"));
+            return ret;
+        }
+        log.info(str("Cali file path: %s"), path);
+        setattr(self, k_path_cali, path);
+    }
+    nb::dict table;
+    setattr(self, k_CaliTable, table);
+    bool refused = false;
+    nb::object ret = read_table(self, log, file_object, table, refused);
+    if (!file_object.is_none()) file_object.attr("close")();
+    if (refused) return ret;
+    if (truthy(export_to_json)) export_json(self);
+    return ret;
+}
+
+nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json) {
+    Log log = logger_of(self);
+    return guard([&]() { return parse_steps(self, log, freq, file_object, export_to_json); },
+                 [&](nb::handle) -> nb::object {
+                     log.exception(str("parse exception"));
+                     return ret_error("ERROR_BF_CALI_PARSE", "parse exception");
+                 });
+}
+
+// Loads the JSON export of the current frequency (found as the CSV is found).
+nb::object parse_raw_json(nb::handle self) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            nb::object path = getattr(self, k_searchCaliFile)(".json");
+            if (!truthy(path)) return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
+            std::string text = read_text_file(path);
+            setattr(self, k_CaliTable, json_loads(text));
+            return ret_ok();
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("cali file error"));
+            return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
+        });
+}
+
+}  // namespace
+
+void define_parse_methods(ClassBuilder& cls) {
+    cls.def("parse", &parse, vex::py::arg("freq") = nb::none(), vex::py::arg("fileObject") = nb::none(),
+            vex::py::arg("exportToJson") = false);
+    cls.def("parseRawJson", &parse_raw_json);
+}
+
+}  // namespace vex::tables::cali

@@ -1,0 +1,194 @@
+"""Calibration manager: construction, finding calibration files, frequency list,
+version query and the header check."""
+import logging
+import pathlib
+
+import pytest
+
+from calibration_sample import SN
+from conftest import records
+from fake_queryer import FakeService
+from vexcore.QRVPublic import RetCode
+
+DUAL_FREQS = [26.5, 27.0, 27.5, 28.0, 28.5, 29.0, 29.5]
+
+
+def touch(folder, *names):
+    for name in names:
+        (folder / name).write_text("VER,2.1.0\n")
+
+
+def manager(tm, freq=28, **kwargs):
+    return tm.CalibrationTableManager(SN, freq, tm.fake_rf_layout, **kwargs)
+
+
+def private(obj, name):
+    return getattr(obj, "_CalibrationTableManager__" + name)
+
+
+# ------------------------------------------------------------ construction --
+
+def test_file_mode_construction_sets_every_attribute(tm, files_dir):
+    touch(files_dir, SN + "_28.0GHz.csv")
+    m = manager(tm)
+    assert private(m, "logger") is logging.getLogger("CaliTbl")
+    assert (m.sn, private(m, "freq"), private(m, "support_polar"), private(m, "web_mode")) == (SN, 28, False, False)
+    assert (private(m, "allOffset"), private(m, "allXXXDR"), private(m, "allComDataMap")) == (None, None, {})
+    assert (m._num_board, m._num_ic_per_board, m._num_channel_per_ic) == (4, 1, 4)
+    assert m._cali_table_ver_limit == "2.0.0"
+    assert m._CaliTable == {} and m._CaliTable is not tm.moss_cali
+    assert m.defaultDir == pathlib.Path(files_dir) and isinstance(m.defaultDir, pathlib.Path)
+    assert m.path_cali == ""
+    assert m._freq_list == [28.0]          # the search ran at construction
+    assert not hasattr(m, "_CalibrationTableManager__db")
+
+
+def test_without_fetching_files_nothing_is_searched(tm, files_dir):
+    touch(files_dir, SN + "_28.0GHz.csv")
+    m = manager(tm, fetchCsvFromFile=False)
+    assert m._freq_list == []
+    assert not hasattr(m, "defaultDir") and not hasattr(m, "path_cali")
+
+
+def test_dual_polarization_uses_the_built_in_record_only(tm, files_dir, monkeypatch):
+    FakeService().install(monkeypatch)
+    touch(files_dir, SN + "_28.0GHz.csv")
+    m = manager(tm, support_polar=True, web_client_id="7")
+    assert m._CaliTable is tm.moss_cali
+    assert m._freq_list == DUAL_FREQS
+    for name in ("_CalibrationTableManager__db", "defaultDir", "path_cali"):
+        assert not hasattr(m, name)
+    for refresh in (False, True):
+        assert m.getFrequencyList(refresh).RetData == DUAL_FREQS
+    assert m.queryCaliTableVer().RetData == "3.0.0"
+
+
+def test_web_mode_makes_a_database_adapter_for_the_device(tm, files_dir, monkeypatch):
+    service = FakeService().install(monkeypatch)
+    m = manager(tm, freq=27.5, web_client_id="111")
+    db = private(m, "db")
+    assert isinstance(db, tm._QRVTableDB) and service.tables == ["calibration"]
+    assert db._QRVTableDB__template == {"sn": SN, "frequency": 27.5}
+    assert m.checkCaliTableLocation().RetData is True
+    assert service.calls == []
+
+
+@pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, 5, "ab"])
+def test_layout_must_unpack_into_three_values_as_python_unpacks(tm, files_dir, layout):
+    with pytest.raises(Exception) as expected:
+        a, b, c = layout
+    with pytest.raises(type(expected.value)) as caught:
+        tm.CalibrationTableManager(SN, 28, lambda: layout)
+    assert str(caught.value) == str(expected.value)
+
+
+def test_layout_may_be_any_iterable_of_three(tm, files_dir):
+    m = tm.CalibrationTableManager(SN, 28, lambda: iter([2, 3, 8]))
+    assert (m._num_board, m._num_ic_per_board, m._num_channel_per_ic) == (2, 3, 8)
+
+
+# ------------------------------------------------------------- file search --
+
+def test_search_returns_the_file_of_the_frequency_and_lists_all(tm, files_dir):
+    touch(files_dir, SN + "_27.5GHz.csv", SN + "_28.0GHz.csv", SN + "_26.0GHz.csv", SN + "_28.0GHz.json")
+    m = manager(tm)
+    assert m._searchCaliFile() == str(files_dir / (SN + "_28.0GHz.csv"))
+    assert m._freq_list == [26.0, 27.5, 28.0]
+    assert m._searchCaliFile(".json") == str(files_dir / (SN + "_28.0GHz.json"))
+    assert m._freq_list == [28.0]
+
+
+@pytest.mark.parametrize("names, freq, found, freqs", [
+    ([SN + "_28GHz.csv"], 28, SN + "_28GHz.csv", [28.0]),
+    ([SN + "_28GHz.csv"], 28.0, SN + "_28GHz.csv", [28.0]),
+    ([SN + "_27.5GHz.csv"], 28, None, [27.5]),
+    ([], 28, None, []),
+    ([SN + "_28.0GHz.csv", SN + "1_29.0GHz.csv"], 28, SN + "_28.0GHz.csv", [28.0, 29.0]),
+    (["OTHER_28.0GHz.csv"], 28, None, []),
+])
+def test_search_cases(tm, files_dir, names, freq, found, freqs):
+    touch(files_dir, *names)
+    m = manager(tm, freq=freq)
+    expected = str(files_dir / found) if found else False
+    assert m._searchCaliFile() == expected
+    assert m._freq_list == freqs
+    assert m.checkCaliTableLocation().RetData is bool(freqs)
+
+
+def test_underscores_in_the_folder_do_not_disturb_the_frequency(tm, tmp_path, monkeypatch):
+    folder = tmp_path / "cal_tables_v2"
+    folder.mkdir()
+    monkeypatch.setenv("VEXCORE_FILES_DIR", str(folder))
+    touch(folder, SN + "_28.0GHz.csv")
+    assert manager(tm)._freq_list == [28.0]
+
+
+def test_a_name_without_a_number_fails_the_search(tm, files_dir, caplog):
+    m = manager(tm)
+    touch(files_dir, SN + "_highGHz.csv")
+    with pytest.raises(ValueError):
+        m._searchCaliFile()
+    ret = m.checkCaliTableLocation()
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_PATH, "checkCaliTableLocation exception")
+    assert caplog.records[-1].exc_info[0] is ValueError
+    # getFrequencyList reads the failure's result, which only a database error has.
+    with pytest.raises(AttributeError):
+        m.getFrequencyList(force_refresh=True)
+
+
+def test_frequency_list_is_refreshed_only_when_asked(tm, files_dir):
+    touch(files_dir, SN + "_28.0GHz.csv")
+    m = manager(tm)
+    touch(files_dir, SN + "_29.0GHz.csv")
+    ret = m.getFrequencyList()
+    assert ret.RetData == [28.0] and ret.RetData is m._freq_list
+    assert m.getFrequencyList(force_refresh=True).RetData == [28.0, 29.0]
+
+
+def test_subclass_search_is_used(tm, files_dir):
+    class Elsewhere(tm.CalibrationTableManager):
+        def _searchCaliFile(self, extension=".csv"):
+            self._freq_list = [99.0]
+            return False
+
+    m = Elsewhere(SN, 28, tm.fake_rf_layout)
+    assert m.checkCaliTableLocation().RetData is True
+    assert m.parse().RetCode == RetCode.ERROR_BF_CALI_PATH
+
+
+# ---------------------------------------------------------------- versions --
+
+def test_version_before_any_table(tm, files_dir, caplog):
+    ret = manager(tm).queryCaliTableVer()
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
+    assert records(caplog, "CaliTbl") == []
+
+
+def test_version_of_a_loaded_table(tm, files_dir):
+    m = manager(tm)
+    m._CaliTable = {"VER": "2.3.1"}
+    assert m.queryCaliTableVer().RetData == "2.3.1"
+
+
+@pytest.mark.parametrize("header, problem", [
+    ({"VER": "2.0.0", "SN": SN, "FCENTER": "28.0"}, None),
+    ({"VER": "2.1", "SN": SN, "FCENTER": "28"}, None),
+    ({"VER": "10.0.0", "SN": SN, "FCENTER": "28.0"}, "Version of Cali table is too low, please upgrade it."),
+    ({"VER": "1.9.9", "SN": "OTHER", "FCENTER": "27.0"}, "Version of Cali table is too low, please upgrade it."),
+    ({"VER": "2.1.0", "SN": SN + "1", "FCENTER": "28.0"}, "Wrong SN!"),
+    ({"VER": "2.1.0", "SN": SN, "FCENTER": "27.5"}, "Wrong Freq"),
+    ({"VER": "2.1.0", "SN": SN, "FCENTER": " 28.000 "}, None),
+])
+def test_header_check(tm, files_dir, caplog, header, problem):
+    ret = manager(tm)._CalibrationTableManager__basicCheck(header)
+    if problem is None:
+        assert (ret.RetCode, ret.RetMsg) == (RetCode.OK, "")
+        assert records(caplog, "CaliTbl") == []
+    else:
+        assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
+        assert records(caplog, "CaliTbl") == [("ERROR", problem)]
+
+
+def test_header_check_needs_the_header(tm, files_dir):
+    with pytest.raises(KeyError):
+        manager(tm)._CalibrationTableManager__basicCheck({"VER": "2.1.0"})

@@ -1,0 +1,240 @@
+"""Calibration manager: dynamic ranges, temperature compensation, board offsets
+and common-arm queries, in file mode and for dual-polarization devices."""
+import logging
+
+import pytest
+
+from calibration_sample import GAINS, MODES, PHASES, SN, make_sample
+from conftest import records
+from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
+
+BOARDS = range(1, 5)
+
+
+@pytest.fixture
+def sample():
+    return make_sample()
+
+
+@pytest.fixture
+def m(tm, files_dir, sample):
+    sample.write(files_dir)
+    manager = tm.CalibrationTableManager(SN, 28, tm.fake_rf_layout)
+    assert manager.parse().RetCode == RetCode.OK
+    return manager
+
+
+@pytest.fixture
+def dual(tm, files_dir):
+    return tm.CalibrationTableManager("K5120R077-28", 28, lambda: (1, 1, 4), support_polar=True)
+
+
+def board(sample, b):
+    return sample.expected["BOARD_%d" % b]
+
+
+# ------------------------------------------------------------------- DR ---
+
+@pytest.mark.parametrize("mode", [None, RFMode.TX, RFMode.RX, 0, 1])
+def test_dr_of_all_modes_or_one(m, sample, mode):
+    ret = m.getDR(mode)
+    assert ret.RetCode == RetCode.OK
+    expected = sample.expected["DR"]
+    assert ret.RetData == (expected if mode is None else expected[RFMode(mode).name])
+
+
+def test_dr_of_an_unknown_mode_is_an_error(m, caplog):
+    ret = m.getDR(5)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR, "getDR exception")
+    assert caplog.records[-1].exc_info[0] is ValueError
+
+
+@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR"])
+def test_missing_table_entries_reach_the_caller(tm, files_dir, call):
+    empty = tm.CalibrationTableManager(SN, 28, tm.fake_rf_layout)
+    with pytest.raises(KeyError):
+        getattr(empty, call)()
+
+
+# ---------------------------------------------------------- COMDR / ELEDR ---
+
+@pytest.mark.parametrize("kind", ["COMDR", "ELEDR"])
+def test_board_ranges_per_mode_and_board(m, sample, kind):
+    ret = getattr(m, "get" + kind)()
+    assert ret.RetCode == RetCode.OK
+    assert ret.RetData == [[board(sample, b)[mode][kind] for b in BOARDS] for mode in MODES]
+
+
+def test_board_ranges_are_read_once_per_frequency(m, caplog):
+    caplog.set_level(logging.DEBUG, logger="CaliTbl")
+    first = m.getCOMDR().RetData
+    m._CaliTable.clear()                       # the cache alone answers now
+    assert m.getCOMDR().RetData is first
+    assert m.getELEDR().RetCode == RetCode.OK
+    log = records(caplog, "CaliTbl")
+    assert [level for level, text in log if text.startswith("All DR: ")] == ["INFO"]
+    assert log[-2:] == [("DEBUG", "Fetch COMDR from cache"), ("DEBUG", "Fetch ELEDR from cache")]
+
+
+def test_cache_holds_every_kind(m, sample):
+    cache_of = m._CalibrationTableManager__getXXXDR
+    assert cache_of("COMSTEPDR") == [[board(sample, b)["COMSTEPDR"] for b in BOARDS]] * 2
+    assert set(m._CalibrationTableManager__allXXXDR) == {"COMDR", "ELEDR", "COMSTEPDR"}
+
+
+@pytest.mark.parametrize("mode, index", [(RFMode.RX, 0), (RFMode.TX, 3), (0, 1), (1, -1)])
+def test_one_board_entry(m, sample, mode, index):
+    name = RFMode(mode).name
+    assert m._getBoardCOMDR(mode, index) == board(sample, list(BOARDS)[index])[name]["COMDR"]
+    assert m._getBoardELEDR(mode, index) == board(sample, list(BOARDS)[index])[name]["ELEDR"]
+
+
+def test_a_board_missing_from_the_table_is_not_cached(m):
+    del m._CaliTable["BOARD_3"]
+    with pytest.raises(KeyError):
+        m.getCOMDR()
+    assert m._CalibrationTableManager__allXXXDR is None
+
+
+# -------------------------------------------------------------------- TC ---
+
+def test_temperature_compensation_as_integers(m, sample):
+    assert m._getTC() == [[int(v) for mode in MODES for v in board(sample, b)[mode]["TC"]] for b in BOARDS]
+
+
+def test_temperature_compensation_counts_every_chip(tm, files_dir):
+    sample = make_sample(boards=2, ics=2)
+    sample.write(files_dir)
+    m = tm.CalibrationTableManager(SN, 28, lambda: (1, 2, 4))
+    m.parse()
+    assert len(m._getTC()) == 2
+
+
+# ----------------------------------------------------- dual polarization ---
+
+def test_dual_polarization_ranges(dual, tm, caplog):
+    cali = tm.moss_cali
+    assert dual.getDR().RetData is cali["DR"]
+    assert dual.getDR(CellRFMode.RX).RetData == cali["DR"]["RX"]
+    assert dual.getDR(RFMode.TX).RetData == cali["DR"]["TX"]
+    assert dual.getCOMDR().RetData == [[{p: cali["BOARD_1"][mode][p]["COMDR"] for p in ("HORIZON", "VERTICAL")}]
+                                       for mode in MODES]
+    assert dual.getELEDR().RetData == [[{"HORIZON": 7.0, "VERTICAL": 7.5}], [{"HORIZON": 4.0, "VERTICAL": 5.5}]]
+    assert dual._getTC() == [[[8, 3, 2, 11], [8, 3, 2, 11]]]
+
+
+def test_dual_polarization_refuses_standby(dual, caplog):
+    ret = dual.getDR(CellRFMode.STANDBY)
+    assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.OK, "DR not support for STANDBY mode", None)
+    assert records(caplog, "CaliTbl") == [("WARNING", "DR not support for STANDBY mode")]
+
+
+# ---------------------------------------------------------- board offsets ---
+
+def offsets(sample, mode, b, chip=1):
+    stored = board(sample, b)[mode]["OFFSET_CHIP_%d" % chip]
+    return [stored["CHANNEL_%d" % ch] for ch in range(1, 5)]
+
+
+@pytest.mark.parametrize("boards, mode", [([1, 2, 3, 4], "TX"), ((4, 2), "RX"), (range(1, 3), "TX")])
+def test_offsets_of_several_boards(m, sample, boards, mode):
+    assert m._getBoardsOffset(boards, mode, 1) == [offsets(sample, mode, b) for b in boards]
+
+
+def test_offsets_default_to_tx_of_the_first_chip_and_are_cached(m, sample):
+    assert m._getBoardsOffset(2) == [offsets(sample, "TX", 2)]
+    m._CaliTable.clear()
+    answer = m._getBoardsOffset([2])
+    assert answer == [offsets(sample, "TX", 2)]
+    answer[0][0] = 999                         # a caller's change stays with the caller
+    assert m._getBoardsOffset(2) == [offsets(sample, "TX", 2)]
+    assert m._CalibrationTableManager__allOffset == {"TX": {"BOARD_2": {"OFFSET_CHIP_1": offsets(sample, "TX", 2)}}}
+
+
+def test_offsets_of_a_missing_board_or_chip(m):
+    with pytest.raises(KeyError):
+        m._getBoardsOffset([1, 5])
+    with pytest.raises(KeyError):
+        m._getBoardsOffset(1, "TX", 2)
+
+
+# ------------------------------------------------------- common-arm steps ---
+
+@pytest.mark.parametrize("low, high, arms", [
+    (-5.0, 0.0, [2, 3]),        # arm 1 spans -11..-2, arm 2 -8..1, arm 3 -5..4
+    (-8.0, 1.0, [2]),           # bounds are inclusive
+    (-11.0, 4.0, []),
+    (-3.0, -2.0, [1, 2, 3]),
+    (2.0, 5.0, []),
+])
+def test_steps_that_cover_a_range(m, low, high, arms):
+    for b in BOARDS:
+        assert m._searchComStepDR(b, "RX", low, high, None) == arms
+
+
+def test_step_filter_works_on_any_step_mapping(m):
+    pick = m._CalibrationTableManager__appendComDictToList
+    steps = {"COM_7": [-3, 3], "COM_12": [0, 10], "COM_2": [-1, 1]}
+    assert pick(steps, -1, 1) == [7, 2]
+    assert pick(steps, 0, 3) == [7, 12]
+    assert pick({}, 0, 1) == []
+
+
+def test_steps_split_by_polarization(m, tm):
+    for b in BOARDS:
+        m._CaliTable["BOARD_%d" % b]["COMSTEPDR"] = {"HORIZON": {"COM_1": [-9, 0]}, "VERTICAL": {"COM_4": [-9, 0]}}
+    assert m._searchComStepDR(1, "TX", -5, -1, tm.POL.VERTICAL) == [4]
+    assert m._searchComStepDR(1, "TX", -5, -1, 0) == [1]
+
+
+@pytest.mark.parametrize("bad_board", [0, -1, 5])
+def test_steps_of_a_board_out_of_range(m, bad_board):
+    with pytest.raises(IndexError):
+        m._searchComStepDR(bad_board, "TX", -5, 0, None)
+
+
+# ------------------------------------------------------- common-arm data ---
+
+def stored_values(sample, b, chip, arm, mode, gain, phase):
+    return sample.expected["BOARD_%d" % b]["DATA_CHIP_%d" % chip]["COM_%d" % arm][
+        "%s_%d_%s" % (mode, int(float(gain)), phase)]
+
+
+def test_common_arm_data_for_steps_gathered_over_boards(m, sample):
+    arms = m._searchComStepDR(1, "TX", -5, 0, None) + m._searchComStepDR(2, "TX", -5, 0, None)
+    channels, gains, phases = [1, 2, 3, 4], [float(g) for g in GAINS], [int(p) for p in PHASES]
+    data = m._getComData("TX", 2, 1, channels, gains, phases, arms)
+    assert list(data) == ["COM_2", "COM_3"]
+    for arm in (2, 3):
+        assert data["COM_%d" % arm] == [stored_values(sample, 2, 1, arm, "TX", g, p)[ch - 1]
+                                        for ch, g, p in zip(channels, GAINS, PHASES)]
+
+
+@pytest.mark.parametrize("gain", ["-2.0", -2, -2.0, "-2", -2.7])
+def test_gain_is_matched_by_its_integer_part(m, sample, gain):
+    data = m._getComData("RX", 3, 1, [2], [gain], ["90"], [1])
+    assert data == {"COM_1": [stored_values(sample, 3, 1, 1, "RX", -2, "90")[1]]}
+
+
+def test_steps_without_data_are_left_out(m):
+    assert m._getComData("TX", 1, 1, [1], [0], [0], [9, 7]) == {}
+
+
+def test_common_arm_data_is_cached_per_chip(m, sample):
+    m._getComData("TX", 4, 1, [1], [0], [0], [1])
+    m._CaliTable.clear()
+    assert m._getComData("TX", 4, 1, [3], [2], [270], [3]) == {
+        "COM_3": [stored_values(sample, 4, 1, 3, "TX", 2, 270)[2]]}
+    assert list(m._CalibrationTableManager__allComDataMap) == ["BOARD_4"]
+
+
+@pytest.mark.parametrize("channel, gain, phase, error", [
+    ([1, 2], [0], [0, 0], ValueError),
+    ([0], [0], [0], IndexError),
+    ([5], [0], [0], IndexError),
+    ([1], [1], [0], KeyError),
+    ([1], [0], [45], KeyError),
+])
+def test_bad_data_requests(m, channel, gain, phase, error):
+    with pytest.raises(error):
+        m._getComData("TX", 1, 1, channel, gain, phase, [1])
