@@ -1,6 +1,7 @@
 """The native codecs against the standard library on hand-picked inputs."""
 import csv
 import errno
+import gc
 import io
 import json
 import math
@@ -67,6 +68,27 @@ def test_csv_drop_nul_matches_replace_before_reading(text):
     expected = std_rows(line.replace("\0", "") for line in lines_of(text))
     assert _codec.csv_rows(text, drop_nul=True) == expected
     assert _codec.csv_rows(lines_of(text), drop_nul=True) == expected
+
+
+def test_csv_rows_read_through_a_text_file_object(tmp_path):
+    path = tmp_path / "k.csv"
+    path.write_bytes(b'a,"b\r\nc"\r\nd\re\n\xc3\xa9,\x00\n')
+    with open(path, encoding="utf-8") as f:
+        expected = std_rows(f)
+    with open(path, encoding="utf-8") as f:
+        assert _codec.csv_rows(f) == expected
+    assert _codec.csv_rows(_codec.read_text_file(path)) == expected
+
+
+def test_csv_file_numbers_matches_reader_with_int_and_float(tmp_path):
+    path = tmp_path / "c.csv"
+    path.write_text("DATA,1,-2,3.5,1e-5, 7 \n\nDATA,0,1_0,inf,-0,8\n", encoding="utf-8")
+    with open(path, encoding="utf-8") as f:
+        expected = [[row[0], int(row[1]), int(row[2])] + [float(c) for c in row[3:]] for row in csv.reader(f) if row]
+    assert repr(_codec.csv_file_numbers(path, [1, 2])) == repr(expected)
+    with pytest.raises(ValueError) as err:
+        _codec.csv_file_numbers(path, [1, 2, 3])
+    assert str(err.value) == _error_text(lambda: int("3.5"))
 
 
 def test_csv_field_limit_is_read_when_the_reader_is_made():
@@ -220,10 +242,41 @@ def test_json_dumps_refuses_lone_surrogates_like_a_utf8_write():
         _codec.json_dumps(["\ud800"], 2)
 
 
-@pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', "[1, 1.0, 1e400, NaN, -Infinity]",
-                                  '{"b": 1, "a": [' + "9" * 50 + "]}", '"\\ud800"', "[1,]", "", "{"])
+JSON_TEXTS = [
+    '{"a": 1, "a": 2}', '{"b": 1, "a": [' + "9" * 50 + "]}", "[1, 1.0, 1e400, -1e400, 1E-400, NaN, -Infinity]",
+    "[-0, -0.0, 0.5e1, 1e+2, 10E-1]", '"\\ud83d\\ude00 \\u00e9 \\/ \\b\\f\\n\\r\\t"', '"\\ud800"', '"\\ud800x"',
+    '"\\udc00\\ud800"', '{"caf\u00e9": "\u65e5\u672c", "\\u0041": 1}', " \t\r\n [ ] \n", "{}",
+    # refused, with the scanner's message and position
+    "", " ", "[1,]", '{"a": 1,}', "[1 2]", '{"a" 1}', "{1: 2}", "[01]", "[1.]", "[1e]", "-", "[-]", "nul",
+    "tru", "Infinit", '"abc', '"a\nb"', '"\\x"', '"\\u12"', '"\\u12g4"', '"\\ud800\\uzzzz"', "[1] x",
+    "\ufeff[1]", "[" * 5 + "]" * 4, '{"a": [1, {"b": }]}', "1" * 5000, "\u00e9",
+]
+
+
+@pytest.mark.parametrize("text", JSON_TEXTS)
 def test_json_loads_matches_json(text):
     assert _outcome(_codec.json_loads, text, repr_result=True) == _outcome(json.loads, text, repr_result=True)
+
+
+def test_json_loads_shares_keys_and_constants_like_json():
+    text = '[{"key": NaN}, {"key": NaN}]'
+    ours, theirs = _codec.json_loads(text), json.loads(text)
+    ours_keys, theirs_keys = [next(iter(d)) for d in ours], [next(iter(d)) for d in theirs]
+    assert (ours_keys[0] is ours_keys[1]) == (theirs_keys[0] is theirs_keys[1])
+    assert (ours[0]["key"] is ours[1]["key"]) == (theirs[0]["key"] is theirs[1]["key"])
+    assert ours == theirs   # equal because the NaN is one object, as json gives it
+
+
+@pytest.mark.parametrize("gc_on", [True, False])
+@pytest.mark.parametrize("text", ['{"a": [1, 2]}', '{"a": [1, 2'])
+def test_json_loads_leaves_the_collector_as_it_found_it(gc_on, text):
+    was = gc.isenabled()
+    (gc.enable if gc_on else gc.disable)()
+    try:
+        _outcome(_codec.json_loads, text)
+        assert gc.isenabled() == gc_on
+    finally:
+        (gc.enable if was else gc.disable)()
 
 
 # --------------------------------------------------------------------- text --
@@ -294,6 +347,36 @@ def test_write_file_atomic_failure_keeps_old_file_and_leaves_no_temporary(tmp_pa
     assert done.stdout.split() == ["OSError", str(errno.EFBIG), str(path)]
     assert path.read_bytes() == b"old"
     assert [p.name for p in tmp_path.iterdir()] == ["table.csv"]
+
+
+def test_write_file_atomic_through_a_symlink_replaces_the_linked_file(tmp_path):
+    real = tmp_path / "real.json"
+    real.write_text("old")
+    link = tmp_path / "link.json"
+    link.symlink_to("real.json")
+    _codec.write_file_atomic(link, "new")
+    assert link.is_symlink() and real.read_text() == "new"
+
+
+def test_write_file_atomic_read_only_file_is_refused_when_open_refuses_it(tmp_path):
+    path = tmp_path / "ro.csv"
+    path.write_text("old")
+    os.chmod(path, 0o444)
+    try:
+        open(path, "w").close()   # privileged users may write anyway; then so do we
+        path.write_text("old")
+        expected = None
+    except PermissionError as exc:
+        expected = (exc.errno, exc.filename)
+    if expected is None:
+        _codec.write_file_atomic(path, "new")
+        assert path.read_text() == "new"
+    else:
+        with pytest.raises(PermissionError) as err:
+            _codec.write_file_atomic(path, "new")
+        assert (err.value.errno, err.value.filename) == expected
+        assert path.read_text() == "old"
+    assert stat.S_IMODE(path.stat().st_mode) == 0o444
 
 
 @pytest.mark.parametrize("make_target", ["missing_folder", "directory"])

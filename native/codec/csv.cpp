@@ -3,8 +3,8 @@
 namespace vex::codec {
 
 void CsvParser::reset() {
-    used_fields_ = 0;
-    field_.clear();
+    record_.clear();
+    field_ends_.clear();
     field_chars_ = 0;
     state_ = State::start_record;
     error_ = CsvError::none;
@@ -16,20 +16,56 @@ bool CsvParser::add_char(char c) {
         if (field_chars_ >= field_limit_) return fail(CsvError::field_too_large);
         ++field_chars_;
     }
-    field_.push_back(c);
+    record_.push_back(c);
     return true;
 }
 
 void CsvParser::save_field() {
-    if (used_fields_ == fields_.size()) fields_.emplace_back();
-    fields_[used_fields_++].swap(field_);
-    field_.clear();
+    field_ends_.push_back(record_.size());
     field_chars_ = 0;
 }
 
+namespace {
+
+// Where the run of characters that only extend the field ends: the machine
+// would add each of them in turn, so they are added in one go.
+std::size_t run_end(std::string_view line, std::size_t i, bool quoted) {
+    const std::size_t n = line.size();
+    if (quoted) {
+        const std::size_t quote = line.find('"', i);
+        return quote == std::string_view::npos ? n : quote;
+    }
+    while (i < n && line[i] != ',' && line[i] != '\n' && line[i] != '\r') ++i;
+    return i;
+}
+
+std::size_t code_points(std::string_view text) {
+    std::size_t n = 0;
+    for (char c : text) n += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    return n;
+}
+
+}  // namespace
+
+bool CsvParser::add_run(std::string_view run) {
+    const std::size_t chars = code_points(run);
+    if (field_chars_ + static_cast<long>(chars) > field_limit_) return fail(CsvError::field_too_large);
+    field_chars_ += static_cast<long>(chars);
+    record_.append(run);
+    return true;
+}
+
 bool CsvParser::feed_line(std::string_view line) {
-    for (char c : line)
-        if (!process(c)) return false;
+    std::size_t i = 0;
+    while (i < line.size()) {
+        if (state_ == State::in_field || state_ == State::in_quoted_field) {
+            const std::size_t end = run_end(line, i, state_ == State::in_quoted_field);
+            if (end > i && !add_run(line.substr(i, end - i))) return false;
+            i = end;
+            if (i == line.size()) break;
+        }
+        if (!process(line[i++])) return false;
+    }
     return process_end_of_line();
 }
 

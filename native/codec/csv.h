@@ -36,7 +36,13 @@ public:
     // quoted field) and tells whether there is a record to hand out.
     bool finish();
 
-    std::vector<std::string>& fields() { return fields_; }
+    // The fields of the record handed out: views into the parser's buffer,
+    // valid until the next reset().
+    std::size_t field_count() const { return field_ends_.size(); }
+    std::string_view field(std::size_t i) const {
+        const std::size_t begin = i == 0 ? 0 : field_ends_[i - 1];
+        return std::string_view(record_).substr(begin, field_ends_[i] - begin);
+    }
     CsvError error() const { return error_; }
     long field_limit() const { return field_limit_; }
 
@@ -48,20 +54,18 @@ private:
     bool process(char c);
     bool process_end_of_line();
     bool add_char(char c);
+    bool add_run(std::string_view run);
     void save_field();
     bool fail(CsvError e) { error_ = e; return false; }
 
     long field_limit_;
     State state_ = State::start_record;
-    std::string field_;
-    long field_chars_ = 0;      // code points in field_, what the limit counts
-    std::vector<std::string> fields_;
-    std::size_t used_fields_ = 0;   // fields_ keeps its strings to reuse their storage
+    // All fields of the record back to back; field_ends_ marks where each ends.
+    // One buffer reused record after record: no allocation per field.
+    std::string record_;
+    std::vector<std::size_t> field_ends_;
+    long field_chars_ = 0;      // code points in the open field, what the limit counts
     CsvError error_ = CsvError::none;
-
-public:
-    // The fields of the current record (fields_ may hold spare strings beyond).
-    std::size_t field_count() const { return used_fields_; }
 };
 
 // Appends one field as the writer writes it with minimal quoting: quoted when it

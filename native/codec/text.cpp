@@ -1,6 +1,7 @@
 #include "codec/text.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -69,12 +70,36 @@ bool decode_utf8_text(std::string_view raw, std::string& out) {
 }
 
 bool is_strict_utf8(std::string_view raw) {
-    for (std::size_t i = 0; i < raw.size();) {
+    const std::size_t n = raw.size();
+    for (std::size_t i = 0; i < n;) {
+        // Skip plain ASCII eight bytes at a time: nearly all of a table file.
+        while (i + 8 <= n) {
+            std::uint64_t word;
+            std::memcpy(&word, raw.data() + i, 8);
+            if (word & 0x8080808080808080ULL) break;
+            i += 8;
+        }
+        if (i >= n) break;
         const std::size_t len = utf8_sequence_length(raw, i);
         if (len == 0) return false;
         i += len;
     }
     return true;
+}
+
+void translate_newlines(std::string& text) {
+    std::size_t write = text.find('\r');
+    if (write == std::string::npos) return;
+    for (std::size_t read = write; read < text.size(); ++read) {
+        const char c = text[read];
+        if (c != '\r') {
+            text[write++] = c;
+            continue;
+        }
+        text[write++] = '\n';
+        if (read + 1 < text.size() && text[read + 1] == '\n') ++read;
+    }
+    text.resize(write);
 }
 
 std::size_t count_code_points(std::string_view utf8) {

@@ -17,6 +17,9 @@ bool decode_utf8_text(std::string_view raw, std::string& out);
 // True when `raw` is strict UTF-8.
 bool is_strict_utf8(std::string_view raw);
 
+// Turns "\r\n" and lone "\r" into "\n" in place.
+void translate_newlines(std::string& text);
+
 // The number of code points in valid UTF-8 text.
 std::size_t count_code_points(std::string_view utf8);
 

@@ -9,16 +9,14 @@
 #include "codec/text.h"
 
 #include <cerrno>
-#include <unordered_set>
+#include <vector>
 
 namespace vex::py {
 namespace {
 
 const Name k_csv{"csv"};
-const Name k_json{"json"};
 const Name k_Error{"Error"};
 const Name k_field_size_limit{"field_size_limit"};
-const Name k_loads{"loads"};
 const Name k_items{"items"};
 
 // ------------------------------------------------------------------ paths --
@@ -106,8 +104,10 @@ std::string read_text_file(nb::handle path) {
         err = codec::read_file_bytes(where.bytes.c_str(), raw);
     }
     if (err != 0) raise_os_error(err, where.given);
-    std::string text;
-    if (codec::decode_utf8_text(raw, text)) return text;
+    if (codec::is_strict_utf8(raw)) {
+        codec::translate_newlines(raw);
+        return raw;
+    }
     // The codec itself reports the bad bytes, so the error is the one open().read() gives.
     PyObject* decoded = PyUnicode_DecodeUTF8(raw.data(), static_cast<Py_ssize_t>(raw.size()), "strict");
     if (!decoded) raise_already_set();
@@ -233,22 +233,33 @@ CsvReader::~CsvReader() { delete impl_; }
 
 long CsvReader::line_num() const { return impl_->line_num; }
 
-bool CsvReader::next(CsvRow& row) {
+// Feeds lines until a record is complete or the input ends.
+bool CsvReader::next_record() {
     Impl& s = *impl_;
     s.parser.reset();
     std::string_view line;
     for (;;) {
-        if (!s.next_line(line)) {
-            if (!s.parser.finish()) return false;
-            break;
-        }
+        if (!s.next_line(line)) return s.parser.finish();
         ++s.line_num;
         if (!s.parser.feed_line(line)) raise_csv_error(s.parser);
-        if (s.parser.record_done()) break;
+        if (s.parser.record_done()) return true;
     }
-    const std::size_t count = s.parser.field_count();
+}
+
+bool CsvReader::next(CsvRow& row) {
+    if (!next_record()) return false;
+    const codec::CsvParser& s = impl_->parser;
+    const std::size_t count = s.field_count();
     row.resize(count);
-    for (std::size_t i = 0; i < count; ++i) row[i].swap(s.parser.fields()[i]);
+    for (std::size_t i = 0; i < count; ++i) row[i].assign(s.field(i));
+    return true;
+}
+
+bool CsvReader::next(CsvFields& fields) {
+    if (!next_record()) return false;
+    const codec::CsvParser& parser = impl_->parser;
+    fields.resize(parser.field_count());
+    for (std::size_t i = 0; i < fields.size(); ++i) fields[i] = parser.field(i);
     return true;
 }
 
@@ -372,24 +383,25 @@ private:
         codec::append_json_string(out_, text);
     }
 
-    // The encoder's marker for containers on the current path.
+    // The encoder's marker for containers on the current path. The path is a
+    // stack no deeper than the recursion limit, and table files are a few levels
+    // deep, so a linear search beats hashing.
     struct Marker {
-        Marker(JsonEncoder& e, PyObject* o) : enc(e), obj(o) {
-            if (!enc.markers_.insert(o).second) {
-                PyErr_SetString(PyExc_ValueError, "Circular reference detected");
-                raise_already_set();
+        Marker(JsonEncoder& e, PyObject* o) : enc(e) {
+            for (PyObject* open : enc.path_) {
+                if (open == o) {
+                    PyErr_SetString(PyExc_ValueError, "Circular reference detected");
+                    raise_already_set();
+                }
             }
-            if (Py_EnterRecursiveCall(" while encoding a JSON object")) {
-                enc.markers_.erase(o);
-                raise_already_set();
-            }
+            if (Py_EnterRecursiveCall(" while encoding a JSON object")) raise_already_set();
+            enc.path_.push_back(o);
         }
         ~Marker() {
+            enc.path_.pop_back();
             Py_LeaveRecursiveCall();
-            enc.markers_.erase(obj);
         }
         JsonEncoder& enc;
-        PyObject* obj;
     };
 
     // `not container`, through __len__/__bool__ for subclasses as Python does.
@@ -401,7 +413,14 @@ private:
 
     void open_item(bool first, std::size_t level) {
         if (!first) out_.push_back(',');
-        codec::append_newline_indent(out_, level * indent_);
+        newline(level);
+    }
+
+    // "\n" and the indentation of `level`, appended from a prepared run of spaces.
+    void newline(std::size_t level) {
+        const std::size_t width = 1 + level * indent_;
+        if (newline_.size() < width) newline_.append(width - newline_.size() + 64, ' ');
+        out_.append(newline_.data(), width);
     }
 
     void sequence(PyObject* o, std::size_t level) {
@@ -429,7 +448,7 @@ private:
             }
             if (PyErr_Occurred()) raise_already_set();
         }
-        codec::append_newline_indent(out_, level * indent_);
+        newline(level);
         out_.push_back(']');
     }
 
@@ -470,13 +489,14 @@ private:
             }
             if (PyErr_Occurred()) raise_already_set();
         }
-        codec::append_newline_indent(out_, level * indent_);
+        newline(level);
         out_.push_back('}');
     }
 
     std::string& out_;
     std::size_t indent_;
-    std::unordered_set<PyObject*> markers_;
+    std::string newline_ = "\n";
+    std::vector<PyObject*> path_;
 };
 
 }  // namespace
@@ -491,8 +511,9 @@ void json_dumps(nb::handle obj, int indent, std::string& out) {
     }
 }
 
-nb::object json_loads(std::string_view text) {
-    return getattr(global(k_json), k_loads)(str(text));
+GcPause::GcPause() : was_enabled_(PyGC_Disable() == 1) {}
+GcPause::~GcPause() {
+    if (was_enabled_) PyGC_Enable();
 }
 
 // ============================================================ file writes ==

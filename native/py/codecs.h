@@ -37,6 +37,7 @@ long long longlong_from_text(std::string_view text);
 // ------------------------------------------------------------------- CSV ---
 
 using CsvRow = std::vector<std::string>;   // UTF-8 fields of one record
+using CsvFields = std::vector<std::string_view>;   // the same, as views into the reader
 
 // Rows exactly as csv.reader(lines) yields them with the default dialect, where
 // `lines` are the lines of the text (split after each "\n", as iterating a text
@@ -58,12 +59,15 @@ public:
     // Fills `row` with the next record; false at the end. Empty lines give an
     // empty row, as csv.reader does.
     bool next(CsvRow& row);
+    // The same without copying: the views stay valid until the next call.
+    bool next(CsvFields& fields);
     // csv.reader's line_num: source lines read so far.
     long line_num() const;
 
     struct Impl;
 
 private:
+    bool next_record();
     Impl* impl_;
 };
 
@@ -84,6 +88,23 @@ void json_dumps(nb::handle obj, int indent, std::string& out);
 // json.loads(text): the same objects (key order, duplicate keys last wins, ints
 // and floats, NaN/Infinity) and json.JSONDecodeError on the same inputs.
 nb::object json_loads(std::string_view text);
+
+// ------------------------------------------------------- bulk building ---
+
+// While alive, the cyclic garbage collector does not run. Building a large
+// table of fresh containers (which cannot form garbage cycles) would otherwise
+// trigger repeated full collections over every object made so far. The previous
+// state is restored at the end, so pauses nest.
+class GcPause {
+public:
+    GcPause();
+    ~GcPause();
+    GcPause(const GcPause&) = delete;
+    GcPause& operator=(const GcPause&) = delete;
+
+private:
+    bool was_enabled_;
+};
 
 // ------------------------------------------------------------ file writes --
 

@@ -1,10 +1,905 @@
-// AAKitTableManager: to be written (the class exists so the module's names are complete).
+// AAKitTableManager: the antenna-array kits of one device type.
+//
+// Every kit is one CSV file "AAKIT_<kit name>.csv" in the SDK files directory:
+// a key per row followed by its values (name, device type, kit type, spacing,
+// steering limits, per-channel phase offsets). The manager reads all kit files
+// that fit the device into `_AAKitTable` (kit name -> record dict), keeps the name
+// of the selected kit in `_aakit_name`, names custom kits with a time stamp, and
+// creates, renames, deletes and saves kits. In web mode no file is touched: the
+// table comes from, and changes go to, callbacks of the caller.
+//
+// State lives in the instance __dict__ under the names a Python implementation
+// would use (private ones mangled, the misspelt `__totol_ch` included), so drivers
+// and tests can read and patch it. Public and single-underscore methods that call
+// each other go through the instance, so subclass overrides take effect.
 #include "tables/tables.h"
+#include "py/codecs.h"
+
+#include <algorithm>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace vex::tables {
+namespace {
+
+using namespace vex::py;
+
+// ------------------------------------------------------------------ names ---
+
+const Name k_logger{"_AAKitTableManager__logger"};
+const Name k_devtype{"_AAKitTableManager__devtype"};
+const Name k_num_polarization{"_num_polarization"};
+const Name k_support_devs{"_AAKitTableManager__supportDevs"};
+const Name k_totol_ch{"_AAKitTableManager__totol_ch"};
+const Name k_aakit_name{"_aakit_name"};
+const Name k_web_mode{"_AAKitTableManager__web_mode"};
+const Name k_table{"_AAKitTable"};
+const Name k_default_dir{"_AAKitTableManager__defaultDir"};
+const Name k_field_limit{"_AAKitTableManager__fieldlimit"};
+
+// Methods reached through the instance (overridable).
+const Name k_getAAKitTablePath{"_getAAKitTablePath"};
+const Name k_parse{"parse"};
+const Name k_getAAKitList{"getAAKitList"};
+const Name k_computeAAKitFullName{"computeAAKitFullName"};
+const Name k_deleteAAKitInfo{"deleteAAKitInfo"};
+const Name k_saveAAKitFile{"saveAAKitFile"};
+
+// Row keys of a kit file and keys of a kit record.
+const Name k_AAKIT_NAME{"AAKIT_NAME"};
+const Name k_DEV_TYPE{"DEV_TYPE"};
+const Name k_TYPE{"TYPE"};
+const Name k_SPACING{"SPACING"};
+const Name k_STEERING_H{"STEERING_H"};
+const Name k_STEERING_V{"STEERING_V"};
+const Name k_OFFSET_TX{"OFFSET_TX"};
+const Name k_OFFSET_RX{"OFFSET_RX"};
+
+const Name k_RetCode{"RetCode"};
+const Name k_RetData{"RetData"};
+const Name k_RetMsg{"RetMsg"};
+const Name k_empty{""};
+
+// Module globals, looked up when used.
+const Name g_os{"os"};
+const Name g_glob{"glob"};
+const Name g_csv{"csv"};
+const Name g_Path{"Path"};
+const Name g_Utils{"_Utils"};
+const Name g_datetime{"datetime"};
+const Name g_AAKitField{"AAKitField"};
+
+// ---------------------------------------------------------- small helpers ---
+
+Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
+
+bool truthy(nb::handle obj) {
+    int r = PyObject_IsTrue(obj.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool compare(nb::handle a, nb::handle b, int op) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool contains(nb::handle container, nb::handle item) {
+    int r = PySequence_Contains(container.ptr(), item.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+nb::object py_str(nb::handle obj) {
+    PyObject* s = PyObject_Str(obj.ptr());
+    if (!s) raise_already_set();
+    return nb::steal(s);
+}
+
+nb::object py_int(Py_ssize_t n) {
+    PyObject* i = PyLong_FromSsize_t(n);
+    if (!i) raise_already_set();
+    return nb::steal(i);
+}
+
+nb::object pair_list(nb::handle first, nb::handle second) {
+    PyObject* list = PyList_New(2);
+    if (!list) raise_already_set();
+    PyList_SET_ITEM(list, 0, Py_NewRef(first.ptr()));
+    PyList_SET_ITEM(list, 1, Py_NewRef(second.ptr()));
+    return nb::steal(list);
+}
+
+nb::object float_object(double value) {
+    PyObject* f = PyFloat_FromDouble(value);
+    if (!f) raise_already_set();
+    return nb::steal(f);
+}
+
+// Python's `fmt % arg`, with its own rules (a tuple arg supplies several values).
+nb::object percent(const char* fmt, nb::handle arg) {
+    PyObject* s = PyUnicode_Format(str(fmt).ptr(), arg.ptr());
+    if (!s) raise_already_set();
+    return nb::steal(s);
+}
+
+// a + b + c ..., evaluated left to right with Python's `+` (a non-str kit name
+// raises the TypeError Python code would raise).
+nb::object concat(std::initializer_list<nb::handle> parts) {
+    nb::object out;
+    for (nb::handle part : parts) {
+        if (!out.is_valid()) {
+            out = nb::borrow(part);
+            continue;
+        }
+        PyObject* sum = PyNumber_Add(out.ptr(), part.ptr());
+        if (!sum) raise_already_set();
+        out = nb::steal(sum);
+    }
+    return out;
+}
+
+// RetType(RetCode.<code>, msg), its message logged at error level.
+nb::object logged_error(const Log& log, const char* code, nb::handle msg) {
+    nb::object ret = ret_error(code, msg);
+    log.error(getattr(ret, k_RetMsg));
+    return ret;
+}
+
+// The result of an exception caught by a public operation: logged with its
+// traceback, returned with the exception's own text so the caller sees the cause.
+nb::object exception_result(const Log& log, nb::handle exc) {
+    nb::object text = py_str(exc);
+    log.exception(text);
+    return ret_error("ERROR_BF_AAKIT", text);
+}
+
+// The kit names the table currently lists, as getAAKitList() reports them (its
+// data is None when the listing failed, and `name in None` raises, as in Python).
+bool listed(nb::handle self, nb::handle name) {
+    nb::object names = getattr(getattr(self, k_getAAKitList)(), k_RetData);
+    return contains(names, name);
+}
+
+// ------------------------------------------------------ kit file names -----
+
+// A kit's file is "AAKIT_" + name + ".csv" in the files directory. A name that
+// holds a path separator or NUL would address a file somewhere else (or fail
+// half-way), so the operations that touch kit files refuse it before touching
+// anything. Names that are not text are left to fail as Python would.
+bool unsafe_file_name(nb::handle name) {
+    if (!PyUnicode_Check(name.ptr())) return false;
+    nb::object os = global(g_os);
+    const nb::object separators[] = {str("/"), str(std::string_view("\0", 1)), os.attr("sep"), os.attr("altsep")};
+    for (const nb::object& sep : separators)
+        if (!sep.is_none() && contains(name, sep)) return true;
+    return false;
+}
+
+nb::object refuse_unsafe_name(const Log& log, nb::handle name) {
+    nb::object msg = percent("AAKit name %r must not contain a path separator or NUL",
+                             nb::make_tuple(name));
+    return logged_error(log, "ERROR_BF_AAKIT", msg);
+}
+
+nb::object kit_file_path(nb::handle self, nb::handle kit_name) {
+    nb::object file_name = concat({str("AAKIT_"), kit_name, str(".csv")});
+    PyObject* path = PyNumber_TrueDivide(getattr(self, k_default_dir).ptr(), file_name.ptr());
+    if (!path) raise_already_set();
+    return nb::steal(path);
+}
+
+// ============================================================ constructor ===
+
+nb::dict field_limits(nb::handle total_ch, nb::handle num_polar) {
+    PyObject* offsets = PyNumber_Multiply(total_ch.ptr(), num_polar.ptr());
+    if (!offsets) raise_already_set();
+    nb::object offset_count = nb::steal(offsets);
+    nb::dict limits;
+    limits[k_SPACING.handle()] = 2;
+    limits[k_STEERING_H.handle()] = 2;
+    limits[k_STEERING_V.handle()] = 2;
+    limits[k_OFFSET_TX.handle()] = offset_count;
+    limits[k_OFFSET_RX.handle()] = offset_count;
+    return limits;
+}
+
+// `path` is accepted for compatibility and unused: kit files always live in the
+// SDK files directory.
+void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path,
+          nb::handle num_polar, nb::handle support_dev, nb::handle web_client_id) {
+    setattr(self, k_logger, Log::named("AAKitTbl").logger());
+    setattr(self, k_devtype, devtype);
+    setattr(self, k_num_polarization, num_polar);
+    setattr(self, k_support_devs, support_dev);
+    setattr(self, k_totol_ch, total_ch);
+    setattr(self, k_aakit_name, k_empty);
+    bool web_mode = !web_client_id.is_none();
+    setattr(self, k_web_mode, nb::bool_(web_mode));
+    setattr(self, k_table, nb::dict());
+    if (!web_mode) {
+        nb::object files_dir = global(g_Utils).attr("_get_files_dir")();
+        setattr(self, k_default_dir, global(g_Path)(files_dir));
+    }
+    setattr(self, k_field_limit, field_limits(total_ch, getattr(self, k_num_polarization)));
+}
+
+// ============================================================ kit files ====
+
+// Paths of the kit files in the files directory, sorted. The directory is
+// escaped so that brackets or stars in its own name are not taken as a pattern.
+nb::object get_table_path(nb::handle self) {
+    nb::object glob = global(g_glob);
+    nb::object directory = glob.attr("escape")(py_str(getattr(self, k_default_dir)));
+    nb::object pattern = global(g_os).attr("path").attr("join")(directory, "AAKIT_*.csv");
+    nb::object files = glob.attr("glob")(pattern);
+    files.attr("sort")();
+    return files;
+}
+
+// ============================================================ parsing ======
+
+// The cells of one CSV row, key first: views into the file text or into the
+// CSV reader's current row, valid until the next row is read.
+using Cells = std::vector<std::string_view>;
+
+// The rows of a kit file exactly as csv.reader yields them. Kit files are plain
+// names and numbers between commas: for a text without quote characters or NUL
+// whose lines are no longer than csv's field limit, csv.reader's rows are just its
+// lines split at each comma, so the cells are taken straight from the text without
+// copying. Any other text goes through the full CSV reader.
+class KitRows {
+public:
+    KitRows(std::string_view text, long field_limit) : text_(text) {
+        if (!plain_text(field_limit)) reader_ = std::make_unique<CsvReader>(text);
+    }
+
+    // The next row into `cells` (empty for a blank line); false at the end.
+    bool next(Cells& cells) {
+        cells.clear();
+        return reader_ ? next_from_reader(cells) : next_plain_line(cells);
+    }
+
+private:
+    bool plain_text(long field_limit) const {
+        if (text_.find('"') != std::string_view::npos) return false;
+        if (text_.find('\0') != std::string_view::npos) return false;
+        for (size_t pos = 0; pos < text_.size();) {
+            size_t end = std::min(text_.find('\n', pos), text_.size());
+            if (static_cast<long>(end - pos) > field_limit) return false;
+            pos = end + 1;
+        }
+        return true;
+    }
+
+    bool next_plain_line(Cells& cells) {
+        if (pos_ >= text_.size()) return false;
+        size_t end = std::min(text_.find('\n', pos_), text_.size());
+        std::string_view line = text_.substr(pos_, end - pos_);
+        pos_ = end + 1;
+        if (line.empty()) return true;
+        // Offset rows hold a thousand cells of a few characters: size the vector
+        // once (it keeps its capacity from row to row) and fill it in one pass.
+        cells.resize(static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1);
+        const char* data = line.data();
+        size_t cell = 0, start = 0;
+        for (size_t i = 0; i < line.size(); ++i) {
+            if (data[i] != ',') continue;
+            cells[cell++] = std::string_view(data + start, i - start);
+            start = i + 1;
+        }
+        cells[cell] = std::string_view(data + start, line.size() - start);
+        return true;
+    }
+
+    bool next_from_reader(Cells& cells) {
+        if (!reader_->next(row_)) return false;
+        for (const std::string& cell : row_) cells.emplace_back(cell);
+        return true;
+    }
+
+    std::string_view text_;
+    size_t pos_ = 0;
+    std::unique_ptr<CsvReader> reader_;
+    CsvRow row_;
+};
+
+long csv_field_limit() {
+    static const Name field_size_limit{"field_size_limit"};
+    nb::object limit = getattr(global(g_csv), field_size_limit)();
+    long value = PyLong_AsLong(limit.ptr());
+    if (value == -1 && PyErr_Occurred()) raise_already_set();
+    return value;
+}
+
+// What one kit file yields: its name ("" until a name row is read), its record,
+// and whether a rule refused the file.
+struct KitFile {
+    nb::object name;
+    nb::dict record;
+    bool skipped = false;
+};
+
+enum class Rule { Name, DevType, Type, Spacing, Steering, Offset, Ignore };
+
+// The rule a row key selects. Steering and offset rows are recognised by a
+// substring test ("STEER" or "" count as steering rows), which the kit format
+// has always accepted.
+Rule rule_for(std::string_view key) {
+    if (key == "AAKIT_NAME") return Rule::Name;
+    if (key == "DEV_TYPE") return Rule::DevType;
+    if (key == "TYPE") return Rule::Type;
+    if (key == "SPACING") return Rule::Spacing;
+    auto within = [&](std::string_view whole) { return whole.find(key) != std::string_view::npos; };
+    if (within("STEERING_H") || within("STEERING_V")) return Rule::Steering;
+    if (within("OFFSET_TX") || within("OFFSET_RX")) return Rule::Offset;
+    return Rule::Ignore;
+}
+
+// The key as a Python str: the interned name for the usual keys.
+nb::object key_object(std::string_view key) {
+    for (const Name* known : {&k_STEERING_H, &k_STEERING_V, &k_OFFSET_TX, &k_OFFSET_RX})
+        if (key == known->c_str()) return nb::borrow(known->handle());
+    return str(key);
+}
+
+// row[1 + index] of the row after its key, with the IndexError Python raises.
+std::string_view value_at(const Cells& row, size_t index) {
+    if (index + 1 >= row.size()) raise(PyExc_IndexError, "list index out of range");
+    return row[index + 1];
+}
+
+// int(text) with Python's rules (big values, underscores, blanks around).
+nb::object int_object(std::string_view text) { return int_from_text(text); }
+
+// [float(first value), float(second value)]; cells after the second are ignored.
+nb::object float_pair(const Cells& row) {
+    nb::object first = float_object(double_from_text(value_at(row, 0)));
+    nb::object second = float_object(double_from_text(value_at(row, 1)));
+    return pair_list(first, second);
+}
+
+// [int(v) for v in values]
+nb::object offset_list(const Cells& row) {
+    Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
+    nb::object list = nb::steal(PyList_New(count));
+    if (!list.is_valid()) raise_already_set();
+    for (Py_ssize_t i = 0; i < count; ++i)
+        PyList_SET_ITEM(list.ptr(), i, int_object(row[i + 1]).release().ptr());
+    return list;
+}
+
+bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
+    nb::object dev = int_object(value_at(row, 0));
+    if (!contains(getattr(self, k_support_devs), dev)) {
+        if (log.on(WARNING))
+            log.warning(concat({str("Skip "), path, str(", due to dev type("), py_str(dev), str(") not match")}));
+        return false;
+    }
+    if (PyDict_SetItem(kit.record.ptr(), k_DEV_TYPE.ptr(), dev.ptr()) < 0) {
+        PyErr_Clear();
+        log.error(concat({kit.name, str(" not support "), k_DEV_TYPE, str(": "), py_str(dev),
+                          str(", skip this file")}));
+        return false;
+    }
+    return true;
+}
+
+bool read_kit_type(const Log& log, const Cells& row, KitFile& kit) {
+    nb::object type = int_object(value_at(row, 0));
+    if (compare(type, nb::int_(1), Py_GT)) {
+        log.error(str("Unknown custom type: %d"), type);
+        return false;
+    }
+    kit.record[k_TYPE.handle()] = type;
+    return true;
+}
+
+bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& kit) {
+    nb::object key = key_object(row[0]);
+    nb::object count = py_int(static_cast<Py_ssize_t>(row.size()) - 1);
+    nb::object total_ch = getattr(self, k_totol_ch);
+    if (compare(count, total_ch, Py_NE)) {
+        if (log.on(ERROR))
+            log.error(concat({key, str(": number of channel:"), py_str(count), str(" not equal to "),
+                              py_str(total_ch)}));
+        return false;
+    }
+    kit.record[key] = offset_list(row);
+    return true;
+}
+
+// Applies one non-empty row to the kit; false when the row makes the file skipped.
+bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
+    std::string_view key = row[0];
+    switch (rule_for(key)) {
+    case Rule::Name:
+        kit.name = str(value_at(row, 0));
+        return true;
+    case Rule::DevType:
+        return read_device_type(self, log, path, row, kit);
+    case Rule::Type:
+        return read_kit_type(log, row, kit);
+    case Rule::Spacing:
+        kit.record[k_SPACING.handle()] = float_pair(row);
+        return true;
+    case Rule::Steering:
+        kit.record[key_object(key)] = float_pair(row);
+        return true;
+    case Rule::Offset:
+        return read_offsets(self, log, row, kit);
+    case Rule::Ignore:
+        return true;
+    }
+    return true;
+}
+
+void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& kit) {
+    std::string text = read_text_file(path);
+    KitRows rows(text, csv_field_limit());
+    Cells row;
+    while (rows.next(row)) {
+        if (row.empty()) continue;
+        if (!apply_row(self, log, path, row, kit)) {
+            kit.skipped = true;
+            return;
+        }
+    }
+    if (compare(kit.name, k_empty, Py_EQ)) {
+        log.error(str("Skip %s due to unknown file"), path);
+        kit.skipped = true;
+    }
+}
+
+nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback);
+bool check_time_format(nb::handle self, nb::handle time_str);
+
+// A custom kit is named "<user name>_<stamp>". One with an older name gets a
+// stamped name, in the table and on disk (the file is saved under the new name
+// and the old one deleted). A rename that fails is logged and parsing goes on.
+void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record) {
+    nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
+    if (!parts.is_valid()) raise_already_set();
+    Py_ssize_t count = PyList_GET_SIZE(parts.ptr());
+    if (count >= 2 && check_time_format(self, PyList_GET_ITEM(parts.ptr(), count - 1))) {
+        log.debug(str("Valid custom AAKit name"));
+        return;
+    }
+    log.info(str("Invalid custom AAKit name(old format): %s"), name);
+    nb::object new_name = getattr(self, k_computeAAKitFullName)(name);
+    setitem(getattr(self, k_table), new_name, record);
+    log.info(str(" -> new custom AAKit name(new format): %s"), new_name);
+    if (ret_failed(rename_aakit(self, name, new_name, nb::none()))) log.error(str("Rename file failed"));
+}
+
+void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
+    KitFile kit;
+    kit.name = nb::borrow(k_empty.handle());
+    guard([&]() -> nb::object { read_kit_file(self, log, path, kit); return nb::none(); },
+          [&](nb::handle) -> nb::object {
+              log.exception(str("Skip %s due to parsing exception"), path);
+              kit.skipped = true;
+              return nb::none();
+          });
+    if (kit.skipped) return;
+    setitem(getattr(self, k_table), kit.name, kit.record);
+    if (log.on(INFO)) log.info(concat({str("Parsing ("), kit.name, str(")"), path, str(" done")}));
+    // A record without "TYPE" raises KeyError here, out of parse: such a file is
+    // not a kit file of any known format.
+    if (compare(getitem(kit.record, k_TYPE), nb::int_(1), Py_EQ))
+        migrate_custom_kit_name(self, log, kit.name, kit.record);
+}
+
+nb::object no_kit_error(const Log& log, nb::handle msg) {
+    nb::object ret = RetType()(RetCode("ERROR_BF_NO_AAKIT"), nb::arg("RetMsg") = msg);
+    log.error(getattr(ret, k_RetMsg));
+    return ret;
+}
+
+nb::object parse(nb::handle self) {
+    if (truthy(getattr(self, k_web_mode))) return ret_ok();
+    Log log = logger_of(self);
+    nb::object files = getattr(self, k_getAAKitTablePath)();
+    if (!truthy(files))
+        return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, k_default_dir)));
+    setattr(self, k_table, nb::dict());
+    for (nb::handle path : files) parse_kit_file(self, log, path);
+    if (!truthy(getattr(self, k_table))) return no_kit_error(log, str("No available AAKit table here"));
+    return ret_ok();
+}
+
+// ============================================================ selection ====
+
+nb::object select_aakit(nb::handle self, nb::handle kit_name) {
+    if (compare(kit_name, k_empty, Py_NE)) {
+        nb::object kit = dict_get(getattr(self, k_table), kit_name);
+        if (!kit.is_valid() || kit.is_none()) {
+            nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
+            return logged_error(logger_of(self), "ERROR_BF_NO_AAKIT", msg);
+        }
+    }
+    setattr(self, k_aakit_name, kit_name);
+    return ret_ok();
+}
+
+nb::object table_keys(nb::handle table) {
+    PyObject* keys = PyMapping_Keys(table.ptr());
+    if (!keys) raise_already_set();
+    return nb::steal(keys);
+}
+
+nb::object get_aakit_list(nb::handle self, nb::handle force_refresh, nb::handle callback) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            if (truthy(callback)) {
+                nb::object ret = nb::borrow(callback)(getattr(self, k_devtype), getattr(self, k_totol_ch),
+                                                      getattr(self, k_support_devs));
+                if (!ret_failed(ret)) setattr(self, k_table, getattr(ret, k_RetData));
+            }
+            if (truthy(force_refresh) || !truthy(getattr(self, k_table))) getattr(self, k_parse)();
+            return ret_data(table_keys(getattr(self, k_table)));
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("getAAKitList exception"));
+            return ret_error("ERROR_BF_AAKIT", "getAAKitList exception");
+        });
+}
+
+nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local) {
+    static const Name not_selected{"Fail to getAAKitInfo, please call selectAAKit() first"};
+    static const Name failed{"getAAKitInfo exception"};
+    nb::object ret = ret_ok();
+    Log log = logger_of(self);
+    guard(
+        [&]() -> nb::object {
+            nb::object table = getattr(self, k_table);
+            if (truthy(kit_name)) {
+                setattr(ret, k_RetData, getitem(table, kit_name));
+            } else if (truthy(local)) {
+                setattr(ret, k_RetData, table);
+            } else {
+                nb::object selected = getattr(self, k_aakit_name);
+                if (compare(selected, k_empty, Py_EQ)) {
+                    setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
+                    setattr(ret, k_RetMsg, not_selected);
+                    log.error(getattr(ret, k_RetMsg));
+                } else {
+                    setattr(ret, k_RetData, getitem(table, selected));
+                }
+            }
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
+            setattr(ret, k_RetMsg, failed);
+            log.exception(getattr(ret, k_RetMsg));
+            return nb::none();
+        });
+    return ret;
+}
+
+// ========================================================== kit naming ====
+
+// kitName + "_" + local time as YYYYmmddHHMMSS plus hundredths + UTC offset.
+// The clock is read through the module's `datetime`, so a host can pin it.
+nb::object compute_full_name(nb::handle self, nb::handle kit_name) {
+    nb::object now = global(g_datetime).attr("now")().attr("astimezone")();
+    nb::object full_stamp = now.attr("strftime")("%Y%m%d%H%M%S%f");
+    nb::object drop_micro = nb::steal(PySlice_New(nullptr, nb::int_(-4).ptr(), nullptr));
+    nb::object stamp = getitem(full_stamp, drop_micro);
+    nb::object zone = now.attr("strftime")("%z");
+    return concat({kit_name, str("_"), stamp, zone});
+}
+
+bool leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+
+int days_in_month(int year, int month) {
+    static const int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return month == 2 && leap_year(year) ? 29 : days[month - 1];
+}
+
+// Exactly fourteen ASCII digits YYYYmmddHHMMSS forming a real date and time.
+bool is_date_time_digits(nb::handle text) {
+    Py_ssize_t size = 0;
+    const char* s = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
+    if (!s) raise_already_set();
+    if (size != 14) return false;
+    for (Py_ssize_t i = 0; i < size; ++i)
+        if (s[i] < '0' || s[i] > '9') return false;
+    auto number = [&](int from, int width) {
+        int value = 0;
+        for (int i = from; i < from + width; ++i) value = value * 10 + (s[i] - '0');
+        return value;
+    };
+    int year = number(0, 4), month = number(4, 2), day = number(6, 2);
+    int hour = number(8, 2), minute = number(10, 2), second = number(12, 2);
+    if (year < 1 || month < 1 || month > 12) return false;
+    if (day < 1 || day > days_in_month(year, month)) return false;
+    return hour < 24 && minute < 60 && second < 60;
+}
+
+// True for "<14 date-time digits><2 more chars>+<UTC offset>", the stamp of a
+// custom kit name. Only a "+" offset is recognised: stamps west of UTC fail.
+bool check_time_format(nb::handle self, nb::handle time_str) {
+    nb::object ok = guard(
+        [&]() -> nb::object {
+            nb::object parts = time_str.attr("split")("+");
+            nb::object first = getitem(parts, Py_ssize_t(0));
+            nb::object drop_hundredths = nb::steal(PySlice_New(nullptr, nb::int_(-2).ptr(), nullptr));
+            nb::object date_time = getitem(first, drop_hundredths);
+            if (!PyUnicode_Check(date_time.ptr()) || !is_date_time_digits(date_time)) return nb::bool_(false);
+            nb::object zone = concat({str("+"), getitem(parts, Py_ssize_t(1))});
+            global(g_datetime).attr("strptime")(zone, "%z");
+            return nb::bool_(true);
+        },
+        [&](nb::handle) -> nb::object { return nb::bool_(false); });
+    return ok.ptr() == Py_True;
+}
+
+bool check_time_format_method(nb::handle self, nb::handle time_str) { return check_time_format(self, time_str); }
+
+// ============================================================ editing =====
+
+// Whether `field` carries as many values as the kit field needs; a dict field
+// (offsets per polarization) counts the values of all its lists together.
+bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
+    nb::object limit = getitem(getattr(self, k_field_limit), field_name);
+    bool is_dict = PyDict_Check(field.ptr());
+    Py_ssize_t count = 0;
+    if (is_dict) {
+        for (nb::handle values : nb::borrow<nb::dict>(field).values()) {
+            Py_ssize_t n = PyObject_Length(values.ptr());
+            if (n < 0) raise_already_set();
+            count += n;
+        }
+    } else {
+        count = PyObject_Length(field.ptr());
+        if (count < 0) raise_already_set();
+    }
+    nb::object counted = py_int(count);
+    if (!compare(counted, limit, Py_NE)) return true;
+    Log log = logger_of(self);
+    if (log.on(ERROR)) {
+        const char* kind = is_dict ? " of value for dict field: " : " of value for field: ";
+        log.error(concat({str("setAAKitInfo: Wrong counts:"), py_str(counted), str(kind), field_name}));
+    }
+    return false;
+}
+
+void require_exact_type(nb::handle value, PyTypeObject* type, const char* arg_name) {
+    if (Py_TYPE(value.ptr()) == type) return;
+    PyErr_Format(PyExc_TypeError, "setAAKitInfo() argument '%s' must be %s, not %.200s", arg_name, type->tp_name,
+                 Py_TYPE(value.ptr())->tp_name);
+    raise_already_set();
+}
+
+// The first field that fails its count check, or an invalid object.
+nb::object first_bad_field(nb::handle self, std::initializer_list<std::pair<const Name*, nb::handle>> fields) {
+    for (const auto& [name, value] : fields)
+        if (!check_field(self, name->handle(), value)) return nb::borrow(name->handle());
+    return nb::object();
+}
+
+// An offset given per polarization is copied into a new dict; a list is kept.
+nb::object offset_value(nb::handle offsets) {
+    if (!PyDict_Check(offsets.ptr())) return nb::borrow(offsets);
+    nb::dict copy;
+    for (auto [polarization, values] : nb::borrow<nb::dict>(offsets)) copy[polarization] = values;
+    return copy;
+}
+
+// Stores `record` under `kit_name` (or under a stamped name for a new custom kit)
+// and returns the name the kit is now kept under.
+nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::handle record, nb::handle custom,
+                     nb::handle callback, nb::handle new_kit_name) {
+    nb::object table = getattr(self, k_table);
+    bool is_custom = compare(custom, nb::int_(1), Py_EQ);
+    if (!contains(table, kit_name)) {
+        if (!is_custom) {
+            log.debug(str("WEB-VEX loaded official AAKit"));
+            setitem(table, kit_name, record);
+            return nb::borrow(kit_name);
+        }
+        log.debug(str("Set new AAKit"));
+        nb::object full_name = getattr(self, k_computeAAKitFullName)(kit_name);
+        setitem(table, full_name, record);
+        return full_name;
+    }
+    if (!is_custom) {
+        log.warning(str("Duplicated official AAKit case -> skip it"));
+        return nb::borrow(kit_name);
+    }
+    log.debug(str("Exist the same AAKit -> just update"));
+    nb::object existing = getitem(table, kit_name);
+    existing.attr("update")(record);
+    if (!truthy(new_kit_name)) return nb::borrow(kit_name);
+    nb::object full_name = getattr(self, k_computeAAKitFullName)(new_kit_name);
+    setitem(table, full_name, existing);
+    if (ret_failed(rename_aakit(self, kit_name, full_name, callback))) log.error(str("Rename file failed"));
+    return full_name;
+}
+
+nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spacing, nb::handle steering_h,
+                          nb::handle steering_v, nb::handle offset_tx, nb::handle offset_rx, nb::handle custom,
+                          nb::handle callback, nb::handle dev_type, nb::handle new_kit_name) {
+    require_exact_type(kit_name, &PyUnicode_Type, "kitName");
+    require_exact_type(spacing, &PyList_Type, "spacing");
+    require_exact_type(steering_h, &PyList_Type, "steeringH");
+    require_exact_type(steering_v, &PyList_Type, "steeringV");
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            nb::object failure = ret_error("ERROR_BF_AAKIT", "AAKit field checking failed");
+            nb::object device = dev_type.is_none() ? getattr(self, k_devtype) : nb::borrow(dev_type);
+            nb::dict record;
+            record[k_DEV_TYPE.handle()] = device;
+            record[k_TYPE.handle()] = custom;
+            nb::object bad = first_bad_field(self, {{&k_SPACING, spacing}, {&k_STEERING_H, steering_h},
+                                                    {&k_STEERING_V, steering_v}, {&k_OFFSET_TX, offset_tx},
+                                                    {&k_OFFSET_RX, offset_rx}});
+            if (bad.is_valid()) {
+                setattr(failure, k_RetMsg, concat({getattr(failure, k_RetMsg), str(": "), bad}));
+                return failure;
+            }
+            record[k_SPACING.handle()] = spacing;
+            record[k_STEERING_H.handle()] = steering_h;
+            record[k_STEERING_V.handle()] = steering_v;
+            record[k_OFFSET_TX.handle()] = offset_value(offset_tx);
+            record[k_OFFSET_RX.handle()] = offset_value(offset_rx);
+            return ret_data(store_kit(self, log, kit_name, record, custom, callback, new_kit_name));
+        },
+        [&](nb::handle exc) -> nb::object { return exception_result(log, exc); });
+}
+
+nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback) {
+    Log log = logger_of(self);
+    log.debug(str("Rename AAKit -> delete old then add new one"));
+    if (!truthy(callback)) {
+        // Both names are checked first: deleting the old file and then refusing
+        // the new name would lose the kit on disk.
+        if (unsafe_file_name(old_name)) return refuse_unsafe_name(log, old_name);
+        if (unsafe_file_name(new_name)) return refuse_unsafe_name(log, new_name);
+    }
+    nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
+    if (ret_failed(deleted)) return deleted;
+    return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
+}
+
+nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle callback, nb::handle check) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            if (truthy(check) && !listed(self, kit_name))
+                return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
+            nb::object table = getattr(self, k_table);
+            if (compare(getitem(getitem(table, kit_name), k_TYPE), nb::int_(1), Py_NE))
+                return logged_error(log, "ERROR_BF_AAKIT",
+                                    percent("%s must be customized AAKit for deletion", kit_name));
+            bool forward = truthy(callback);
+            if (!forward && unsafe_file_name(kit_name)) return refuse_unsafe_name(log, kit_name);
+            if (PyObject_DelItem(table.ptr(), kit_name.ptr()) < 0) raise_already_set();
+            if (forward) {
+                log.info(str("Forward to deleting AAKit"));
+                return nb::borrow(callback)(nb::arg("func_name") = "deleteAAKitInfo",
+                                            nb::arg("kitName") = kit_name, nb::arg("check") = false);
+            }
+            nb::object path = kit_file_path(self, kit_name);
+            path.attr("unlink")();
+            log.info(str("Deleted %s"), path);
+            return ret_ok();
+        },
+        [&](nb::handle exc) -> nb::object { return exception_result(log, exc); });
+}
+
+// The CSV row of one record field: the field name followed by the values of a
+// list (a new list: the record stays as it is), or by the single value.
+nb::object kit_row(nb::handle record, nb::handle field) {
+    nb::object value = getitem(record, field);
+    if (!PyList_Check(value.ptr())) return pair_list(field, value);
+    Py_ssize_t count = PyList_GET_SIZE(value.ptr());
+    nb::object row = nb::steal(PyList_New(count + 1));
+    if (!row.is_valid()) raise_already_set();
+    PyList_SET_ITEM(row.ptr(), 0, Py_NewRef(field.ptr()));
+    for (Py_ssize_t i = 0; i < count; ++i)
+        PyList_SET_ITEM(row.ptr(), i + 1, Py_NewRef(PyList_GET_ITEM(value.ptr(), i)));
+    return row;
+}
+
+void write_csv_row(nb::handle self, nb::handle writer, nb::handle record, nb::handle field) {
+    writer.attr("writerow")(kit_row(record, field));
+}
+
+// The whole kit file as csv.writer writes it: the name row, then one row per
+// AAKitField member after AAKIT_NAME, in the enumeration's order.
+std::string kit_file_text(nb::handle kit_name, nb::handle record) {
+    std::string text;
+    nb::list name_row;
+    name_row.append(k_AAKIT_NAME.handle());
+    name_row.append(kit_name);
+    csv_write_row(text, name_row);
+    bool first = true;
+    for (nb::handle member : global(g_AAKitField)) {
+        if (first) {
+            first = false;
+            continue;
+        }
+        csv_write_row(text, kit_row(record, member.attr("name")));
+    }
+    return text;
+}
+
+nb::object save_to_callback(const Log& log, nb::handle callback, nb::handle kit_name, nb::handle record) {
+    log.info(str("Forward to saving AAKit"));
+    nb::object ret = nb::borrow(callback)(nb::arg("func_name") = "saveAAKitFile", nb::arg("kitName") = kit_name,
+                                          nb::arg("check") = false, nb::arg("context") = record);
+    return ret_failed(ret) ? ret : ret_ok();
+}
+
+// The file is written whole to a temporary file and renamed over the old one,
+// so a failure (a field missing from the record, a full disk) leaves the
+// previous file as it was.
+nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
+    nb::object path = kit_file_path(self, kit_name);
+    log.info(str("Ready to save %s"), path);
+    nb::object record = getitem(getattr(self, k_table), kit_name);
+    write_file_atomic(path, kit_file_text(kit_name, record));
+    return ret_ok();
+}
+
+// `context` is accepted and unused: the callback always receives the stored record.
+nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle callback, nb::handle check,
+                           nb::handle context) {
+    Log log = logger_of(self);
+    return guard(
+        [&]() -> nb::object {
+            nb::object kit_name = nb::borrow(kit_name_arg);
+            if (!truthy(kit_name)) {
+                kit_name = getattr(self, k_aakit_name);
+                if (compare(kit_name, k_empty, Py_EQ))
+                    return logged_error(log, "ERROR_BF_AAKIT",
+                                        str("Fail to save, please call selectAAKit() first or assign aakit name"));
+            }
+            if (truthy(check) && !listed(self, kit_name))
+                return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
+            if (truthy(callback))
+                return save_to_callback(log, callback, kit_name, getitem(getattr(self, k_table), kit_name));
+            if (unsafe_file_name(kit_name)) return refuse_unsafe_name(log, kit_name);
+            return save_to_file(self, log, kit_name);
+        },
+        [&](nb::handle exc) -> nb::object { return exception_result(log, exc); });
+}
+
+}  // namespace
 
 void define_aakit_table_manager(nb::module_& m) {
-    vex::py::ClassBuilder cls(m, "AAKitTableManager", "Antenna-array-kit tables of one device type.");
+    ClassBuilder cls(m, "AAKitTableManager", "Antenna-array-kit tables of one device type.");
+    // One list shared by every manager made without `support_dev`, as a Python
+    // default argument would be; the manager never modifies it.
+    nb::list default_support_devs;
+    cls.def("__init__", &init, arg("devtype"), arg("total_ch"), arg("path") = "files/", arg("num_polar") = 1,
+            arg("support_dev") = default_support_devs, arg("web_client_id") = nb::none());
+    cls.def("_getAAKitTablePath", &get_table_path);
+    cls.def("parse", &parse);
+    cls.def("_selectAAKit", &select_aakit, arg("kitName"));
+    cls.def("getAAKitList", &get_aakit_list, arg("force_refresh") = false, arg("callback") = nb::none());
+    cls.def("getAAKitInfo", &get_aakit_info, arg("kitName") = nb::none(), arg("local") = false);
+    cls.def("computeAAKitFullName", &compute_full_name, arg("kitName"));
+    cls.def_private("checkAAKitTimeFormat", &check_time_format_method, arg("time_str"));
+    cls.def_private("checkAAKitField", &check_field, arg("field_name"), arg("field"));
+    cls.def("setAAKitInfo", &set_aakit_info, arg("kitName"), arg("spacing"), arg("steeringH"), arg("steeringV"),
+            arg("offsetTx"), arg("offsetRx"), arg("custom") = 1, arg("callback") = nb::none(),
+            arg("dev_type") = nb::none(), arg("newKitName") = nb::none());
+    cls.def_private("renameAAKit", &rename_aakit, arg("oldName"), arg("newName"), arg("callback") = nb::none());
+    cls.def("deleteAAKitInfo", &delete_aakit_info, arg("kitName"), arg("callback") = nb::none(),
+            arg("check") = true);
+    cls.def_private("writeCSVRow", &write_csv_row, arg("writer"), arg("table"), arg("field"));
+    cls.def("saveAAKitFile", &save_aakit_file, arg("kitName") = nb::none(), arg("callback") = nb::none(),
+            arg("check") = true, arg("context") = nb::none());
     cls.finish();
 }
 

@@ -1,0 +1,288 @@
+"""Antenna-kit manager: construction, finding kit files and reading them."""
+import logging
+import os
+
+import pytest
+
+from aakit_samples import LITE, OFFICIAL, STAMP, MOMENT, kit_rows, pinned_clock, record, write_kit, write_rows
+from conftest import records
+from vexcore.QRVPublic import RetCode
+
+
+def manager(tm, total_ch=4, support_dev=(LITE,), **kwargs):
+    return tm.AAKitTableManager(LITE, total_ch, support_dev=list(support_dev), **kwargs)
+
+
+# ------------------------------------------------------------ construction --
+
+def test_constructor_keeps_state_under_the_python_attribute_names(tm, files_dir):
+    devs = [LITE, 9]
+    kits = tm.AAKitTableManager(9, 16, "elsewhere/", 2, devs)
+    assert vars(kits) == {
+        "_AAKitTableManager__logger": logging.getLogger("AAKitTbl"),
+        "_AAKitTableManager__devtype": 9,
+        "_num_polarization": 2,
+        "_AAKitTableManager__supportDevs": devs,
+        "_AAKitTableManager__totol_ch": 16,
+        "_aakit_name": "",
+        "_AAKitTableManager__web_mode": False,
+        "_AAKitTable": {},
+        "_AAKitTableManager__defaultDir": type(files_dir)(str(files_dir)),
+        "_AAKitTableManager__fieldlimit": {"SPACING": 2, "STEERING_H": 2, "STEERING_V": 2,
+                                           "OFFSET_TX": 32, "OFFSET_RX": 32},
+    }
+    assert kits._AAKitTableManager__supportDevs is devs
+
+
+def test_web_mode_resolves_no_directory_and_parses_nothing(tm, files_dir):
+    write_kit(files_dir, OFFICIAL)
+    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE], web_client_id="client")
+    assert kits._AAKitTableManager__web_mode is True
+    assert not hasattr(kits, "_AAKitTableManager__defaultDir")
+    assert kits.parse().RetCode == RetCode.OK
+    assert kits._AAKitTable == {}
+
+
+def test_default_support_dev_is_one_shared_list(tm, files_dir):
+    first, second = tm.AAKitTableManager(LITE, 4), tm.AAKitTableManager(9, 16)
+    assert first._AAKitTableManager__supportDevs == []
+    assert first._AAKitTableManager__supportDevs is second._AAKitTableManager__supportDevs
+
+
+def test_directory_is_read_when_the_manager_is_made(tm, files_dir, restore_module_globals):
+    class Utils:
+        @staticmethod
+        def _get_files_dir():
+            return "/somewhere/else"
+
+    tm._Utils = Utils
+    assert str(tm.AAKitTableManager(LITE, 4)._AAKitTableManager__defaultDir) == "/somewhere/else"
+
+
+# -------------------------------------------------------------- file search --
+
+def test_table_path_lists_kit_files_sorted(tm, files_dir):
+    for stem in ["b", "a", "C", "a_1"]:
+        write_kit(files_dir, stem)
+    for other in ["AAKIT.csv", "AAKIT_x.txt", "aakit_y.csv", "KIT_z.csv"]:
+        (files_dir / other).write_text("AAKIT_NAME,z\n")
+    found = manager(tm)._getAAKitTablePath()
+    assert found == [str(files_dir / ("AAKIT_%s.csv" % s)) for s in ["C", "a", "a_1", "b"]]
+
+
+def test_brackets_in_the_directory_name_are_not_a_pattern(tm, tmp_path, monkeypatch):
+    directory = tmp_path / "kits[1]*"
+    directory.mkdir()
+    monkeypatch.setenv("VEXCORE_FILES_DIR", str(directory))
+    write_kit(directory, OFFICIAL)
+    assert manager(tm)._getAAKitTablePath() == [str(directory / ("AAKIT_%s.csv" % OFFICIAL))]
+
+
+def test_no_kit_file_is_an_error(tm, files_dir, caplog):
+    (files_dir / "AAKIT.csv").write_text("AAKIT_NAME,never\n")
+    ret = manager(tm).parse()
+    message = "'%s' does not exist any AAKit table" % files_dir
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_NO_AAKIT, message)
+    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
+
+
+# ---------------------------------------------------------------- reading --
+
+def test_a_kit_file_becomes_a_record(tm, files_dir, caplog):
+    caplog.set_level(logging.DEBUG)
+    path = write_kit(files_dir, OFFICIAL, file_stem="any")
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    assert kits._AAKitTable == {OFFICIAL: record()}
+    kit = kits._AAKitTable[OFFICIAL]
+    assert all(type(v) is float for v in kit["SPACING"] + kit["STEERING_H"] + kit["STEERING_V"])
+    assert records(caplog, "AAKitTbl") == [("INFO", "Parsing (%s)%s done" % (OFFICIAL, path))]
+
+
+@pytest.mark.parametrize("rows, stored", [
+    ([["", "1", "2"]], {"": [1.0, 2.0]}),
+    ([["STEER", "1", "2"]], {"STEER": [1.0, 2.0]}),
+    ([["_V", "-1.5", "2e1", "ignored", "x"]], {"_V": [-1.5, 20.0]}),
+    ([["OFFSET", " 7 ", "-1", "1_0", "+2"]], {"OFFSET": [7, -1, 10, 2]}),
+    ([["TX", "1", "2", "3", "99999999999999999999999"]], {"TX": [1, 2, 3, 99999999999999999999999]}),
+    ([["SPACINGS", "1"], ["COMMENT", "x"], [], ["TYPE", "-3"]], {"TYPE": -3}),
+])
+def test_row_keys_are_matched_as_the_format_allows(tm, files_dir, rows, stored):
+    write_rows(files_dir / "AAKIT_k.csv", [["AAKIT_NAME", "k"], ["TYPE", "0"]] + rows)
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    assert kits._AAKitTable == {"k": {"TYPE": 0, **stored}}
+
+
+def test_blank_lines_and_text_line_ends_are_read(tm, files_dir):
+    text = "\r\n".join(",".join(map(str, row)) for row in kit_rows(OFFICIAL)) + "\r\n\n\r\n"
+    (files_dir / "AAKIT_k.csv").write_bytes(("\n" + text).encode())
+    kits = manager(tm)
+    kits.parse()
+    assert kits._AAKitTable == {OFFICIAL: record()}
+
+
+def test_a_later_file_with_the_same_kit_name_wins(tm, files_dir):
+    write_kit(files_dir, "X", file_stem="1", tx=(1, 1, 1, 1))
+    write_kit(files_dir, "X", file_stem="2", tx=(2, 2, 2, 2))
+    kits = manager(tm)
+    kits.parse()
+    assert kits._AAKitTable == {"X": record(tx=(2, 2, 2, 2))}
+
+
+BAD_FILES = {
+    "wrong_dev": (kit_rows("a", dev_type=9), "WARNING", "Skip {path}, due to dev type(9) not match"),
+    "kit_type_2": (kit_rows("b", kit_type=2), "ERROR", "Unknown custom type: 2"),
+    "short_tx": (kit_rows("c", tx=(1, 2, 3)), "ERROR", "OFFSET_TX: number of channel:3 not equal to 4"),
+    "long_rx": (kit_rows("d", rx=(1, 2, 3, 4, 5)), "ERROR", "OFFSET_RX: number of channel:5 not equal to 4"),
+    "no_name": (kit_rows("e")[1:], "ERROR", "Skip {path} due to unknown file"),
+    "empty_name": (kit_rows(""), "ERROR", "Skip {path} due to unknown file"),
+}
+BROKEN_FILES = {
+    "one_spacing": kit_rows("f", spacing=("5",)),
+    "no_steer_value": kit_rows("g", steer_v=()),
+    "text_spacing": kit_rows("h", spacing=("five", "5")),
+    "float_offset": kit_rows("i", tx=(1, 2, 3, "4.0")),
+    "float_dev_type": kit_rows("j", dev_type="12.0"),
+    "name_row_without_value": [["AAKIT_NAME"]] + kit_rows("k")[1:],
+}
+
+
+@pytest.mark.parametrize("stem", sorted(BAD_FILES))
+def test_refused_files_are_skipped_with_their_message_while_good_ones_load(tm, files_dir, caplog, stem):
+    rows, level, message = BAD_FILES[stem]
+    path = write_rows(files_dir / ("AAKIT_%s.csv" % stem), rows)
+    write_kit(files_dir, OFFICIAL)
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    assert list(kits._AAKitTable) == [OFFICIAL]
+    logged = records(caplog, "AAKitTbl")
+    assert (level, message.format(path=path)) in logged
+    assert not any(OFFICIAL not in text and "Parsing" in text for _, text in logged)
+
+
+@pytest.mark.parametrize("stem", sorted(BROKEN_FILES))
+def test_malformed_files_are_logged_with_their_exception_and_skipped(tm, files_dir, caplog, stem):
+    path = write_rows(files_dir / ("AAKIT_%s.csv" % stem), BROKEN_FILES[stem])
+    write_kit(files_dir, OFFICIAL)
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    assert list(kits._AAKitTable) == [OFFICIAL]
+    (failure,) = [r for r in caplog.records if r.levelno == logging.ERROR]
+    assert failure.getMessage() == "Skip %s due to parsing exception" % path
+    assert failure.exc_info[0] in (ValueError, IndexError)
+
+
+def test_undecodable_and_unreadable_files_are_skipped(tm, files_dir, caplog):
+    (files_dir / "AAKIT_bytes.csv").write_bytes(b"AAKIT_NAME,\xff\xfe\n")
+    (files_dir / "AAKIT_dir.csv").mkdir()
+    write_kit(files_dir, OFFICIAL)
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    assert list(kits._AAKitTable) == [OFFICIAL]
+    kinds = [r.exc_info[0] for r in caplog.records if r.exc_info]
+    assert kinds == [UnicodeDecodeError, IsADirectoryError]
+
+
+def test_default_support_dev_skips_every_typed_kit(tm, files_dir, caplog):
+    paths = [write_kit(files_dir, name, dev_type=dev) for name, dev in [("a", LITE), ("b", 9)]]
+    ret = tm.AAKitTableManager(LITE, 4).parse()
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_NO_AAKIT, "No available AAKit table here")
+    assert records(caplog, "AAKitTbl") == [
+        ("WARNING", "Skip %s, due to dev type(%d) not match" % (path, dev)) for path, dev in zip(paths, [LITE, 9])
+    ] + [("ERROR", "No available AAKit table here")]
+
+
+def test_a_kit_without_device_type_is_accepted(tm, files_dir):
+    write_kit(files_dir, OFFICIAL, dev_type=None)
+    kits = tm.AAKitTableManager(LITE, 4)
+    assert kits.parse().RetCode == RetCode.OK
+    expected = record()
+    del expected["DEV_TYPE"]
+    assert kits._AAKitTable == {OFFICIAL: expected}
+
+
+def test_a_kit_without_kit_type_ends_parse_with_key_error(tm, files_dir):
+    write_kit(files_dir, OFFICIAL, kit_type=None)
+    with pytest.raises(KeyError, match="TYPE"):
+        manager(tm).parse()
+
+
+def test_support_dev_may_be_any_container(tm, files_dir):
+    write_kit(files_dir, OFFICIAL)
+    kits = tm.AAKitTableManager(LITE, 4, support_dev={LITE: "lite"})
+    assert kits.parse().RetCode == RetCode.OK
+
+
+def test_a_new_parse_drops_kits_whose_files_are_gone(tm, files_dir):
+    gone = write_kit(files_dir, "gone")
+    write_kit(files_dir, OFFICIAL)
+    kits = manager(tm)
+    kits.parse()
+    first_table = kits._AAKitTable
+    os.remove(gone)
+    kits.parse()
+    assert list(kits._AAKitTable) == [OFFICIAL] and kits._AAKitTable is not first_table
+
+
+# -------------------------------------------------------- custom kit names --
+
+@pytest.fixture
+def clock(tm, restore_module_globals):
+    tm.datetime = pinned_clock(MOMENT)
+    return tm
+
+
+@pytest.mark.parametrize("old_name", ["MyKit", "My_Kit", "My_Kit_20240301123045+0800", "Kit_2024030112304512-0500"])
+def test_old_format_custom_kit_is_renamed_on_disk_and_in_the_table(clock, files_dir, caplog, old_name):
+    caplog.set_level(logging.DEBUG)
+    old_path = write_kit(files_dir, old_name, kit_type=1)
+    kits = manager(clock)
+    assert kits.parse().RetCode == RetCode.OK
+    new_name = old_name + "_" + STAMP
+    assert kits._AAKitTable == {new_name: record(kit_type=1)}
+    new_path = files_dir / ("AAKIT_%s.csv" % new_name)
+    assert sorted(os.listdir(files_dir)) == [new_path.name]
+    assert records(caplog, "AAKitTbl") == [
+        ("INFO", "Parsing (%s)%s done" % (old_name, old_path)),
+        ("INFO", "Invalid custom AAKit name(old format): %s" % old_name),
+        ("INFO", " -> new custom AAKit name(new format): %s" % new_name),
+        ("DEBUG", "Rename AAKit -> delete old then add new one"),
+        ("INFO", "Deleted %s" % old_path),
+        ("INFO", "Ready to save %s" % new_path),
+    ]
+    again = manager(clock)
+    again.parse()
+    assert again._AAKitTable == kits._AAKitTable
+
+
+def test_stamped_custom_kit_and_official_kits_keep_their_names(clock, files_dir, caplog):
+    caplog.set_level(logging.DEBUG)
+    write_kit(files_dir, "Mine_" + STAMP, kit_type=1)
+    write_kit(files_dir, "Official", kit_type=0)
+    before = {p: p.read_bytes() for p in files_dir.iterdir()}
+    kits = manager(clock)
+    kits.parse()
+    assert list(kits._AAKitTable) == ["Mine_" + STAMP, "Official"]
+    assert {p: p.read_bytes() for p in files_dir.iterdir()} == before
+    assert ("DEBUG", "Valid custom AAKit name") in records(caplog, "AAKitTbl")
+
+
+def test_failed_rename_is_logged_and_parsing_goes_on(clock, files_dir, caplog):
+    # The file is not named after its kit, so the old file cannot be deleted.
+    path = write_kit(files_dir, "Old", file_stem="other", kit_type=1)
+    write_kit(files_dir, OFFICIAL)
+    kits = manager(clock)
+    assert kits.parse().RetCode == RetCode.OK
+    assert list(kits._AAKitTable) == [OFFICIAL, "Old_" + STAMP]
+    assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
+    assert path.exists() and not (files_dir / ("AAKIT_Old_%s.csv" % STAMP)).exists()
+
+
+def test_old_kit_name_with_a_separator_stays_loaded_under_both_names(clock, files_dir, caplog):
+    write_rows(files_dir / "AAKIT_sub.csv", kit_rows("sub/Kit", kit_type=1))
+    kits = manager(clock)
+    kits.parse()
+    assert list(kits._AAKitTable) == ["sub/Kit", "sub/Kit_" + STAMP]
+    assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
+    assert sorted(os.listdir(files_dir)) == ["AAKIT_sub.csv"]

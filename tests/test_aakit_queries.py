@@ -1,0 +1,218 @@
+"""Antenna-kit manager: selecting, listing and describing kits, and naming custom kits."""
+import datetime
+import logging
+import re
+
+import pytest
+
+from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, pinned_clock, record, write_kit, zone
+from conftest import records
+from vexcore.QRVPublic import RetCode
+from vexcore.QRVUtils import RetType
+
+
+@pytest.fixture
+def kits(tm, files_dir):
+    write_kit(files_dir, OFFICIAL)
+    write_kit(files_dir, "Other", tx=(9, 9, 9, 9))
+    manager = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    assert manager.parse().RetCode == RetCode.OK
+    return manager
+
+
+# ---------------------------------------------------------------- selection --
+
+def test_select_a_known_kit_and_clear_with_an_empty_name(kits):
+    assert kits._selectAAKit("Other").RetCode == RetCode.OK
+    assert kits._aakit_name == "Other"
+    assert kits._selectAAKit("").RetCode == RetCode.OK
+    assert kits._aakit_name == ""
+
+
+def test_select_an_unknown_kit_keeps_the_selection(kits, caplog):
+    kits._selectAAKit(OFFICIAL)
+    ret = kits._selectAAKit("Missing")
+    message = "There is NOT matched AAKit name: Missing"
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_NO_AAKIT, message)
+    assert kits._aakit_name == OFFICIAL
+    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
+
+
+def test_selection_survives_a_refresh(kits, files_dir):
+    kits._selectAAKit("Other")
+    write_kit(files_dir, "Third")
+    assert kits.getAAKitList(force_refresh=True).RetData == ["Other", OFFICIAL, "Third"]
+    assert kits._aakit_name == "Other"
+    assert kits.getAAKitInfo().RetData == record(tx=(9, 9, 9, 9))
+
+
+# ------------------------------------------------------------------ listing --
+
+def test_list_parses_only_when_empty_or_forced(tm, files_dir):
+    write_kit(files_dir, OFFICIAL)
+    manager = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    assert manager.getAAKitList().RetData == [OFFICIAL]
+    write_kit(files_dir, "Later")
+    assert manager.getAAKitList().RetData == [OFFICIAL]
+    assert manager.getAAKitList(True).RetData == ["Later", OFFICIAL]
+
+
+def test_list_callback_gets_device_facts_and_replaces_the_table(kits):
+    table = {"FromDB": record()}
+    calls = []
+
+    def callback(*args, **kwargs):
+        calls.append((args, kwargs))
+        return RetType(data=table)
+
+    ret = kits.getAAKitList(callback=callback)
+    assert calls == [((LITE, 4, [LITE]), {})]
+    assert calls[0][0][2] is kits._AAKitTableManager__supportDevs
+    assert kits._AAKitTable is table
+    assert ret.RetData == ["FromDB"]
+
+
+def test_list_keeps_the_table_when_the_callback_fails(kits):
+    before = kits._AAKitTable
+    ret = kits.getAAKitList(callback=lambda *a: RetType(RetCode.ERROR, data={"x": {}}))
+    assert kits._AAKitTable is before and ret.RetData == ["Other", OFFICIAL]
+
+
+@pytest.mark.parametrize("callback", [
+    lambda *a: 1 / 0,
+    lambda *a: None,
+])
+def test_list_failures_become_its_error_result(kits, caplog, callback):
+    ret = kits.getAAKitList(callback=callback)
+    assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, "getAAKitList exception", None)
+    (failure,) = caplog.records
+    assert failure.getMessage() == "getAAKitList exception" and failure.exc_info is not None
+
+
+def test_list_reports_a_kit_file_without_type_as_its_error(tm, files_dir, caplog):
+    write_kit(files_dir, OFFICIAL, kit_type=None)
+    ret = tm.AAKitTableManager(LITE, 4, support_dev=[LITE]).getAAKitList()
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, "getAAKitList exception")
+    assert caplog.records[-1].exc_info[0] is KeyError
+
+
+def test_list_calls_an_overridden_parse(tm, files_dir):
+    class Counting(tm.AAKitTableManager):
+        parses = 0
+
+        def parse(self):
+            Counting.parses += 1
+            return RetType()
+
+    manager = Counting(LITE, 4, support_dev=[LITE])
+    manager.getAAKitList()
+    manager.getAAKitList()
+    assert Counting.parses == 2 and manager._AAKitTable == {}
+
+
+# ------------------------------------------------------------------ details --
+
+def test_info_returns_the_stored_record_itself(kits):
+    assert kits.getAAKitInfo("Other").RetData is kits._AAKitTable["Other"]
+
+
+@pytest.mark.parametrize("name, local, selected, expected", [
+    ("", False, "Other", "Other"),
+    (None, True, "Other", "table"),
+    ("", True, "", "table"),
+    (OFFICIAL, True, "Other", OFFICIAL),
+    (None, False, OFFICIAL, OFFICIAL),
+])
+def test_info_chooses_name_then_whole_table_then_selection(kits, name, local, selected, expected):
+    kits._selectAAKit(selected)
+    data = kits.getAAKitInfo(name, local).RetData
+    assert data is (kits._AAKitTable if expected == "table" else kits._AAKitTable[expected])
+
+
+def test_info_without_selection_asks_for_one(kits, caplog):
+    ret = kits.getAAKitInfo()
+    message = "Fail to getAAKitInfo, please call selectAAKit() first"
+    assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, message, None)
+    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
+
+
+def test_info_on_a_kit_that_is_gone_is_an_exception_result(kits, files_dir, caplog):
+    kits._selectAAKit("Other")
+    (files_dir / "AAKIT_Other.csv").unlink()
+    kits.parse()
+    for ret in (kits.getAAKitInfo(), kits.getAAKitInfo("Unknown")):
+        assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, "getAAKitInfo exception", None)
+    failures = [r for r in caplog.records if r.exc_info]
+    assert [r.getMessage() for r in failures] == ["getAAKitInfo exception"] * 2
+    assert all(r.exc_info[0] is KeyError for r in failures)
+
+
+# ------------------------------------------------------------- custom names --
+
+@pytest.mark.parametrize("moment, name", [
+    (MOMENT, "MyKit_" + STAMP),
+    (datetime.datetime(2023, 12, 31, 23, 59, 59, 999999, tzinfo=zone(0)), "MyKit_2023123123595999+0000"),
+    (datetime.datetime(2024, 1, 2, 3, 4, 5, 60000, tzinfo=zone(-5)), "MyKit_2024010203040506-0500"),
+    (datetime.datetime(2024, 1, 2, 3, 4, 5, tzinfo=zone(5, 30)), "MyKit_2024010203040500+0530"),
+])
+def test_full_name_stamps_the_pinned_clock(tm, files_dir, restore_module_globals, moment, name):
+    tm.datetime = pinned_clock(moment)
+    assert tm.AAKitTableManager(LITE, 4).computeAAKitFullName("MyKit") == name
+
+
+def test_full_name_of_a_stamped_name_gets_a_second_stamp(tm, files_dir, restore_module_globals):
+    tm.datetime = pinned_clock(MOMENT)
+    kits = tm.AAKitTableManager(LITE, 4)
+    assert kits.computeAAKitFullName("MyKit_" + STAMP) == "MyKit_%s_%s" % (STAMP, STAMP)
+
+
+def test_full_name_reads_the_real_clock_in_the_local_zone(tm, files_dir):
+    before = datetime.datetime.now().astimezone()
+    name = tm.AAKitTableManager(LITE, 4).computeAAKitFullName("K")
+    after = datetime.datetime.now().astimezone()
+    match = re.fullmatch(r"K_(\d{16})([+-]\d{4})", name)
+    assert match and match.group(2) == before.strftime("%z")
+    assert before.strftime("%Y%m%d%H%M%S%f")[:-4] <= match.group(1) <= after.strftime("%Y%m%d%H%M%S%f")[:-4]
+
+
+def test_full_name_needs_a_text_name(tm, files_dir):
+    with pytest.raises(TypeError):
+        tm.AAKitTableManager(LITE, 4).computeAAKitFullName(7)
+
+
+@pytest.mark.parametrize("stamp, valid", [
+    (STAMP, True),
+    ("2024022923595999+0000", True),
+    ("2024030112304512+08:00", True),
+    ("20240301123045ab+0800", True),
+    ("2024030112304512+0800+ignored", True),
+    ("2024030112304512+0800:00", False),
+    ("20240301123045+0800", False),
+    ("2024030112304512-0500", False),
+    ("2024030112304512", False),
+    ("2024030112304512+", False),
+    ("2023022912304512+0800", False),
+    ("2024133112304512+0800", False),
+    ("2024043112304512+0800", False),
+    ("2024030124304512+0800", False),
+    ("2024030112604512+0800", False),
+    ("2024030112306012+0800", False),
+    ("0000030112304512+0800", False),
+    ("2024030112304512+2400", False),
+    ("2024030112304512+0860", False),
+    ("2024 30112304512+0800", False),
+    ("２０２４030112304512+0800", False),
+    ("", False),
+    (20240301123045, False),
+    (None, False),
+])
+def test_time_stamp_check(tm, files_dir, stamp, valid):
+    kits = tm.AAKitTableManager(LITE, 4)
+    assert kits._AAKitTableManager__checkAAKitTimeFormat(stamp) is valid
+
+
+def test_stamp_of_a_fresh_full_name_passes_the_check_east_of_utc(tm, files_dir, restore_module_globals):
+    tm.datetime = pinned_clock(datetime.datetime.now(zone(1)))
+    kits = tm.AAKitTableManager(LITE, 4)
+    stamp = kits.computeAAKitFullName("A_B").split("_")[-1]
+    assert kits._AAKitTableManager__checkAAKitTimeFormat(stamp) is True

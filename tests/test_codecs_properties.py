@@ -1,0 +1,222 @@
+"""The native codecs against CPython itself on generated inputs, hostile ones included."""
+import csv
+import io
+import json
+import math
+import os
+
+import pytest
+from hypothesis import HealthCheck, example, given, settings
+from hypothesis import strategies as st
+
+from vexcore.qrvdev.QRVTableManager import _codec
+
+MANY = settings(max_examples=1000, deadline=None, suppress_health_check=[HealthCheck.too_slow])
+
+# Text built mostly from the characters the CSV machine reacts to, plus NUL,
+# non-ASCII letters, astral characters and lone surrogates.
+csv_alphabet = st.sampled_from([",", '"', "\n", "\r", "\0", " ", "a", "b", "1", "\u00e9", "\U0001f600", "\ud800"])
+csv_texts = st.one_of(st.text(csv_alphabet, max_size=40), st.text(max_size=40))
+surrogate_free = st.characters(blacklist_categories=("Cs",))
+
+
+def outcome(action):
+    """What action() returns, or the type and message of what it raises."""
+    try:
+        return ("ok", action())
+    except Exception as exc:
+        return ("error", type(exc), str(exc))
+
+
+def float_key(value):
+    """A float compared by its bits, so -0.0 differs from 0.0 and NaN equals NaN."""
+    return (math.copysign(1, value), repr(value)) if isinstance(value, float) else value
+
+
+# ------------------------------------------------------------------- CSV -----
+
+@MANY
+@given(st.lists(csv_texts, max_size=6))
+@example(['"abc', "def"])
+@example(["a\rb\n"])
+@example(['x"y"z,"q"w\n'])
+def test_csv_reader_on_any_lines(lines):
+    def std():
+        reader = csv.reader(lines)
+        return list(reader), reader.line_num
+
+    assert outcome(lambda: _codec.csv_rows(lines)) == outcome(std)
+
+
+@MANY
+@given(csv_texts, st.booleans())
+def test_csv_reader_on_text_split_after_newlines(text, drop_nul):
+    lines = io.StringIO(text, newline="\n")
+    if drop_nul:
+        lines = (line.replace("\0", "") for line in lines)
+
+    def std():
+        reader = csv.reader(lines)
+        return list(reader), reader.line_num
+
+    assert outcome(lambda: _codec.csv_rows(text, drop_nul)) == outcome(std)
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.text(csv_alphabet, max_size=30), st.integers(0, 8))
+def test_csv_reader_field_limit(text, limit):
+    old = csv.field_size_limit(limit)
+    try:
+        expected = outcome(lambda: list(csv.reader(io.StringIO(text, newline="\n"))))
+        got = outcome(lambda: _codec.csv_rows(text)[0])
+    finally:
+        csv.field_size_limit(old)
+    assert got == expected
+
+
+cells = st.one_of(
+    st.text(csv_alphabet.filter(lambda c: c != "\ud800"), max_size=10),
+    st.text(surrogate_free, max_size=10),
+    st.none(),
+    st.integers(),
+    st.floats(allow_nan=True, allow_infinity=True),
+    st.booleans(),
+)
+
+
+@MANY
+@given(st.lists(st.lists(cells, max_size=6), max_size=5))
+def test_csv_writer_on_any_rows(rows):
+    buffer = io.StringIO()
+    csv.writer(buffer).writerows(rows)
+    assert _codec.csv_text(rows) == buffer.getvalue()
+
+
+@MANY
+@given(st.lists(st.lists(st.text(csv_alphabet.filter(lambda c: c != "\ud800"), max_size=8), max_size=5),
+                max_size=5))
+def test_csv_written_rows_read_back(rows):
+    text = _codec.csv_text(rows)
+    expected = [row if row != [] else [] for row in rows]
+    assert _codec.csv_rows(io.StringIO(text, newline=""))[0] == expected
+
+
+# --------------------------------------------------------------- numbers -----
+
+number_alphabet = st.sampled_from(list("0123456789+-._eE ") + ["inf", "nan", "x", "\u0663", "\u2003", "\t"])
+number_texts = st.one_of(
+    st.lists(number_alphabet, max_size=12).map("".join),
+    st.integers().map(str),
+    st.integers(min_value=-(10**60), max_value=10**60).map(str),
+    st.floats().map(repr),
+    st.floats().map(lambda f: "%.17g" % f),
+    st.floats().map(lambda f: "%e" % f),
+    st.decimals(allow_nan=False).map(str),
+)
+
+
+@MANY
+@given(number_texts)
+@example("1e16")
+@example("4.9e-324")
+@example("2.4703282292062327e-324")
+@example("1.7976931348623159e308")
+@example("-0")
+def test_numbers_convert_like_int_and_float(text):
+    assert outcome(lambda: _codec.int_from_text(text)) == outcome(lambda: int(text))
+    expected = outcome(lambda: float_key(float(text)))
+    assert outcome(lambda: float_key(_codec.float_from_text(text))) == expected
+    assert outcome(lambda: float_key(_codec.double_from_text(text))) == expected
+
+
+@settings(max_examples=500, deadline=None)
+@given(st.integers(min_value=-(2**70), max_value=2**70))
+def test_longlong_from_text_in_and_out_of_range(value):
+    if -(2**63) <= value < 2**63:
+        assert _codec.longlong_from_text(str(value)) == value
+    else:
+        with pytest.raises(OverflowError):
+            _codec.longlong_from_text(str(value))
+
+
+# ------------------------------------------------------------------ JSON -----
+
+json_scalars = st.one_of(
+    st.none(), st.booleans(),
+    st.integers(), st.integers(min_value=-(10**80), max_value=10**80),
+    st.floats(),
+    st.sampled_from([-0.0, 1e16, 1e-5, 1e-4, 1e22, 9999999999999998.0, 5e-324, 2.2250738585072014e-308,
+                     float("nan"), float("inf"), float("-inf"), 0.1, 1e15, 123456.789e-10]),
+    st.text(surrogate_free, max_size=12),
+    st.text(st.sampled_from(["\0", "\x1f", "\x7f", '"', "\\", "\n", "\u2028", "\U0001f600", "a"]), max_size=8),
+)
+json_keys = st.one_of(st.text(surrogate_free, max_size=8), st.integers(), st.floats(), st.booleans(), st.none())
+def json_containers(inner):
+    return st.one_of(st.lists(inner, max_size=5), st.lists(inner, max_size=5).map(tuple),
+                     st.dictionaries(json_keys, inner, max_size=5))
+
+
+json_values = st.recursive(json_scalars, json_containers, max_leaves=40)
+
+
+@MANY
+@given(json_values, st.sampled_from([2, 4]))
+def test_json_dumps_like_json_with_indent(value, indent):
+    assert _codec.json_dumps(value, indent) == json.dumps(value, ensure_ascii=False, indent=indent)
+
+
+@pytest.mark.parametrize("depth", [50, 400])
+@pytest.mark.parametrize("indent", [2, 4])
+def test_json_dumps_deep_nesting(depth, indent):
+    value = "leaf"
+    for level in range(depth):
+        value = [value] if level % 2 else {"k": value}
+    assert _codec.json_dumps(value, indent) == json.dumps(value, ensure_ascii=False, indent=indent)
+
+
+def test_json_dumps_too_deep_nesting_raises_recursion_error():
+    value = []
+    for _ in range(100_000):
+        value = [value]
+    with pytest.raises(RecursionError):
+        _codec.json_dumps(value, 2)
+
+
+@MANY
+@given(json_values)
+def test_json_loads_like_json(value):
+    text = json.dumps(value, ensure_ascii=False, indent=2)
+    assert repr(_codec.json_loads(text)) == repr(json.loads(text))
+
+
+@settings(max_examples=800, deadline=None)
+@given(st.text(st.sampled_from(list('{}[],:"0123456789.-+eE ntrufalsNIy\\') + ["\ud800"]), max_size=20))
+def test_json_loads_hostile_text_like_json(text):
+    assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
+
+
+# ------------------------------------------------------------------ text -----
+
+@MANY
+@given(st.binary(max_size=40) | st.text(max_size=20).map(lambda t: t.encode("utf-8", "surrogatepass")))
+@example(b"\xef\xbb\xbf\r\n\r")
+def test_read_text_file_like_open_read(tmp_path_factory, raw):
+    path = tmp_path_factory.mktemp("text") / "file.txt"
+    path.write_bytes(raw)
+
+    def std():
+        with open(path, encoding="utf-8") as f:
+            return f.read()
+
+    assert outcome(lambda: _codec.read_text_file(path)) == outcome(std)
+
+
+@settings(max_examples=200, deadline=None)
+@given(st.binary(max_size=200), st.binary(max_size=200))
+def test_atomic_write_replaces_whole_content(tmp_path_factory, old, new):
+    folder = tmp_path_factory.mktemp("atomic")
+    path = folder / "table.json"
+    path.write_bytes(old)
+    _codec.write_file_atomic(path, new)
+    assert path.read_bytes() == new
+    assert os.listdir(folder) == ["table.json"]
