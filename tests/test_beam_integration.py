@@ -2,6 +2,7 @@
 import copy
 import json
 
+from aakit_samples import write_kit
 from beam_helpers import KIT, SN, Hooks, read_json
 from calibration_sample import make_sample
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
@@ -19,7 +20,13 @@ def test_driver_sequence_from_calibration_to_reloaded_beams(tm, files_dir):
     _ok(cali.parse())
     dr, comdr, eledr = _ok(cali.getDR()), _ok(cali.getCOMDR()), _ok(cali.getELEDR())
 
-    # It hands them and the selected kit to the beam manager and loads the beam table.
+    # It selects the device's antenna kit.
+    write_kit(files_dir, KIT, dev_type=9, tx=range(16), rx=range(16))
+    kits = tm.AAKitTableManager(9, 16, support_dev=[9])
+    assert KIT in _ok(kits.getAAKitList())
+    _ok(kits._selectAAKit(KIT))
+
+    # It hands the limits and the kit name to the beam manager and loads the beam table.
     hooks = Hooks()
     beams = tm.BeamPatternTableManager(SN, 9, 16, tm.fake_rf_layout, hooks.funcs)
     beams._updateFreq(28.0, dr, comdr, eledr)
