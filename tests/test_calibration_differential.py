@@ -51,7 +51,7 @@ def check_same(tm, files_dir, text):
     assert manager._CaliTable == reference._CaliTable
 
 
-@settings(max_examples=200, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=120, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(changes=edits, crlf=st.booleans())
 def test_quoted_and_damaged_cells_read_as_csv_reader_reads_them(tm, files_dir, changes, crlf):
     out = io.StringIO()
@@ -59,14 +59,14 @@ def test_quoted_and_damaged_cells_read_as_csv_reader_reads_them(tm, files_dir, c
     check_same(tm, files_dir, out.getvalue())
 
 
-@settings(max_examples=200, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=120, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(changes=edits)
 def test_unquoted_damage_reads_as_csv_reader_reads_it(tm, files_dir, changes):
     text = "".join(",".join(row) + "\n" for row in apply(BASE.rows, changes))
     check_same(tm, files_dir, text)
 
 
-@settings(max_examples=60, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=40, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(order=st.permutations(range(32)), gain_spelling=st.sampled_from(["%d", "%d.0", "%d.4", " %d"]))
 def test_data_blocks_in_any_order_and_spelling(tm, files_dir, order, gain_spelling):
     # The same entries listed in another order, and gains spelled differently, in
