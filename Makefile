@@ -27,8 +27,11 @@ install: $(VENV)/.tools
 test: install
 	$(PY) -m pytest -q tests
 
+# The demonstration runs in build/demo, prepared from the bundled sample tables.
 demo: install
-	$(PY) -m vexcore.qrvdev.QRVTableManager
+	rm -rf build/demo
+	env -u VEXCORE_FILES_DIR -u VEXCORE_DB $(PY) -m vexcore.samples build/demo
+	cd build/demo && env -u VEXCORE_FILES_DIR -u VEXCORE_DB $(abspath $(PY)) -m vexcore.qrvdev.QRVTableManager
 
 bench: install
 	$(PY) bench/run.py

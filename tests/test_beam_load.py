@@ -1,4 +1,5 @@
 """Beam manager construction, the table file name, loading, old-format conversion and version upgrade."""
+import gc
 import json
 import logging
 
@@ -254,3 +255,19 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
                       "rf_layout": (4, 1, 4), "check_funcs": None, "web_client_id": None}]
     assert manager._BeamTable is None
     assert list(files_dir.iterdir()) == []
+
+
+@pytest.mark.parametrize("enabled", [True, False], ids=["collector_on", "collector_off"])
+@pytest.mark.parametrize("content", ['{"VERSION": "v2.0.0", "TX": {}, "RX": {}}', '{"VERSION": "v2.0.0", "TX": {',
+                                     '{"version": "v1.0.0", "TX_beam_list": []}'], ids=["good", "broken", "old"])
+def test_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir, enabled, content):
+    path = _path(files_dir)
+    path.parent.mkdir()
+    path.write_text(content, encoding="utf-8")
+    was = gc.isenabled()
+    (gc.enable if enabled else gc.disable)()
+    try:
+        make_manager(tm)._load(28.0, KIT)
+        assert gc.isenabled() is enabled
+    finally:
+        (gc.enable if was else gc.disable)()

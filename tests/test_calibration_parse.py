@@ -184,12 +184,6 @@ def test_a_file_without_end_is_broken_though_every_row_was_stored(tm, files_dir,
     assert records(caplog, "CaliTbl")[-1] == ("ERROR", "cali file is broken")
 
 
-def test_a_truncated_file_keeps_what_was_read(tm, files_dir, sample):
-    text = sample.text()
-    (files_dir / (SN + "_28.0GHz.csv")).write_text(text[: len(text) // 2])
-    m = manager(tm)
-    assert outcome(m.parse()) in (BROKEN, PARSE_EXCEPTION)   # the cut may fall inside a row
-    assert m._CaliTable["SN"] == SN and m._CaliTable["DR"] == sample.expected["DR"]
 
 
 def test_invalid_utf8_is_a_parse_exception(tm, files_dir, sample, caplog):
@@ -216,12 +210,6 @@ def test_rows_after_end_are_never_read(tm, files_dir, sample):
     assert m._CaliTable == sample.expected
 
 
-def test_quoted_cells_are_read_as_csv(tm, files_dir, sample):
-    text = sample.text().replace("REALVER,2.1.0-7", 'REALVER,"2.1.0-7, ""field"" build"')
-    (files_dir / (SN + "_28.0GHz.csv")).write_text(text)
-    m = manager(tm)
-    assert outcome(m.parse()) == OK
-    assert m._CaliTable["REALVER"] == '2.1.0-7, "field" build'
 
 
 # ------------------------------------------------------------ header check --
@@ -296,7 +284,7 @@ def test_update_dict_failure_is_logged_and_raised(tm, files_dir, caplog):
 
 # ------------------------------------------------------------------ fuzzing --
 
-@settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(noise=st.lists(st.lists(st.sampled_from(
     ["DATA", "DR", "OFFSET_TX", "COMDR", "ELEDR", "TC", "TEMPADC", "COMSTEPDR", "VER", "END",
      "1", "-2.5", "", "TX", "x", "\0", '"', "1e309", "nan", "١"]), max_size=14), max_size=12),

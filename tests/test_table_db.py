@@ -221,8 +221,3 @@ def test_a_reply_missing_a_field_raises_key_error(db, service, reply):
     with pytest.raises(KeyError):
         db.query("VER")
 
-
-def test_database_error_is_an_exception_carrying_a_result(tm):
-    error = tm.QRVTableDBError(RetCode.ERROR_DB_FEEDBACK, "bad")
-    assert isinstance(error, Exception)
-    assert (error.ret.RetCode, error.ret.RetMsg) == (RetCode.ERROR_DB_FEEDBACK, "bad")

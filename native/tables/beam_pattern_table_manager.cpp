@@ -115,6 +115,14 @@ Mode to_mode(nb::handle mode) {
     return m;
 }
 
+void CollectionPause::finish() {
+    if (!was_enabled_) return;
+    resume();
+    static const Name k_collect{"collect"};
+    nb::object gc = nb::module_::import_("gc");
+    getattr(gc, k_collect)(0);
+}
+
 void unpack3(nb::handle iterable, nb::object out[3]) {
     PyObject* it = PyObject_GetIter(iterable.ptr());
     if (!it) {
@@ -184,15 +192,29 @@ nb::object lookup(nb::handle mapping, nb::handle key) {
     return present ? getitem(mapping, key) : nb::object();
 }
 
-// The items of a mapping in iteration order, read through mapping.items() as
-// Python code would (so a dict changing size meanwhile raises RuntimeError).
+// The items of a mapping in iteration order, as `for k, v in mapping.items()`
+// gives them: a plain dict is walked directly, any other mapping through its
+// items(). A dict that changes size meanwhile raises RuntimeError, as in Python.
 template <class F>
 void for_each_item(nb::handle mapping, F&& visit) {
+    if (PyDict_CheckExact(mapping.ptr())) {
+        nb::object keep = nb::borrow(mapping);   // the visitor may drop other references
+        const Py_ssize_t size = PyDict_GET_SIZE(mapping.ptr());
+        Py_ssize_t pos = 0;
+        PyObject *k, *v;
+        while (PyDict_Next(mapping.ptr(), &pos, &k, &v)) {
+            nb::object key = nb::borrow(k), value = nb::borrow(v);
+            visit(key, value);
+            if (PyDict_GET_SIZE(mapping.ptr()) != size)
+                raise(PyExc_RuntimeError, "dictionary changed size during iteration");
+        }
+        return;
+    }
     static const Name items{"items"};
     nb::object view = getattr(mapping, items)();
     for (nb::handle pair : view) {
-        nb::object key = getitem(pair, 0);
-        nb::object value = getitem(pair, 1);
+        nb::object key = getitem(pair, Py_ssize_t(0));
+        nb::object value = getitem(pair, Py_ssize_t(1));
         visit(key, value);
     }
 }
@@ -215,6 +237,14 @@ nb::list board_gains(nb::handle board, Py_ssize_t channels) {
     return gains;
 }
 
+// result.RetCode != ok, with `ok` (RetCode.OK) fetched once by the caller.
+bool is_refusal(nb::handle result, nb::handle ok) {
+    static const Name ret_code{"RetCode"};
+    int r = PyObject_RichCompareBool(getattr(result, ret_code).ptr(), ok.ptr(), Py_NE);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
 nb::object call_hook(nb::handle hook, std::initializer_list<nb::handle> args) {
     PyObject* argv[5];
     size_t n = 0;
@@ -228,6 +258,7 @@ nb::object call_hook(nb::handle hook, std::initializer_list<nb::handle> args) {
 
 nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle mode) {
     Layout layout = read_layout(self);
+    nb::object ok = RetCode("OK");
     nb::object hook = getattr(self, a_ic_gain_check);
     Log log = logger_of(self);
     bool debug = log.on(DEBUG);
@@ -240,7 +271,7 @@ nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle 
             log.debug(nb::steal(PyUnicode_FromFormat("Checking board_%zd gain list: %S with common gain: %S",
                                                      b + 1, gains.ptr(), common.ptr())));
         nb::object checked = call_hook(hook, {mode, nb::int_(b), gains, common});
-        if (ret_failed(checked)) {
+        if (is_refusal(checked, ok)) {
             nb::object message = percent("Checking board_%d gain list failed", nb::int_(b + 1));
             log.error(message);
             return ret_error("ERROR_BF_BEAM", message);

@@ -128,6 +128,32 @@ nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, n
 // Unpacks an iterable into exactly three values, with Python's unpacking errors.
 void unpack3(nb::handle iterable, nb::object out[3]);
 
+// ------------------------------------------------------ garbage collector ---
+
+// Holds automatic garbage collection off while native code builds millions of
+// fresh, acyclic containers (a decoded table, a batch of beams). Left on, the
+// collector re-walks the growing heap again and again during the build, which
+// costs about as much as the build itself; the objects cannot be garbage yet.
+// finish() turns collection back on and collects the young generation once, so
+// the work the build caused is paid here and not by the caller's next
+// allocation. A collector the host had switched off stays off.
+class CollectionPause {
+public:
+    CollectionPause() : was_enabled_(PyGC_Disable() == 1) {}
+    ~CollectionPause() { resume(); }
+    CollectionPause(const CollectionPause&) = delete;
+    CollectionPause& operator=(const CollectionPause&) = delete;
+
+    void finish();
+
+private:
+    void resume() {
+        if (was_enabled_) PyGC_Enable();
+        was_enabled_ = false;
+    }
+    bool was_enabled_;
+};
+
 // ------------------------------------------------------------- methods ----
 
 nb::object generate_default_beam_table_file(nb::handle self);

@@ -2,16 +2,30 @@
 // export and parseRawJson.
 //
 // The file is tokenised in C++; Python objects are made only for what the table
-// stores. DATA rows (about a hundred thousand in a large table) take a lean path:
+// stores. Plain lines (no quote, no NUL, not longer than the CSV field limit), which
+// is nearly every line of a table, are split at commas in place, which is exactly
+// what the CSV reader makes of them; any other line, with the lines a quoted field
+// runs on into, is read by the CSV reader itself.
+//
+// DATA rows (about a hundred thousand in a large table) take a lean path:
 // consecutive rows of the same board, chip and common arm share one target
-// mapping, and each row makes just its entry key, its value list and its values.
+// mapping; entry keys repeat in every chip and register values are small, so both
+// are made once per parse and shared (they are immutable), leaving one new list
+// per row. The cyclic garbage collector is paused while the table is built: the
+// table holds no cycles, and collections over a growing table cost more than the
+// reading itself.
 #include "tables/calibration_table_manager.h"
 
+#include "codec/numbers.h"
 #include "py/codecs.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <optional>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace vex::tables::cali {
 namespace {
@@ -39,15 +53,18 @@ RowKind kind_of(std::string_view key) {
     return RowKind::Unknown;
 }
 
+// The cells of one row, viewing the text (or the CSV reader's record) they come from.
+using Cells = CsvFields;
+
 // row[index], with the IndexError a Python list gives for a row that is too short.
-const std::string& cell(const CsvRow& row, size_t index) {
+std::string_view cell(const Cells& row, size_t index) {
     if (index >= row.size()) raise(PyExc_IndexError, "list index out of range");
     return row[index];
 }
 
-nb::object text_of(const CsvRow& row, size_t index) { return str(cell(row, index)); }
+nb::object text_of(const Cells& row, size_t index) { return str(cell(row, index)); }
 
-nb::object prefixed(std::string_view prefix, const std::string& number) {
+nb::object prefixed(std::string_view prefix, std::string_view number) {
     std::string key(prefix);
     key += number;
     return str(key);
@@ -60,22 +77,49 @@ nb::object numbered(const char* prefix, Py_ssize_t number) {
 }
 
 // [float(cell) for cell in row[first:]]
-nb::list floats_from(const CsvRow& row, size_t first) {
+nb::list floats_from(const Cells& row, size_t first) {
     nb::list values;
     for (size_t i = first; i < row.size(); ++i) values.append(nb::float_(double_from_text(row[i])));
     return values;
 }
 
-// [int(cell) for cell in row[first:]], built in place.
-nb::object ints_from(const CsvRow& row, size_t first) {
-    Py_ssize_t count = row.size() > first ? static_cast<Py_ssize_t>(row.size() - first) : 0;
-    PyObject* list = PyList_New(count);
-    if (!list) raise_already_set();
-    nb::object values = nb::steal(list);
-    for (Py_ssize_t i = 0; i < count; ++i)
-        PyList_SET_ITEM(list, i, int_from_text(row[first + static_cast<size_t>(i)]).release().ptr());
-    return values;
-}
+// int(text) for cells of one parse. Small values are made once and shared;
+// anything but a plain decimal goes through int() itself.
+class IntCache {
+public:
+    ~IntCache() {
+        for (PyObject* number : numbers_) Py_XDECREF(number);
+    }
+
+    nb::object get(std::string_view text) {
+        long long value = 0;
+        if (!codec::parse_plain_int(text, value)) return int_from_text(text);
+        if (value < kLowest || value >= kLowest + kCount) return nb::steal(PyLong_FromLongLong(value));
+        if (numbers_.empty()) numbers_.assign(kCount, nullptr);
+        PyObject*& slot = numbers_[static_cast<size_t>(value - kLowest)];
+        if (!slot) {
+            slot = PyLong_FromLongLong(value);
+            if (!slot) raise_already_set();
+        }
+        return nb::borrow(slot);
+    }
+
+    // [int(cell) for cell in row[first:]], built in place.
+    nb::object list_from(const Cells& row, size_t first) {
+        Py_ssize_t count = row.size() > first ? static_cast<Py_ssize_t>(row.size() - first) : 0;
+        PyObject* list = PyList_New(count);
+        if (!list) raise_already_set();
+        nb::object values = nb::steal(list);
+        for (Py_ssize_t i = 0; i < count; ++i)
+            PyList_SET_ITEM(list, i, get(row[first + static_cast<size_t>(i)]).release().ptr());
+        return values;
+    }
+
+private:
+    static constexpr long long kLowest = -1024;
+    static constexpr long long kCount = 1 << 16;
+    std::vector<PyObject*> numbers_;
+};
 
 // Appends str(int(float(text))): the integer part of a number written as text.
 void append_truncated(std::string& out, std::string_view text) {
@@ -109,6 +153,96 @@ nb::object dr_message(nb::handle mode_name, double low, double high) {
     return nb::steal(message);
 }
 
+// ------------------------------------------------------------- row sources ---
+
+// What a character means to the plain-line split: a comma ends a cell; a quote,
+// NUL or CR needs the CSV reader.
+enum class CharClass : unsigned char { plain, comma, special };
+
+constexpr std::array<CharClass, 256> char_classes() {
+    std::array<CharClass, 256> classes{};
+    classes[','] = CharClass::comma;
+    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
+    return classes;
+}
+
+constexpr std::array<CharClass, 256> kCharClass = char_classes();
+
+// Rows of a decoded text (newlines already "\n"), as csv.reader yields them.
+class TextRows {
+public:
+    TextRows(std::string_view text, long field_limit) : text_(text), field_limit_(field_limit) {}
+
+    bool next(Cells& cells) {
+        cells.clear();
+        if (pos_ >= text_.size()) return false;
+        size_t newline = text_.find('\n', pos_);
+        size_t end = newline == std::string_view::npos ? text_.size() : newline;
+        if (split_plain(text_.substr(pos_, end - pos_), cells)) {
+            pos_ = end + 1;
+            return true;
+        }
+        return read_record(cells);
+    }
+
+private:
+    // A line without quote, NUL or CR, and too short to hold an oversized field,
+    // splits at its commas; an empty line is an empty row.
+    bool split_plain(std::string_view line, Cells& cells) const {
+        if (static_cast<long>(line.size()) > field_limit_) return false;
+        size_t start = 0;
+        for (size_t i = 0; i < line.size(); ++i) {
+            CharClass kind = kCharClass[static_cast<unsigned char>(line[i])];
+            if (kind == CharClass::plain) continue;
+            if (kind == CharClass::special) {
+                cells.clear();
+                return false;
+            }
+            cells.push_back(line.substr(start, i - start));
+            start = i + 1;
+        }
+        if (!line.empty()) cells.push_back(line.substr(start));
+        return true;
+    }
+
+    // One record read by the CSV reader from this line on; it tells how many
+    // lines the record took.
+    bool read_record(Cells& cells) {
+        csv_.emplace(text_.substr(pos_), /*drop_nul=*/true);
+        bool got = csv_->next(cells);
+        for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
+            size_t newline = text_.find('\n', pos_);
+            pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
+        }
+        return got;
+    }
+
+    std::string_view text_;
+    long field_limit_;
+    size_t pos_ = 0;
+    std::optional<CsvReader> csv_;   // holds the record its cells view
+};
+
+// Rows of a handed-in file object, through the CSV reader.
+class ObjectRows {
+public:
+    explicit ObjectRows(nb::handle file_object) : csv_(file_object, /*drop_nul=*/true) {}
+
+    bool next(Cells& cells) { return csv_.next(cells); }
+
+private:
+    CsvReader csv_;
+};
+
+// csv.field_size_limit(), read when reading starts as the CSV reader does.
+long field_size_limit() {
+    static const Name csv_module{"csv"};
+    nb::object limit = global(csv_module).attr("field_size_limit")();
+    long value = PyLong_AsLong(limit.ptr());
+    if (value == -1 && PyErr_Occurred()) raise_already_set();
+    return value;
+}
+
 // ------------------------------------------------------------ the reader ---
 
 // Reads rows into one table. A refusal of the header check ends the reading with
@@ -121,10 +255,11 @@ public:
           ics_(as_index(getattr(self, k_num_ic_per_board))),
           channels_(as_index(getattr(self, k_num_channel_per_ic))) {}
 
-    nb::object read(CsvReader& csv, bool& refused) {
+    template <class Rows>
+    nb::object read(Rows& rows, bool& refused) {
         nb::object ret = ret_ok();
-        CsvRow row;
-        while (csv.next(row)) {
+        Cells row;
+        while (rows.next(row)) {
             if (row.empty()) continue;
             RowKind kind = kind_of(row[0]);
             if (kind != RowKind::Data) data_target_ = nb::object();
@@ -146,7 +281,7 @@ public:
     }
 
 private:
-    void store(RowKind kind, const CsvRow& row) {
+    void store(RowKind kind, const Cells& row) {
         switch (kind) {
             case RowKind::Data: store_data(row); break;
             case RowKind::Ver: store_header(k_VER, row); break;
@@ -169,10 +304,10 @@ private:
         return hasattr(self_, k_path_cali) ? getattr(self_, k_path_cali) : nb::object(nb::str(""));
     }
 
-    nb::object board(const std::string& number) { return child_mapping(log_, table_, prefixed("BOARD_", number)); }
+    nb::object board(std::string_view number) { return child_mapping(log_, table_, prefixed("BOARD_", number)); }
 
     // Header values are plain text; a repeated header row replaces the value.
-    void store_header(const Name& key, const CsvRow& row) {
+    void store_header(const Name& key, const Cells& row) {
         nb::object value = text_of(row, 1);
         if (log_.on(DEBUG)) {
             PyObject* message = PyUnicode_FromFormat("%s: %S", key.c_str(), value.ptr());
@@ -183,7 +318,7 @@ private:
     }
 
     // Two cells per RF mode, in the modes' declared order.
-    void store_dr(const CsvRow& row) {
+    void store_dr(const Cells& row) {
         nb::dict ranges;
         setitem(table_, k_DR, ranges);
         size_t next = 1;
@@ -202,21 +337,21 @@ private:
 
     // One integer per channel, board by board, chip by chip. Rows merge, so a second
     // row for the same mode replaces channel values and keeps everything else.
-    void store_offsets(const Name& mode, const CsvRow& row) {
+    void store_offsets(const Name& mode, const Cells& row) {
         size_t next = 1;
         for (Py_ssize_t b = 1; b <= boards_; ++b) {
             nb::object arm = child_mapping(log_, child_mapping(log_, table_, board_key(b)), mode);
             for (Py_ssize_t c = 1; c <= ics_; ++c) {
                 nb::dict chip;
                 for (Py_ssize_t ch = 1; ch <= channels_; ++ch)
-                    setitem(chip, numbered("CHANNEL_", ch), int_from_text(cell(row, next++)));
+                    setitem(chip, numbered("CHANNEL_", ch), ints_.get(cell(row, next++)));
                 update_dict(log_, arm, numbered("OFFSET_CHIP_", c), chip);
             }
         }
     }
 
     // mode, label, board, label, values...
-    void store_arm_range(const Name& kind, const CsvRow& row) {
+    void store_arm_range(const Name& kind, const Cells& row) {
         nb::object mode = text_of(row, 1);
         nb::object target = board(cell(row, 3));
         nb::dict entry;
@@ -225,7 +360,7 @@ private:
     }
 
     // label, board, label, reading: one reading serves both modes.
-    void store_temp_adc(const CsvRow& row) {
+    void store_temp_adc(const Cells& row) {
         nb::object target = board(cell(row, 2));
         nb::object reading = text_of(row, 4);
         for (const Name* mode : {&k_TX, &k_RX}) {
@@ -236,7 +371,7 @@ private:
     }
 
     // label, board, label, tx1, tx2, rx1, rx2
-    void store_tc(const CsvRow& row) {
+    void store_tc(const Cells& row) {
         nb::object target = board(cell(row, 2));
         size_t next = 4;
         for (const Name* mode : {&k_TX, &k_RX}) {
@@ -251,7 +386,7 @@ private:
     }
 
     // label, label, board, arm, low, high
-    void store_com_step(const CsvRow& row) {
+    void store_com_step(const Cells& row) {
         nb::object target = board(cell(row, 3));
         nb::dict entry;
         setitem(entry, prefixed("COM_", cell(row, 4)), floats_from(row, 5));
@@ -260,38 +395,77 @@ private:
 
     // label, label, board, label, chip, arm, mode, gain, phase, one value per channel:
     // [BOARD_b][DATA_CHIP_c][COM_a][mode_gain_phase] = values, gain as int(float()).
-    void store_data(const CsvRow& row) {
-        nb::handle target = data_target(row);
-        std::string key = cell(row, 7);
-        key += '_';
-        append_truncated(key, cell(row, 8));
-        key += '_';
-        key += cell(row, 9);
-        nb::object values = ints_from(row, 10);
-        setitem(target, str(key), values);
+    // As a row is read: its board and chip mappings first, then its entry, and the
+    // arm's mapping only once the entry converted, so a bad row adds no empty arm.
+    void store_data(const Cells& row) {
+        bool same_block = data_target_.is_valid() && row.size() > 6 && row[3] == last_board_ &&
+                          row[5] == last_chip_ && row[6] == last_arm_;
+        if (!same_block) start_block(row);
+        nb::handle key = entry_key(cell(row, 7), cell(row, 8), cell(row, 9));
+        nb::object values = ints_.list_from(row, 10);
+        if (!same_block) open_arm(cell(row, 6));
+        setitem(data_target_, key, values);
     }
 
-    // The common-arm mapping of a DATA row, reused while board, chip and arm stay.
-    nb::handle data_target(const CsvRow& row) {
-        const std::string& board_number = cell(row, 3);
-        const std::string& chip = cell(row, 5);
-        const std::string& arm = cell(row, 6);
-        if (data_target_.is_valid() && board_number == last_board_ && chip == last_chip_ && arm == last_arm_)
-            return data_target_;
-        nb::object chip_data = child_mapping(log_, board(board_number), prefixed("DATA_CHIP_", chip));
-        data_target_ = child_mapping(log_, chip_data, prefixed("COM_", arm));
+    void start_block(const Cells& row) {
+        data_target_ = nb::object();
+        chip_data_ = nb::object();
+        std::string_view board_number = cell(row, 3);
+        nb::object board_data = board(board_number);
+        std::string_view chip = cell(row, 5);
+        chip_data_ = child_mapping(log_, board_data, prefixed("DATA_CHIP_", chip));
         last_board_ = board_number;
         last_chip_ = chip;
-        last_arm_ = arm;
-        return data_target_;
+        place_in_block_ = 0;
     }
+
+    void open_arm(std::string_view arm) {
+        data_target_ = child_mapping(log_, chip_data_, prefixed("COM_", arm));
+        last_arm_ = arm;
+    }
+
+    // The key of a DATA entry. Every common-arm block lists its entries in the same
+    // order, so the key at the same place of the previous block is tried first.
+    nb::handle entry_key(std::string_view mode, std::string_view gain, std::string_view phase) {
+        size_t place = place_in_block_++;
+        if (place < previous_keys_.size()) {
+            const KeyCells& seen = previous_keys_[place];
+            if (seen.mode == mode && seen.gain == gain && seen.phase == phase) return seen.key;
+        }
+        if (place >= previous_keys_.size()) previous_keys_.resize(place + 1);
+        previous_keys_[place] = {std::string(mode), std::string(gain), std::string(phase),
+                                 composed_key(mode, gain, phase)};
+        return previous_keys_[place].key;
+    }
+
+    // mode + "_" + str(int(float(gain))) + "_" + phase, one str object per text.
+    nb::object composed_key(std::string_view mode, std::string_view gain, std::string_view phase) {
+        key_text_ = mode;
+        key_text_ += '_';
+        append_truncated(key_text_, gain);
+        key_text_ += '_';
+        key_text_ += phase;
+        auto found = entry_keys_.find(key_text_);
+        if (found != entry_keys_.end()) return found->second;
+        return entry_keys_.emplace(key_text_, str(key_text_)).first->second;
+    }
+
+    struct KeyCells {
+        std::string mode, gain, phase;
+        nb::object key;
+    };
 
     nb::handle self_;
     const Log& log_;
     nb::handle table_;
     Py_ssize_t boards_, ics_, channels_;
-    nb::object data_target_;
+    nb::object chip_data_, data_target_;   // the current DATA block's chip and arm
     std::string last_board_, last_chip_, last_arm_;
+    std::string key_text_;
+    std::unordered_map<std::string, nb::object> entry_keys_;
+    std::vector<KeyCells> previous_keys_;
+    size_t place_in_block_ = 0;
+    IntCache ints_;
 };
 
 // Reads the found file (or the handed-in file object) into `table`. Any failure
@@ -299,14 +473,15 @@ private:
 nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, nb::handle table, bool& refused) {
     return guard(
         [&]() -> nb::object {
+            GcPause pause;
             TableReader reader(self, log, table);
             if (!file_object.is_none()) {
-                CsvReader csv(file_object, /*drop_nul=*/true);
-                return reader.read(csv, refused);
+                ObjectRows rows(file_object);
+                return reader.read(rows, refused);
             }
             std::string text = read_text_file(getattr(self, k_path_cali));
-            CsvReader csv(std::string_view(text), /*drop_nul=*/true);
-            return reader.read(csv, refused);
+            TextRows rows(text, field_size_limit());
+            return reader.read(rows, refused);
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("parse exception"));

@@ -97,7 +97,23 @@ class transaction:
 def store_calibration(connection, sn, frequency, table):
     """Stores (or replaces) the parsed calibration table of one serial number and frequency."""
     connection.execute("INSERT OR REPLACE INTO calibration (sn, frequency, content) VALUES (?, ?, ?)",
-                       (sn, float(frequency), json.dumps(table, ensure_ascii=False)))
+                       (sn, float(frequency), json.dumps(_database_layout(table), ensure_ascii=False)))
+
+
+def _database_layout(table):
+    """The table as the database keeps it: as parsed, plus each board's common-arm step
+    ranges under every RF mode of the board too, because web-mode queries ask for them
+    per mode ("TX.COMSTEPDR" in category "BOARD_n") while a file holds them per board."""
+    stored = dict(table)
+    for key, board in table.items():
+        if not (key.startswith("BOARD_") and isinstance(board, dict) and "COMSTEPDR" in board):
+            continue
+        board = dict(board)
+        for mode, section in board.items():
+            if isinstance(section, dict) and mode != "COMSTEPDR" and "COMSTEPDR" not in section:
+                board[mode] = dict(section, COMSTEPDR=board["COMSTEPDR"])
+        stored[key] = board
+    return stored
 
 
 def calibration_index(connection):

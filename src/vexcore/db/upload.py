@@ -42,8 +42,8 @@ def infer_layout(path):
                 break
             if key in ("COMDR", "ELEDR") and len(row) > 3:
                 boards.add(row[3])
-            elif key == "DATA" and len(row) > 6:
-                chips.add(row[6])
+            elif key == "DATA" and len(row) > 5:
+                chips.add(row[5])
             elif key == "OFFSET_TX" and offsets is None:
                 offsets = len(row) - 1
     board_count, chip_count = len(boards), max(len(chips), 1)

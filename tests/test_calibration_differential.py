@@ -1,0 +1,83 @@
+"""Calibration parse against the plain csv.reader parser kept with the benchmark:
+damaged and oddly quoted files must give the same table and the same verdict."""
+import csv
+import io
+import pathlib
+import sys
+
+from hypothesis import HealthCheck, given, settings, strategies as st
+
+from calibration_sample import SN, make_sample
+from vexcore.QRVPublic import RetCode
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "bench"))
+from cali_parse_ratio import PythonCalibrationParser  # noqa: E402
+
+LAYOUT = (4, 1, 4)
+BASE = make_sample(arms=2, seed=3)
+
+cell_text = st.text(alphabet=[",", '"', "\0", " ", "\r", "\n", "x", "1", "-", ".", "5", "é", "_"], max_size=8)
+# (row index, cell index, new text): cells of the sample replaced by awkward text.
+edits = st.lists(st.tuples(st.integers(0, len(BASE.rows) - 1), st.integers(0, 12), cell_text), max_size=6)
+
+
+def apply(rows, changes):
+    rows = [list(r) for r in rows]
+    for row, at, text in changes:
+        if rows[row]:
+            rows[row][min(at, len(rows[row]) - 1)] = text
+    return rows
+
+
+def verdict_of_reference(parser, path):
+    try:
+        return "ok" if parser.parse(path) else "refused or broken"
+    except Exception:
+        return "exception"
+
+
+def verdict_of_manager(ret):
+    if ret.RetCode == RetCode.OK:
+        return "ok"
+    return "exception" if ret.RetMsg == "parse exception" else "refused or broken"
+
+
+def check_same(tm, files_dir, text):
+    path = files_dir / (SN + "_28.0GHz.csv")
+    path.write_text(text, encoding="utf-8", newline="")
+    manager = tm.CalibrationTableManager(SN, 28, lambda: LAYOUT)
+    reference = PythonCalibrationParser(SN, 28, LAYOUT)
+    assert verdict_of_manager(manager.parse()) == verdict_of_reference(reference, str(path))
+    assert manager._CaliTable == reference._CaliTable
+
+
+@settings(max_examples=120, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(changes=edits, crlf=st.booleans())
+def test_quoted_and_damaged_cells_read_as_csv_reader_reads_them(tm, files_dir, changes, crlf):
+    out = io.StringIO()
+    csv.writer(out, lineterminator="\r\n" if crlf else "\n").writerows(apply(BASE.rows, changes))
+    check_same(tm, files_dir, out.getvalue())
+
+
+@settings(max_examples=120, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(changes=edits)
+def test_unquoted_damage_reads_as_csv_reader_reads_it(tm, files_dir, changes):
+    text = "".join(",".join(row) + "\n" for row in apply(BASE.rows, changes))
+    check_same(tm, files_dir, text)
+
+
+@settings(max_examples=40, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(order=st.permutations(range(32)), gain_spelling=st.sampled_from(["%d", "%d.0", "%d.4", " %d"]))
+def test_data_blocks_in_any_order_and_spelling(tm, files_dir, order, gain_spelling):
+    # The same entries listed in another order, and gains spelled differently, in
+    # the second common-arm block of every chip.
+    rows, block = [], []
+    for row in BASE.rows:
+        if row[:1] == ["DATA"] and row[6] == "2":
+            block.append(row)
+            if len(block) == 32:
+                rows += [r[:8] + [gain_spelling % int(float(r[8]))] + r[9:] for r in (block[i] for i in order)]
+                block = []
+        else:
+            rows.append(row)
+    check_same(tm, files_dir, "".join(",".join(r) + "\n" for r in rows))

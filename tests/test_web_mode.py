@@ -1,0 +1,113 @@
+"""Web mode end to end against the real sqlite-backed service, and the demonstration."""
+import os
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+import vexcore.samples as samples
+from vexcore.QRVPublic import RFMode, RetCode
+from vexcore.db import QRVDBQueryer as service
+from vexcore.db.upload import UploadError, import_calibration_files, infer_layout
+
+SN, FREQ = "K5350R019-28", 28
+SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
+
+
+@pytest.fixture
+def stocked(files_dir, monkeypatch):
+    """The sample calibration file in the files directory and in the database."""
+    shutil.copy(SAMPLE, files_dir)
+    db = files_dir / "tables.db"
+    monkeypatch.setenv("VEXCORE_DB", str(db))
+    import_calibration_files([str(files_dir / samples.CALIBRATION_FILE)])
+    return files_dir
+
+
+def managers(tm):
+    file_mode = tm.CalibrationTableManager(SN, FREQ, tm.fake_rf_layout)
+    assert file_mode.parse().RetCode == RetCode.OK
+    web_mode = tm.CalibrationTableManager(SN, FREQ, tm.fake_rf_layout, web_client_id="111")
+    return file_mode, web_mode
+
+
+def test_layout_is_read_from_the_file():
+    assert infer_layout(SAMPLE) == (4, 1, 4)
+
+
+def test_web_mode_answers_like_file_mode(tm, stocked):
+    file_mode, web_mode = managers(tm)
+    assert web_mode.getFrequencyList().RetData == file_mode.getFrequencyList().RetData == [28.0]
+    assert web_mode.queryCaliTableVer().RetData == file_mode.queryCaliTableVer().RetData == "2.1.0"
+    assert web_mode.getDR().RetData == file_mode.getDR().RetData
+    for mode in RFMode:
+        assert web_mode.getDR(mode).RetData == file_mode.getDR(mode).RetData
+    assert web_mode.getCOMDR().RetData == file_mode.getCOMDR().RetData
+    assert web_mode._getTC() == file_mode._getTC()
+    assert web_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1) == file_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1)
+    steps = file_mode._searchComStepDR(2, "TX", -4.0, -1.0, None)
+    assert steps and web_mode._searchComStepDR(2, "TX", -4.0, -1.0, None) == steps
+    ask = ("TX", 2, 1, [1, 2, 3, 4], [-4.0] * 4, ["45"] * 4, steps)
+    assert web_mode._getComData(*ask) == file_mode._getComData(*ask)
+
+
+def test_element_limits_arrive_unwrapped_in_web_mode(tm, stocked):
+    # A stored one-value list comes back from the database as its value.
+    file_mode, web_mode = managers(tm)
+    file_limits, web_limits = file_mode.getELEDR().RetData, web_mode.getELEDR().RetData
+    assert web_limits == [[limit[0] for limit in per_mode] for per_mode in file_limits]
+
+
+def test_database_failures_become_results(tm, stocked, monkeypatch):
+    unknown = tm.CalibrationTableManager("NO-SUCH-SN", FREQ, tm.fake_rf_layout, web_client_id="111")
+    ret = unknown.getFrequencyList()
+    assert ret.RetCode == RetCode.ERROR_DB_FEEDBACK and "NO-SUCH-SN" in ret.RetMsg
+    assert unknown.getDR().RetCode == RetCode.ERROR_DB_FEEDBACK
+    monkeypatch.setenv("VEXCORE_DB", str(stocked / "missing" / "tables.db"))
+    _, web_mode = managers(tm)
+    for ret in (web_mode.getFrequencyList(), web_mode.getDR(RFMode.TX), web_mode.getCOMDR()):
+        assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_DB_SERVER, "DB server connection error")
+
+
+def test_bad_files_are_refused_with_the_parser_result(tmp_path, monkeypatch):
+    monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
+    broken = tmp_path / ("%s_28GHz.csv" % SN)
+    broken.write_text(open(SAMPLE).read().replace("END\n", ""))
+    with pytest.raises(UploadError, match="ERROR_BF_CALI_PARSE: cali file is broken"):
+        import_calibration_files([str(broken)])
+    run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", str(broken)], capture_output=True, text=True)
+    assert run.returncode == 1 and "cali file is broken" in run.stderr
+    with service.transaction() as connection:
+        assert service.calibration_index(connection) == []      # nothing half-stored
+
+
+def test_multi_query_through_the_adapter(tm, stocked):
+    db = tm._QRVTableDB("calibration", {"sn": SN, "frequency": FREQ})
+    assert db.query("VER", applySetting=False).RetData is None
+    assert db.query(["DR", "TX"], applySetting=False).RetData is None
+    answers = db.query([["TX", "COMDR"], ["RX", "ELEDR"]], category="BOARD_3").RetData
+    assert answers[0] == {"VER": "2.1.0"} and answers[1] == {"DR.TX": [-10.0, 5.0]}
+    assert answers[2] == {"TX.COMDR": [-9.0, 3.0], "RX.ELEDR": [4.0]}
+
+
+def test_demonstration_runs_on_the_samples(tmp_path):
+    env = dict(os.environ)
+    env.pop("VEXCORE_DB", None)
+    env.pop("VEXCORE_FILES_DIR", None)
+    subprocess.run([sys.executable, "-m", "vexcore.samples", str(tmp_path)], check=True, env=env)
+    run = subprocess.run([sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"], cwd=tmp_path, env=env,
+                         capture_output=True, text=True, timeout=120)
+    assert run.returncode == 0, run.stdout + run.stderr
+    out = run.stdout
+    for expected in ("Frequencies (GHz): [28.0]", "Board-1:\n", "Board-2:\n", "Select AAKit: AAKIT_QRVLAB-4x4_PRIME_28_IDEAL",
+                     "SPACING", "Demonstration done."):
+        assert expected in out, expected
+    assert "DR: {'TX': [-10.0, 5.0], 'RX': [-12.0, 6.0]}" in out
+    assert "(boards 1 and 2): [2, 2]" in out and "    COM_2: [" in out
+
+
+def test_demonstration_explains_a_missing_set_up(tmp_path):
+    run = subprocess.run([sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"], cwd=tmp_path,
+                         capture_output=True, text=True, timeout=60)
+    assert run.returncode == 2 and "python -m vexcore.samples" in run.stderr
