@@ -116,6 +116,15 @@ def test_samples_are_interleaved_and_reset_runs_before_every_call():
     assert all(len(op.results[k]["samples_s"]) == 3 for k in (MODULE, PYTHON, STDLIB))
 
 
+def test_timed_calls_see_older_objects_frozen_and_the_collector_is_restored_after():
+    import gc
+    older = [[] for _ in range(1000)]
+    frozen = []
+    op = run(side(PYTHON, lambda _: frozen.append(gc.get_freeze_count())))
+    assert op.results[PYTHON]["status"] == "ok"
+    assert min(frozen) >= len(older) and gc.get_freeze_count() == 0 and gc.isenabled()
+
+
 def test_fast_calls_are_batched_to_fill_a_sample():
     op = Operation("op", "op", "small", [side(PYTHON, lambda _: None)])
     harness.measure(op, FakeModule, 2, min_sample_s=0.01)
