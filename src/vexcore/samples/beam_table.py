@@ -63,7 +63,7 @@ def _write(files_dir):
         raise RuntimeError("the sample calibration table or kit is not valid")
     checks = beam.LimitChecks(cali, kit_table.record)
     manager = tm.BeamPatternTableManager(SN, DEV_TYPE, NUM_BEAM, cali.layout, checks.funcs)
-    manager._updateFreq(FREQ, *cali.beam_limits())
+    manager._updateFreq(FREQ, cali.dr, cali.comdr, cali.eledr)
     manager._updateAAKit(kit_table.name)
     path = os.path.join(files_dir, "BeamTable", beam.kinds.beam_file_name(SN, FREQ, kit_table.name))
     if os.path.exists(path):

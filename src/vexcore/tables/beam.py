@@ -41,6 +41,7 @@ class BeamTable(TableResult):
     kit: object = None
     written: Optional[str] = None          # the file as loading rewrote it (old versions)
     json_error: object = None
+    old_channel_beams: bool = False
 
     @property
     def old_format(self):
@@ -129,6 +130,7 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
     result.calibration = _companion_calibration(result, path, cali_path)
     result.kit = _companion_kit(result, path, kit_path)
     result.layout = _layout(result, data, layout)
+    result.old_channel_beams = bool(_old_channel_count(data))
     result.num_beam = num_beam or _highest_id(data)
     checks = LimitChecks(result.calibration, result.kit.record if result.kit and result.kit.valid else None)
     with Sandbox() as sandbox, collected_logs() as logs:
@@ -276,6 +278,32 @@ def _number_after(key, prefix):
     return int(text) if text.isdigit() else 0
 
 
+def highest_id_in(path):
+    """The highest beam id a table file holds (1 when it holds none or cannot be read)."""
+    try:
+        with open(path, encoding="utf-8") as f:
+            return _highest_id(json.load(f))
+    except (OSError, ValueError):
+        return 1
+
+
+def ordered_channels(config):
+    """(board number, channel number, channel) of a channel configuration, in
+    board/channel order whatever order the mapping holds them in."""
+    found = []
+    for board_key, board in (config.items() if isinstance(config, dict) else ()):
+        board_no = _number_after(board_key, "board_")
+        for name, channel in (board.items() if isinstance(board, dict) else ()):
+            channel_no = _number_after(name, "channel_")
+            if board_no and channel_no and isinstance(channel, dict):
+                found.append((board_no, channel_no, channel))
+    return sorted(found, key=lambda item: item[:2])
+
+
+def channels_of(config):
+    return [channel for _, _, channel in ordered_channels(config)]
+
+
 def _highest_id(data):
     ids = [1]
     for mode in ("TX", "RX"):
@@ -296,9 +324,21 @@ def _manager(result, checks):
 
 
 def _limits(result):
-    """Limits for the manager; without a calibration table, gains are left uncapped."""
+    """(DR, COMDR, ELEDR) for the manager: the calibration manager's own answers, as a
+    driver passes them, so default beams read as a device would show them.
+
+    Converting an old channel list caps each gain at COMDR + ELEDR of its board,
+    which works on numbers only, while the calibration manager answers [min, max]
+    and [limit]; such tables get one number per board instead. Without a calibration
+    table the gains are left uncapped.
+    """
     cali = result.calibration
     if cali is not None and cali.valid:
+        if not (result.old_format and result.old_channel_beams):
+            return cali.dr, cali.comdr, cali.eledr
+        result.add("old channel beams are converted with COMDR upper bound + ELEDR per board as gain cap; "
+                   "the calibration manager's [min, max] and [limit] lists make the beam manager's "
+                   "conversion fail", severity=WARNING)
         return cali.beam_limits()
     boards = result.layout[0] * result.layout[1]
     dr = {mode.name: None for mode in RFMode}

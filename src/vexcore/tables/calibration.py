@@ -39,11 +39,8 @@ class Calibration(TableResult):
     offsets: dict = dataclasses.field(default_factory=dict)
 
     def beam_limits(self):
-        """(DR, COMDR, ELEDR) with one number per board, as the beam manager can use them.
-
-        The beam manager adds COMDR and ELEDR to cap converted channel gains, so each
-        board gets the common-arm upper bound and the element limit as plain numbers.
-        """
+        """(DR, COMDR, ELEDR) with one number per board: the common-arm upper bound
+        and the element limit, for arithmetic the limit lists do not allow."""
         comdr = [[pair[1] if isinstance(pair, list) else pair for pair in mode] for mode in self.comdr]
         eledr = [[unwrap(limit) for limit in mode] for mode in self.eledr]
         return self.dr, comdr, eledr

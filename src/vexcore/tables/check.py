@@ -72,7 +72,7 @@ def _print_results(results, skipped, out):
         out.line("%-4s  %-*s  %s%s" % (status, kind_width, result.kind, result.path,
                                        "  " + result.summary if result.summary else ""))
         for problem in result.problems:
-            _print_problem(problem, out)
+            print_problem(problem, out)
     invalid = sum(1 for r in results if not r.valid)
     summary = "%d file%s checked: %d valid, %d invalid" % (len(results), "" if len(results) == 1 else "s",
                                                            len(results) - invalid, invalid)
@@ -83,7 +83,7 @@ def _print_results(results, skipped, out):
     out.line(summary)
 
 
-def _print_problem(problem, out):
+def print_problem(problem, out):
     code = problem.severity if problem.code == NO_CODE else problem.code
     text = problem.message + (" at %s" % problem.where if problem.where else "")
     out.line("      %s  %s" % (code, text))

@@ -75,6 +75,12 @@ def build_parser():
     check.add_argument("--progress", action=argparse.BooleanOptionalAction, default=None,
                        help="progress line on stderr (default: on a terminal, for several files)")
     _table_options(check)
+
+    show = commands.add_parser("show", help="a readable summary of one table")
+    show.add_argument("path", metavar="PATH")
+    show.add_argument("--beam", type=beam_type, metavar="MODE:ID", help="show this beam in full, e.g. TX:1")
+    show.add_argument("--json", action="store_true", help="machine-readable output")
+    _table_options(show)
     return parser
 
 
@@ -98,4 +104,7 @@ def _run(options, out):
     if options.command == "check":
         from . import check
         return check.run(options, out)
+    if options.command == "show":
+        from . import show
+        return show.run(options, out)
     raise ToolError("unknown command %s" % options.command)
