@@ -122,7 +122,7 @@ class LimitChecks:
         return RetType(data=data)
 
 
-def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, validate=True):
+def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, validate=True, devtype=None):
     """Loads `path` with the beam manager (on a copy) and validates every stored beam."""
     result = BeamTable(path, kinds.BEAM)
     data = _read_json(path, result)
@@ -130,6 +130,7 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
     result.calibration = _companion_calibration(result, path, cali_path)
     result.kit = _companion_kit(result, path, kit_path)
     result.layout = _layout(result, data, layout)
+    _settle_devtype(result, devtype)
     result.old_channel_beams = bool(_old_channel_count(data))
     result.num_beam = num_beam or _highest_id(data)
     checks = LimitChecks(result.calibration, result.kit.record if result.kit and result.kit.valid else None)
@@ -170,11 +171,23 @@ def _identify(result, path, data):
     result.freq = float(freq) if freq is not None else (named[1] if named else 28.0)
     kit_name = data.get("AAKIT_NAME")
     result.kit_name = kit_name if isinstance(kit_name, str) else (named[2] if named else "")
-    result.devtype = data.get("DEV_TYPE", 0)
+    result.devtype = data.get("DEV_TYPE")
     result.version = data.get("VERSION", data.get("version"))
     expected = kinds.beam_file_name(result.sn, result.freq, result.kit_name)
     if named and os.path.basename(path) != expected:
         result.add("the beam manager of this table looks for it as %s" % expected, severity=WARNING)
+
+
+def _settle_devtype(result, devtype):
+    """Old tables carry no device type; the converted table gets the kit's or the user's."""
+    if devtype is not None:
+        result.devtype = devtype
+    elif result.devtype is None:
+        kit_record = result.kit.record if result.kit is not None else None
+        result.devtype = (kit_record or {}).get("DEV_TYPE")
+        if result.devtype is None:
+            result.devtype = 0
+            result.add("device type unknown (no DEV_TYPE, no kit): 0 used; give --devtype", severity=WARNING)
 
 
 def _companion_calibration(result, path, cali_path):

@@ -236,11 +236,12 @@ def _layout_of_export(table):
     boards = [int(key[6:]) for key in table if key.startswith("BOARD_") and key[6:].isdigit()]
     count = max(boards, default=1)
     chips, channels = 1, 1
-    for board in table.values():
-        if not isinstance(board, dict):
+    for name, board in table.items():
+        if not (name.startswith("BOARD_") and isinstance(board, dict)):
             continue
         for mode in ("TX", "RX"):
-            for key, chip in (board.get(mode) or {}).items():
+            section = board.get(mode)
+            for key, chip in (section.items() if isinstance(section, dict) else ()):
                 if key.startswith("OFFSET_CHIP_") and isinstance(chip, dict):
                     chips = max(chips, int(key[12:]) if key[12:].isdigit() else 1)
                     channels = max(channels, len(chip))

@@ -33,7 +33,8 @@ def check_file(path, kind, options):
         kinds.CALIBRATION: lambda: calibration.load(path, options.layout),
         kinds.CALIBRATION_JSON: lambda: calibration.load_export(path, options.layout),
         kinds.KIT: lambda: kit.load(path, options.devtype),
-        kinds.BEAM: lambda: beam.load(path, options.layout, options.cali, options.kit, options.num_beam),
+        kinds.BEAM: lambda: beam.load(path, options.layout, options.cali, options.kit, options.num_beam,
+                                           devtype=options.devtype),
         kinds.UD_DELTA: lambda: ud.load(path),
     }
     try:
@@ -41,6 +42,13 @@ def check_file(path, kind, options):
     except (OSError, UnicodeError) as error:
         result = TableResult(path, kind)
         result.add("cannot read the file: %s" % error, type(error).__name__)
+        return result
+    except ToolError:
+        raise
+    except Exception as error:  # one odd file must not end a check of a whole folder
+        result = TableResult(path, kind)
+        result.add("the tool could not check this file (please report it)", type(error).__name__,
+                   detail=str(error))
         return result
 
 

@@ -5,6 +5,7 @@ Exit status: 0 when everything asked for succeeded (every checked file valid),
 """
 import argparse
 import json
+import os
 import sys
 
 from . import kinds
@@ -56,8 +57,9 @@ def _table_options(parser):
     parser.add_argument("--kit", metavar="FILE", help="kit file of a beam table (default: found beside it)")
     parser.add_argument("--num-beam", type=int, metavar="N", help="beam ids per mode of the device "
                         "(default: the highest id in the table)")
-    parser.add_argument("--devtype", type=int, metavar="N", help="device type a kit must be made for "
-                        "(default: the kit's own DEV_TYPE)")
+    parser.add_argument("--devtype", type=int, metavar="N", help="device type: the one a kit must be made "
+                        "for (default: its own DEV_TYPE), or the one of a beam table (default: its DEV_TYPE, "
+                        "else its kit's)")
     parser.add_argument("--kind", choices=kinds.KINDS, help="table kind, when the file name does not tell")
 
 
@@ -81,6 +83,15 @@ def build_parser():
     show.add_argument("--beam", type=beam_type, metavar="MODE:ID", help="show this beam in full, e.g. TX:1")
     show.add_argument("--json", action="store_true", help="machine-readable output")
     _table_options(show)
+
+    convert = commands.add_parser("convert", help="upgrade an old beam table, or export a calibration "
+                                                   "CSV to JSON")
+    convert.add_argument("path", metavar="PATH")
+    convert.add_argument("--out", metavar="FILE", help="where to write (calibration default: the same "
+                         "name with .json, where the calibration manager looks for its export)")
+    convert.add_argument("--in-place", action="store_true", help="replace the beam table itself")
+    convert.add_argument("--force", action="store_true", help="replace an existing output file")
+    _table_options(convert)
     return parser
 
 
@@ -101,10 +112,16 @@ def main(argv=None):
 
 
 def _run(options, out):
+    path = getattr(options, "path", None)
+    if path is not None and not os.path.isfile(path):
+        raise ToolError("no such file: %s" % path)
     if options.command == "check":
         from . import check
         return check.run(options, out)
     if options.command == "show":
         from . import show
         return show.run(options, out)
+    if options.command == "convert":
+        from . import convert
+        return convert.run(options, out)
     raise ToolError("unknown command %s" % options.command)
