@@ -257,3 +257,13 @@ def test_the_console_script_checks_the_samples(files):
     done = subprocess.run([script, "check", "files"], cwd=files.parent, capture_output=True, text=True)
     assert done.returncode == 0, done.stdout + done.stderr
     assert done.stdout.splitlines()[-1] == "3 files checked: 3 valid, 0 invalid"
+
+
+def test_the_bundled_beam_table_is_what_the_beam_manager_writes(files):
+    from vexcore.samples import beam_table
+
+    bundled = (files / BEAM).read_bytes()
+    os.remove(files / BEAM)
+    written = beam_table.write(str(files))
+    assert written == str(files / BEAM)
+    assert (files / BEAM).read_bytes() == bundled

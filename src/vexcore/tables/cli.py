@@ -40,6 +40,14 @@ def layout_type(text):
     return values
 
 
+def grid_type(text):
+    """'4x4' -> (4, 4): rows and columns of the channel placement."""
+    parts = text.lower().split("x")
+    if len(parts) != 2 or not all(p.isdigit() and int(p) > 0 for p in parts):
+        raise argparse.ArgumentTypeError("expected ROWSxCOLS such as 4x4 or 1x16, got %r" % text)
+    return int(parts[0]), int(parts[1])
+
+
 def beam_type(text):
     """'TX:1' -> ('TX', 1)."""
     mode, _, number = text.upper().partition(":")
@@ -92,6 +100,20 @@ def build_parser():
     convert.add_argument("--in-place", action="store_true", help="replace the beam table itself")
     convert.add_argument("--force", action="store_true", help="replace an existing output file")
     _table_options(convert)
+
+    plot = commands.add_parser("plot", help="draw a calibration table or a beam into a PNG file "
+                                             "(needs matplotlib: pip install 'vexcore[plot]')")
+    plot.add_argument("path", metavar="PATH")
+    plot.add_argument("--out", required=True, metavar="FILE.png", help="picture to write")
+    plot.add_argument("--beam", type=beam_type, default=("TX", 1), metavar="MODE:ID",
+                      help="beam of a beam table to draw (default TX:1)")
+    plot.add_argument("--grid", type=grid_type, metavar="ROWSxCOLS",
+                      help="placement of the channels in board/channel order, row by row (default: a square "
+                           "grid when the channel count is a square, else one line)")
+    plot.add_argument("--offset-step", type=float, default=360.0 / 64, metavar="DEG",
+                      help="degrees of one kit phase-offset step (default 5.625, a 6-bit phase shifter)")
+    plot.add_argument("--dpi", type=int, default=100, help="resolution of the picture (default 100)")
+    _table_options(plot)
     return parser
 
 
@@ -124,4 +146,7 @@ def _run(options, out):
     if options.command == "convert":
         from . import convert
         return convert.run(options, out)
+    if options.command == "plot":
+        from . import plot
+        return plot.run(options, out)
     raise ToolError("unknown command %s" % options.command)
