@@ -15,11 +15,6 @@ def files(tmp_path):
     return copy_samples(tmp_path)
 
 
-def _status_lines(out):
-    return {line.split()[0]: line for line in out.splitlines() if line.split() and line.split()[0] in
-            ("OK", "WARN", "FAIL")}
-
-
 def test_the_bundled_samples_are_valid(files, capsys):
     code, out, err = run_tool(capsys, "check", files)
     assert code == 0, out
@@ -117,8 +112,8 @@ def test_a_kit_name_defined_twice_in_a_folder_warns_on_the_file_that_loses(files
     first = lines.index(next(line for line in lines if line.endswith(KIT) or KIT + "  " in line))
     assert lines[first].startswith("WARN")
     assert "which the kit manager keeps instead of this file" in lines[first + 1] and str(later) in lines[first + 1]
-    assert next(line for line in lines if line.endswith("16 channels") and "AAKIT_z_copy.csv" in line
-                ).startswith("OK")
+    status_lines = [line for line in lines if line.split()[0] in ("OK", "WARN", "FAIL")]
+    assert next(line for line in status_lines if "AAKIT_z_copy.csv" in line).startswith("OK ")
 
 
 def test_a_kit_without_type_row_is_reported_not_raised(files, capsys):
