@@ -108,6 +108,19 @@ def test_a_kit_for_another_device_type_is_refused_when_the_type_is_given(files, 
     assert str(files) in out and "vexcore-tables-" not in out      # the user's path, not the copy's
 
 
+def test_a_kit_name_defined_twice_in_a_folder_warns_on_the_file_that_loses(files, capsys):
+    later = files / "AAKIT_z_copy.csv"
+    later.write_bytes((files / KIT).read_bytes())
+    status, out, _ = run_tool(capsys, "check", files)
+    assert status == 0
+    lines = out.splitlines()
+    first = lines.index(next(line for line in lines if line.endswith(KIT) or KIT + "  " in line))
+    assert lines[first].startswith("WARN")
+    assert "which the kit manager keeps instead of this file" in lines[first + 1] and str(later) in lines[first + 1]
+    assert next(line for line in lines if line.endswith("16 channels") and "AAKIT_z_copy.csv" in line
+                ).startswith("OK")
+
+
 def test_a_kit_without_type_row_is_reported_not_raised(files, capsys):
     edit_lines(files / KIT, replace_row("TYPE", None))
     status, out, _ = run_tool(capsys, "check", files / KIT)

@@ -133,16 +133,18 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
     _settle_devtype(result, devtype)
     result.old_channel_beams = bool(_old_channel_count(data))
     result.num_beam = num_beam or _highest_id(data)
+    del data                      # a large table must not be held twice while the manager loads it
     checks = LimitChecks(result.calibration, result.kit.record if result.kit and result.kit.valid else None)
     with Sandbox() as sandbox, collected_logs() as logs:
         file_name = kinds.beam_file_name(result.sn, result.freq, result.kit_name)
         target = sandbox.copy_in(path, file_name, "BeamTable")
+        copied = _identity_of(target)
         manager = _manager(result, checks)
         ret = manager._load(result.freq, result.kit_name)
         if not result.add_result(ret, "_load failed", detail=_load_detail(logs, result)):
             return result
         result.manager, result.table = manager, manager._BeamTable
-        result.written = _rewritten(path, target)
+        result.written = _rewritten(target, copied)
         if validate:
             _validate_beams(result, manager, checks, logs)
     _note_version(result)
@@ -368,13 +370,21 @@ def _load_detail(logs, result):
     return "; ".join(details)
 
 
-def _rewritten(path, target):
-    """The copy's text when loading rewrote it (conversion or version re-save), else None."""
-    with open(target, "rb") as f:
-        after = f.read()
-    with open(path, "rb") as f:
-        before = f.read()
-    return after.decode("utf-8") if after != before else None
+def _identity_of(path):
+    status = os.stat(path)
+    return status.st_ino, status.st_size, status.st_mtime_ns
+
+
+def _rewritten(target, copied):
+    """The copy's text when loading saved it again (conversion or version re-save), else None.
+
+    A save replaces the file by renaming a new one over it, so an unchanged inode,
+    size and time mean the copy was only read.
+    """
+    if _identity_of(target) == copied:
+        return None
+    with open(target, encoding="utf-8") as f:
+        return f.read()
 
 
 def _validate_beams(result, manager, checks, logs):

@@ -23,7 +23,9 @@ _HEADER_MESSAGE_KEYS = {
     "Wrong SN!": "SN",
     "Wrong Freq": "FCENTER",
 }
-_BOARD_CELL = {"COMDR": 3, "ELEDR": 3, "TEMPADC": 2, "TC": 2, "COMSTEPDR": 3, "DATA": 3}
+# Cell holding the board number, in rows keyed by board. TEMPADC and TC rows are left
+# out: they are numbered per board and IC (boards x ICs entries), not per board.
+_BOARD_CELL = {"COMDR": 3, "ELEDR": 3, "COMSTEPDR": 3, "DATA": 3}
 
 
 @dataclasses.dataclass

@@ -2,7 +2,7 @@
 import os
 
 from . import beam, calibration, kinds, kit, ud
-from .common import NO_CODE, ToolError, TableResult
+from .common import NO_CODE, WARNING, ToolError, TableResult
 from .terminal import Progress
 
 
@@ -60,12 +60,29 @@ def run(options, out):
         progress.step(index, path)
         results.append(check_file(path, kind, options))
     progress.done()
+    _note_shadowed_kits(results)
     if options.json:
         out.json({"valid": all(r.valid for r in results), "files": [_as_dict(r) for r in results],
                   "skipped": skipped})
     else:
         _print_results(results, skipped, out)
     return 0 if results and all(r.valid for r in results) else 1
+
+
+def _note_shadowed_kits(results):
+    """Two files of one folder naming the same kit: the kit manager keeps only the
+    later one in name order, silently."""
+    groups = {}
+    for result in results:
+        if result.kind == kinds.KIT and getattr(result, "name", ""):
+            folder = os.path.dirname(os.path.abspath(result.path))
+            groups.setdefault((folder, result.name), []).append(result)
+    for (_, name), group in groups.items():
+        kept = max(group, key=lambda r: os.path.abspath(r.path))
+        for result in group:
+            if result is not kept:
+                result.add("kit %r is also defined by %s, which the kit manager keeps instead of this file"
+                           % (name, kept.path), severity=WARNING)
 
 
 def _as_dict(result):
