@@ -275,3 +275,24 @@ def test_the_bundled_beam_table_is_what_the_beam_manager_writes(files):
     written = beam_table.write(str(files))
     assert written == str(files / BEAM)
     assert (files / BEAM).read_bytes() == bundled
+
+
+def test_a_serial_number_with_a_path_separator_is_refused_and_nothing_written_outside(files, tmp_path, capsys):
+    path = _edit_beam(files, lambda t: t.update(SN="../../escaped"))
+    status, out, _ = run_tool(capsys, "check", path)
+    assert status == 1 and "ERROR_BF_BEAM  BeamTable loading exception" in out
+    assert not list(tmp_path.glob("**/*escaped*"))
+
+
+def test_a_file_with_many_problems_lists_twenty_and_counts_the_rest(files, capsys):
+    def many_bad_beams(table):
+        for beam_id in range(3, 33):
+            table["RX"][str(beam_id)] = {"beam_description": "", "beam_type": 0,
+                                         "beam_config": {"db": 50.0, "theta": 0, "phi": 0}}
+    path = _edit_beam(files, many_bad_beams)
+    status, out, _ = run_tool(capsys, "check", path)
+    assert status == 1
+    assert sum(1 for line in out.splitlines() if "db 50 is outside the RX DR" in line) == 20
+    assert "... and 10 more problems (--json lists them all)" in out
+    status, out, _ = run_tool(capsys, "check", "--json", path)
+    assert len(json.loads(out)["files"][0]["problems"]) == 30

@@ -3,7 +3,7 @@ import json
 
 import pytest
 
-from tables_helpers import BEAM, CALI, copy_samples, edit_lines, replace_row, run_tool
+from tables_helpers import CALI, copy_samples, edit_lines, replace_row, run_tool
 
 
 @pytest.fixture

@@ -19,7 +19,7 @@ from vexcore.QRVPublic import BeamType, RFMode, RetCode
 from vexcore.QRVUtils import RetType
 
 from . import calibration, kinds, kit
-from .common import WARNING, ToolError, TableResult, as_number, unwrap
+from .common import WARNING, ToolError, TableResult, as_number
 from .sandbox import Sandbox, collected_logs
 
 CURRENT_VERSION = "v2.0.0"
@@ -42,6 +42,9 @@ class BeamTable(TableResult):
     written: Optional[str] = None          # the file as loading rewrote it (old versions)
     json_error: object = None
     old_channel_beams: bool = False
+
+    def release(self):
+        self.table = self.manager = self.written = self.calibration = self.kit = None
 
     @property
     def old_format(self):
@@ -137,8 +140,10 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
     checks = LimitChecks(result.calibration, result.kit.record if result.kit and result.kit.valid else None)
     with Sandbox() as sandbox, collected_logs() as logs:
         file_name = kinds.beam_file_name(result.sn, result.freq, result.kit_name)
-        target = sandbox.copy_in(path, file_name, "BeamTable")
-        copied = _identity_of(target)
+        # A name holding a separator is refused by the manager itself; it must not
+        # place the copy outside the private folder either.
+        target = None if _leaves_folder(file_name) else sandbox.copy_in(path, file_name, "BeamTable")
+        copied = target and _identity_of(target)
         manager = _manager(result, checks)
         ret = manager._load(result.freq, result.kit_name)
         if not result.add_result(ret, "_load failed", detail=_load_detail(logs, result)):
@@ -368,6 +373,10 @@ def _load_detail(logs, result):
     if not details:
         details = [r.getMessage() for r in logs.since(0, level=40)]
     return "; ".join(details)
+
+
+def _leaves_folder(name):
+    return any(mark in name for mark in ("/", "\\", "\0", os.sep))
 
 
 def _identity_of(path):

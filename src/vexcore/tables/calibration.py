@@ -6,7 +6,6 @@ unless the user gives it, because the file does not state it.
 """
 import dataclasses
 import io
-import os
 from typing import Optional
 
 import vexcore.qrvdev.QRVTableManager as tm

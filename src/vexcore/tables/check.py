@@ -6,6 +6,9 @@ from .common import NO_CODE, WARNING, ToolError, TableResult
 from .terminal import Progress
 
 
+MAX_PROBLEMS_SHOWN = 20          # per file: a broken large table must not flood the terminal
+
+
 def collect(paths, kind=None):
     """(files to check, files skipped) for the paths given: folders are searched
     recursively and keep only files that hold a known table; a file named
@@ -58,7 +61,9 @@ def run(options, out):
     results = []
     for index, (path, kind) in enumerate(files, 1):
         progress.step(index, path)
-        results.append(check_file(path, kind, options))
+        result = check_file(path, kind, options)
+        result.release()             # a folder of large tables must not stay in memory
+        results.append(result)
     progress.done()
     _note_shadowed_kits(results)
     if options.json:
@@ -96,8 +101,11 @@ def _print_results(results, skipped, out):
         status = "FAIL" if not result.valid else ("WARN" if result.problems else "OK")
         out.line("%-4s  %-*s  %s%s" % (status, kind_width, result.kind, result.path,
                                        "  " + result.summary if result.summary else ""))
-        for problem in result.problems:
+        for problem in result.problems[:MAX_PROBLEMS_SHOWN]:
             print_problem(problem, out)
+        hidden = len(result.problems) - MAX_PROBLEMS_SHOWN
+        if hidden > 0:
+            out.line("      ... and %d more problems (--json lists them all)" % hidden)
     invalid = sum(1 for r in results if not r.valid)
     summary = "%d file%s checked: %d valid, %d invalid" % (len(results), "" if len(results) == 1 else "s",
                                                            len(results) - invalid, invalid)

@@ -2,7 +2,7 @@
 module gave (or the exception a query let through), where in the file it lies and
 the cause the manager logged."""
 import dataclasses
-from typing import List, Optional
+from typing import List
 
 from vexcore.QRVPublic import RetCode
 
@@ -39,6 +39,9 @@ class TableResult:
     def valid(self):
         return not any(p.severity == ERROR for p in self.problems)
 
+    def release(self):
+        """Drops the loaded table and managers once only the findings are needed."""
+
     def add(self, message, code=NO_CODE, where="", detail="", severity=ERROR):
         self.problems.append(Problem(message, code, where, detail, severity))
 
@@ -47,7 +50,8 @@ class TableResult:
         if ret.RetCode == RetCode.OK:
             return True
         severity = WARNING if ret.RetCode == RetCode.WARNING else ERROR
-        self.add(ret.RetMsg or what, ret.RetCode.name, where, detail, severity)
+        message = ret.RetMsg or what
+        self.add(message, ret.RetCode.name, where, "" if detail == message else detail, severity)
         return False
 
 

@@ -10,7 +10,7 @@ import math
 
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 
-from . import beam, calibration, kinds, kit, pattern
+from . import beam, calibration, kinds, pattern
 from .common import ToolError, as_number, unwrap
 
 INSTALL_HINT = "plot needs matplotlib: pip install 'vexcore[plot]' (or pip install matplotlib)"

@@ -1,7 +1,7 @@
 """show: a readable summary of one table, as the managers read it."""
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 
-from . import beam, calibration, kinds, kit, ud
+from . import beam, kinds
 from .check import check_file, print_problem
 from .common import ToolError, unwrap
 from .terminal import columns
