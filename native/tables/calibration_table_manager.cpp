@@ -215,16 +215,40 @@ static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
     return nb::steal(value);
 }
 
+// True when the text form of the serial number holds "/", the platform's own
+// separators or NUL. Such a serial number would make the search pattern (and the
+// JSON export beside the file found) reach outside the files folder.
+static bool serial_number_leaves_folder(nb::handle sn_text) {
+    static const Name os_module{"os"};
+    nb::object os = global(os_module);
+    const nb::object separators[] = {nb::str("/"), nb::str("\0", 1), os.attr("sep"), os.attr("altsep")};
+    for (const nb::object& separator : separators) {
+        if (separator.is_none()) continue;
+        int found = PySequence_Contains(sn_text.ptr(), separator.ptr());
+        if (found < 0) raise_already_set();
+        if (found) return true;
+    }
+    return false;
+}
+
 // Rebuilds _freq_list from the files folder and returns the path of the file for
 // the current frequency, or False. The folder is read first, so a manager without
 // one (files not fetched) keeps its frequency list when the search fails.
+// The serial number is a shell-style pattern as written (a "*" in it matches
+// other names of the folder), but one that would leave the folder finds nothing.
 static nb::object search_cali_file(nb::handle self, nb::handle extension) {
     nb::object folder = getattr(self, k_defaultDir);
     nb::list freq_list;
     setattr(self, k_freq_list, freq_list);
     nb::object result = nb::bool_(false);
 
-    PyObject* name = PyUnicode_FromFormat("%S*GHz%S", getattr(self, k_sn).ptr(), extension.ptr());
+    nb::object sn_text = py_format("%S", getattr(self, k_sn));
+    if (serial_number_leaves_folder(sn_text)) {
+        logger_of(self).error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
+                                      "is searched for it"), sn_text);
+        return result;
+    }
+    PyObject* name = PyUnicode_FromFormat("%S*GHz%S", sn_text.ptr(), extension.ptr());
     if (!name) raise_already_set();
     PyObject* joined = PyNumber_TrueDivide(folder.ptr(), name);
     Py_DECREF(name);
