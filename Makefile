@@ -10,7 +10,7 @@ TEST_TOOLS  := "pytest>=7" "hypothesis>=6" "matplotlib>=3.6"
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
-.PHONY: all install test demo bench bench-quick sanitize clean
+.PHONY: all install test demo bench bench-quick sanitize ci clean
 
 all: test
 
@@ -52,6 +52,10 @@ sanitize: $(SAN_VENV)/.tools
 	LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(gcc -print-file-name=libubsan.so)" \
 	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	PYTHONMALLOC=malloc $(SAN_PY) -m pytest -q -p no:faulthandler tests $(SANITIZE_ARGS)
+
+# What CI runs: the suite on the release build, then the whole suite again under
+# the sanitizers (about five minutes more, most of it the instrumented build).
+ci: test sanitize
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)

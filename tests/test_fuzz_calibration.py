@@ -17,6 +17,7 @@ from vexcore.QRVPublic import RetCode, RFMode
 SAMPLE = make_sample(boards=2, ics=1, channels=4, arms=1, seed=11)
 SAMPLE_TEXT = SAMPLE.text().encode()
 PARSE_CODES = {RetCode.OK, RetCode.ERROR_BF_CALI_PARSE, RetCode.ERROR_BF_CALI_INCOMPLTE}
+UNREADABLE = object()
 layouts = st.sampled_from([(2, 1, 4), (1, 1, 4), (2, 2, 2), (3, 1, 4), (2, 1, 1)])
 
 
@@ -98,11 +99,11 @@ def test_damaged_json_export_loads_exactly_as_json_load_would(tm, files_dir, cha
         with open(path, encoding="utf-8") as f:
             expected = json.load(f)
     except ValueError:
-        expected = None
+        expected = UNREADABLE
     with hang_watchdog():
         manager = tm.CalibrationTableManager(SN, 28, lambda: (2, 1, 4))
         ret = assert_result(manager.parseRawJson)
-    if expected is None:
+    if expected is UNREADABLE:
         assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_PARSE, "cali file error")
     else:
         assert ret.RetCode == RetCode.OK and manager._CaliTable == expected

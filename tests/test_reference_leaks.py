@@ -1,0 +1,217 @@
+"""No public operation leaks a reference or an object, on its success path or its
+failure paths.
+
+Each operation runs three rounds of a few hundred calls after a warm-up. A
+reference leaked per call would raise the reference count of the objects involved
+(the arguments, None, True, False) by at least the number of calls in every round;
+a leaked object would raise the interpreter's count of allocated memory blocks by
+as much. The loggers stay
+at DEBUG and format every record (tracebacks included), so the logging paths run
+too, but nothing is kept.
+"""
+import gc
+import logging
+import sys
+import types
+from contextlib import contextmanager
+
+import pytest
+
+from aakit_samples import LITE, OFFICIAL, STAMP, kit_rows, write_rows
+from beam_helpers import COMDR, DR, ELEDR, channel_beam, steered_beam
+from vexcore.QRVUtils import RetType
+from calibration_sample import SN as CALI_SN, make_sample
+from vexcore.QRVPublic import BeamType, RFMode
+
+CALLS = 200
+ROUNDS = 3
+WARM_UP = 40
+LOGGERS = ("CaliTbl", "AAKitTbl", "BeamTbl", "UDDeltaTbl", "TblDB")
+KIT = "Mine_" + STAMP
+
+
+class FormattingHandler(logging.Handler):
+    """Formats each record as a real handler would, then drops it."""
+
+    def emit(self, record):
+        self.format(record)
+
+
+@contextmanager
+def formatting_only_loggers():
+    """Our loggers at DEBUG with one handler that formats and drops each record.
+    Entered inside the test body: pytest attaches its own capturing handlers when
+    each test phase starts, and those keep every record (and its traceback)."""
+    saved = []
+    handler = FormattingHandler()
+    for name in LOGGERS:
+        logger = logging.getLogger(name)
+        saved.append((logger, logger.level, logger.propagate, list(logger.handlers)))
+        logger.setLevel(logging.DEBUG)
+        logger.propagate = False
+        logger.handlers = [handler]
+    try:
+        yield
+    finally:
+        for logger, level, propagate, handlers in saved:
+            logger.setLevel(level)
+            logger.propagate = propagate
+            logger.handlers = handlers
+
+
+def counts(watched):
+    gc.collect()
+    return [sys.getallocatedblocks()] + [sys.getrefcount(obj) for obj in watched]
+
+
+def assert_no_leak(call, *watched):
+    """Each count must stay flat over at least one of three rounds of CALLS calls:
+    a leak grows it by CALLS or more in every round, while a cache that fills up
+    or a free list that settles moves it in one round only."""
+    watched = (None, True, False) + watched
+    for _ in range(WARM_UP):
+        call()
+    rounds = []
+    for _ in range(ROUNDS):
+        before = counts(watched)
+        for _ in range(CALLS):
+            call()
+        rounds.append([a - b for a, b in zip(counts(watched), before)])
+    least = [min(growth) for growth in zip(*rounds)]
+    assert all(g < CALLS // 2 for g in least), rounds
+
+
+# ----------------------------------------------------------- the managers ---
+
+class Service:
+    """A query service that answers every query at once, without recording anything."""
+
+    def __init__(self, table_name):
+        self.table_name = table_name
+
+    def queryDB(self, payload, queryCmd=None):
+        if isinstance(payload, dict) and payload.get("sn") == "down":
+            return "connection refused"
+        if queryCmd == "getMultiData":
+            return {"code": 0, "data": {key: [1.5] for key in payload}}
+        if queryCmd:
+            return {"code": 0, "data": {"list": [27.5, 28.0]}}
+        return {"code": 0, "data": {"answer": [-9.5, 5.0]}}
+
+
+def accept_beam(mode, db, theta, phi, extra):
+    return RetType(data=(db, theta, phi))
+
+
+def accept_gains(mode, board, gains, common):
+    return RetType(data=gains) if board != 3 or gains[0] != "refuse" else RetType(data=None)
+
+
+@pytest.fixture
+def managers(tm, files_dir, monkeypatch):
+    service = types.ModuleType("vexcore.db.QRVDBQueryer")
+    service.DBQueryer = Service
+    monkeypatch.setitem(sys.modules, "vexcore.db.QRVDBQueryer", service)
+    make_sample(arms=1).write(files_dir)
+    (files_dir / "BAD_28.0GHz.csv").write_text("VER,2.1.0\nDR,x\nEND\n")
+    (files_dir / "CUT_28.0GHz.csv").write_text("VER,2.1.0\n")
+    write_rows(files_dir / ("AAKIT_%s.csv" % OFFICIAL), kit_rows(OFFICIAL))
+    write_rows(files_dir / ("AAKIT_%s.csv" % KIT), kit_rows(KIT, kit_type=1))
+    (files_dir / "UD1.csv").write_text("UD1\n300\n")
+    (files_dir / "UD2.csv").write_text("1.5\n")
+    cali = tm.CalibrationTableManager(CALI_SN, 28, lambda: (4, 1, 4))
+    cali.parse(exportToJson=True)
+    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    kits.parse()
+    beams = tm.BeamPatternTableManager("SN1", 7, 8, (4, 1, 4), (accept_beam, accept_gains))
+    beams._updateFreq(28.0, DR, COMDR, ELEDR)
+    beams._load(28.0, "")
+    beams.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 1.0, "theta": 0, "phi": 0})
+    return types.SimpleNamespace(
+        cali=cali, kits=kits, beams=beams,
+        bad=tm.CalibrationTableManager("BAD", 28, lambda: (4, 1, 4)),
+        cut=tm.CalibrationTableManager("CUT", 28, lambda: (4, 1, 4)),
+        missing=tm.CalibrationTableManager("NONE", 28, lambda: (4, 1, 4)),
+        web=tm.CalibrationTableManager("WEB", 28, lambda: (4, 1, 4), False, "client"),
+        down=tm.CalibrationTableManager("down", 28, lambda: (4, 1, 4), False, "client"),
+        polar=tm.CalibrationTableManager("POL", 28, lambda: (1, 1, 4), True),
+        ud=tm.UDDeltaFreqTableManager("UD1"), ud_bad=tm.UDDeltaFreqTableManager("UD2"),
+        ud_missing=tm.UDDeltaFreqTableManager("UD3"))
+
+
+CONFIG = {"board_2": {"channel_3": {"sw": 1, "db": 2.0, "deg": 90}, "common_db": 9.0}}
+STEERING = {"db": 2.0, "theta": 10, "phi": 20}
+BAD_CONFIG = {"board_9": {"channel_1": {}}}
+BATCH = {"TX": {"2": channel_beam(), "3": steered_beam()}, "junk": {}}
+BAD_BATCH = {"TX": {"x": {}}}
+POISONED = {"TX": {"1": {"db": object()}}}
+
+OPERATIONS = {
+    # calibration, file mode
+    "cali parse": lambda m: m.cali.parse(),
+    "cali parse and export": lambda m: m.cali.parse(None, None, True),
+    "cali parse, file with a bad number": lambda m: m.bad.parse(),
+    "cali parse, file cut short": lambda m: m.cut.parse(),
+    "cali parse, no file": lambda m: m.missing.parse(),
+    "cali parse of lines": lambda m: m.cali.parse(None, iter(["VER,2.1.0\n", "END\n"])),
+    "cali parseRawJson": lambda m: m.cali.parseRawJson(),
+    "cali parseRawJson, no export": lambda m: m.missing.parseRawJson(),
+    "cali getDR": lambda m: (m.cali.getDR(), m.cali.getDR(RFMode.RX), m.cali.getDR(7)),
+    "cali getCOMDR/getELEDR/TC": lambda m: (m.cali.getCOMDR(), m.cali.getELEDR(), m.cali._getTC(),
+                                            m.cali._getBoardCOMDR(1, 2), m.cali._getBoardELEDR(0, 3)),
+    "cali versions and folders": lambda m: (m.cali.queryCaliTableVer(), m.missing.queryCaliTableVer(),
+                                            m.cali.getFrequencyList(True), m.cali.checkCaliTableLocation()),
+    # calibration, web and dual-polarization modes
+    "cali web queries": lambda m: (m.web.getDR(), m.web.getDR(0), m.web.queryCaliTableVer(),
+                                   m.web.getFrequencyList(), m.web.parse(28.0)),
+    "cali web cache rebuild": lambda m: (m.web.parse(28.0), m.web.getCOMDR(), m.web.getELEDR()),
+    "cali web, service down": lambda m: (m.down.getDR(), m.down.getCOMDR(), m.down.queryCaliTableVer(),
+                                         m.down.getFrequencyList()),
+    "cali dual polarization": lambda m: (m.polar.getDR(2), m.polar.getDR(0), m.polar.getCOMDR(),
+                                         m.polar._getTC()),
+    # kits
+    "kit parse and list": lambda m: (m.kits.parse(), m.kits.getAAKitList(True)),
+    "kit info and selection": lambda m: (m.kits.getAAKitInfo(KIT), m.kits.getAAKitInfo("none"),
+                                         m.kits.getAAKitInfo(local=True), m.kits._selectAAKit(KIT),
+                                         m.kits._selectAAKit("none")),
+    "kit set, update in place": lambda m: m.kits.setAAKitInfo(KIT, [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0],
+                                                              [0, 1, 2, 3], [3, 2, 1, 0]),
+    "kit set, wrong count": lambda m: m.kits.setAAKitInfo(KIT, [5.0], [-45.0, 45.0], [0.0, 0.0], [0], [0]),
+    "kit save": lambda m: m.kits.saveAAKitFile(KIT),
+    "kit save and delete refused": lambda m: (m.kits.saveAAKitFile("none"), m.kits.deleteAAKitInfo(OFFICIAL),
+                                              m.kits.deleteAAKitInfo("a/b", check=False),
+                                              m.kits.saveAAKitFile(None, None, False)),
+    "kit names": lambda m: (m.kits.computeAAKitFullName("X"), m.kits._AAKitTableManager__checkAAKitTimeFormat(STAMP),
+                            m.kits._AAKitTableManager__checkAAKitTimeFormat("bad")),
+    # UD delta
+    "ud parse": lambda m: (m.ud.parse(), m.ud_bad.parse(), m.ud_missing.parse(), m.ud.getUDDeltaFreq()),
+    # beams
+    "beam load": lambda m: m.beams._load(28.0, ""),
+    "beam get": lambda m: (m.beams.getBeamPattern(RFMode.TX, 1), m.beams.getBeamPattern(1, 5),
+                           m.beams.getBeamPattern(0, 99), m.beams.getBeamPattern(9, 1), m.beams.getBeamIdStorage()),
+    "beam set channel": lambda m: m.beams.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, CONFIG, "c", False),
+    "beam set steered and save": lambda m: m.beams.setBeamPattern(RFMode.RX, 3, BeamType.BEAM, STEERING, "s"),
+    "beam set refused": lambda m: (m.beams.setBeamPattern(RFMode.TX, 4, BeamType.CHANNEL, BAD_CONFIG),
+                                   m.beams.setBeamPattern(RFMode.TX, 4, BeamType.BEAM, {}),
+                                   m.beams.setBeamPattern(RFMode.TX, 0, BeamType.BEAM, STEERING)),
+    "beam batch": lambda m: (m.beams._getBatchBeamPattern(), m.beams._setBatchBeamPattern(BATCH, 3),
+                             m.beams._setBatchBeamPattern(BATCH, 5)),
+    "beam batch refused": lambda m: (m.beams._setBatchBeamPattern(BAD_BATCH, 5), m.beams._setBatchBeamPattern([], 5),
+                                     m.beams._getBatchBeamPattern(9)),
+    "beam save refused": lambda m: m.beams._saveToBeamTableFile(None, POISONED),
+}
+
+
+@pytest.mark.parametrize("name", sorted(OPERATIONS))
+def test_operation_leaks_nothing(managers, name):
+    operation = OPERATIONS[name]
+    with formatting_only_loggers():
+        assert_no_leak(lambda: operation(managers), CONFIG, STEERING, BAD_CONFIG, BATCH, POISONED, managers.beams,
+                       managers.cali)
+
+
+def test_the_probe_sees_one_reference_leaked_per_call():
+    import ctypes
+    victim = object()
+    with pytest.raises(AssertionError):
+        assert_no_leak(lambda: ctypes.pythonapi.Py_IncRef(ctypes.py_object(victim)), victim)
