@@ -143,3 +143,47 @@ def test_any_layout_constructs_or_raises_an_ordinary_error(tm, files_dir, layout
         assert_result(manager.parse)
         assert_result(manager.getCOMDR, allowed=(KeyError,))
         outcome(manager._getTC)
+
+
+service_replies = st.one_of(
+    values,
+    st.fixed_dictionaries({"code": st.sampled_from([0, 1, "0", None, 0.0]), "data": values, "message": values}),
+    st.fixed_dictionaries({"code": st.just(0), "data": st.dictionaries(
+        st.sampled_from(["query-0", "query-1", "query-2", "query-x", "TX.COMDR", "RX.ELEDR", "x"]), values)}),
+    st.dictionaries(st.sampled_from(["code", "data", "message"]), values))
+
+
+class ScriptedService:
+    """A query service whose replies come from a list, round and round."""
+
+    def __init__(self, replies):
+        self.replies = replies
+        self.count = 0
+
+    def __call__(self, table_name):
+        return self
+
+    def queryDB(self, payload, queryCmd=None):
+        self.count += 1
+        return self.replies[self.count % len(self.replies)]
+
+
+@fuzz_settings(150)
+@given(replies=st.lists(service_replies, min_size=1, max_size=6))
+def test_any_service_reply_gives_a_result_in_web_mode(tm, monkeypatch, replies):
+    import sys
+    import types
+    service = types.ModuleType("vexcore.db.QRVDBQueryer")
+    service.DBQueryer = ScriptedService(replies)
+    monkeypatch.setitem(sys.modules, "vexcore.db.QRVDBQueryer", service)
+    manager = tm.CalibrationTableManager("WEB", 28, lambda: (2, 1, 4), False, "client")
+    with hang_watchdog():
+        # Only a missing key in a reply escapes the queries, as the adapter lets it through.
+        for query, args in ((manager.getDR, ()), (manager.getDR, (RFMode.TX,)), (manager.getCOMDR, ()),
+                            (manager.getELEDR, ()), (manager.parse, (27.5,))):
+            assert_result(query, *args, allowed=(KeyError,))
+        assert_result(manager.queryCaliTableVer)
+        assert_result(manager.checkCaliTableLocation)
+        # A failure other than the database's own escapes as the AttributeError of reading `e.ret`.
+        assert_result(manager.getFrequencyList, allowed=(AttributeError,))
+        outcome(manager._getTC)
