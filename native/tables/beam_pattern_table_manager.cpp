@@ -123,6 +123,36 @@ void CollectionPause::finish() {
     getattr(gc, k_collect)(0);
 }
 
+bool truthy(nb::handle value) {
+    int r = PyObject_IsTrue(value.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool compare(nb::handle a, nb::handle b, int op) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool contains(nb::handle container, nb::handle key) {
+    int r = PySequence_Contains(container.ptr(), key.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool is_mapping(nb::handle value) {
+    if (PyDict_Check(value.ptr())) return true;
+    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
+    return is_instance(value, mapping.ptr());
+}
+
+Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
+    if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
+    Py_ssize_t r = a % n;
+    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
+}
+
 void unpack3(nb::handle iterable, nb::object out[3]) {
     PyObject* it = PyObject_GetIter(iterable.ptr());
     if (!it) {
@@ -150,30 +180,6 @@ void unpack3(nb::handle iterable, nb::object out[3]) {
 }
 
 namespace {
-
-bool truthy(nb::handle value) {
-    int r = PyObject_IsTrue(value.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool contains(nb::handle container, const Name& key) {
-    int r = PySequence_Contains(container.ptr(), key.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool equals(nb::handle a, nb::handle b) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool less_equal(nb::handle a, nb::handle b) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LE);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
 void delitem(nb::handle container, const Name& key) {
     if (PyObject_DelItem(container.ptr(), key.ptr()) < 0) raise_already_set();
@@ -364,7 +370,7 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
         if (!overflow && !PyErr_Occurred()) return 1 <= id && id <= last;
         PyErr_Clear();
     }
-    return less_equal(nb::int_(1), beam_id) && less_equal(beam_id, num_beam);
+    return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
 nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id) {
@@ -492,7 +498,7 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
     if (!description.is_none()) setitem(beam, k_beam_description, description);
     setitem(beam, k_beam_type, getattr(type, k_value));
 
-    if (equals(type, BeamType().attr("BEAM"))) {
+    if (compare(type, BeamType().attr("BEAM"), Py_EQ)) {
         nb::object refused;
         beam = apply_steered_beam(req, beam, type, refused);
         if (refused.is_valid()) return refused;

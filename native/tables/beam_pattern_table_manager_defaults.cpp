@@ -21,13 +21,6 @@ const Name k_name{"name"};
 const Name k_callback_func_name{"func_name"};
 const Name k_callback_new_table{"new_table"};
 
-// Python's a % n for C integers (the result takes the sign of n).
-Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
-    if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
-    Py_ssize_t r = a % n;
-    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
-}
-
 // limits[index] with Python's indexing, fast for the usual list.
 nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     PyObject* seq = limits.ptr();
@@ -108,12 +101,6 @@ nb::object default_beam_config(nb::handle self, const Mode& mode) {
     put(config, k_theta, zero);
     put(config, k_phi, zero);
     return config;
-}
-
-bool is_mapping(nb::handle value) {
-    if (PyDict_Check(value.ptr())) return true;
-    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
-    return is_instance(value, mapping.ptr());
 }
 
 }  // namespace
