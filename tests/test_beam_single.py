@@ -267,3 +267,66 @@ def test_validation_needs_every_channel_of_every_board(manager):
     del beam["channel_config"]["board_3"]["channel_4"]
     with pytest.raises(KeyError):
         manager._BeamPatternTableManager__validateChannelConfig(beam, RFMode.TX)
+
+
+# ------------------------------------------- unset ids set from a config ---
+
+class Board(dict):
+    """A mapping that is not a plain dict."""
+
+
+def _full_config(extra):
+    config = {"board_%d" % b: {"common_db": float(b), **{"channel_%d" % c: {"sw": 1, "db": -1.0, "deg": c}
+                                                        for c in range(4, 0, -1)}} for b in range(1, 5)}
+    if extra:
+        config["board_3"]["note"] = "appended after the channels"
+    return config
+
+
+@pytest.mark.parametrize("config", [
+    _full_config(False), _full_config(True),
+    {"board_4": {"channel_1": {"sw": 1, "db": 0.0, "deg": 1}}, "board_1": {"common_db": 5.0}},
+    {"board_2": Board(channel_1={"sw": 1, "db": 0.5, "deg": 2})},
+    Board(board_1={"channel_3": {"sw": 0, "db": 1.0, "deg": 3}}),
+], ids=["full", "full_with_extra_key", "partial", "board_not_plain", "config_not_plain"])
+def test_unset_id_set_from_a_config_is_the_default_with_the_config_merged(manager, config):
+    expected = copy.deepcopy(_default(manager, RFMode.TX))
+    for board, values in config.items():
+        for key, value in values.items():
+            expected["channel_config"][board][key] = value
+    expected["beam_description"] = "from config"
+    assert manager.setBeamPattern(RFMode.TX, 5, BeamType.CHANNEL, config, "from config", save=False).RetCode == \
+        RetCode.OK
+    stored = manager._BeamTable["TX"]["5"]
+    assert stored == expected
+    assert json.dumps(stored) == json.dumps(expected)            # same key order everywhere
+    given = config.get("board_1", {}).get("channel_3")
+    if given is not None:
+        assert stored["channel_config"]["board_1"]["channel_3"] is given
+
+
+@pytest.mark.parametrize("layout, limits", [((4, 1, 1), (COMDR, ELEDR)), ((4, 1, 4), ([COMDR[0]], ELEDR)),
+                                            ((4, 1, 4), (COMDR, [ELEDR[0], [1.0]]))],
+                         ids=["one_channel_per_ic", "no_rx_common_limits", "short_rx_element_limits"])
+@pytest.mark.parametrize("beam_type, config", [(BeamType.BEAM, {"db": 1, "theta": 0, "phi": 0}),
+                                               (BeamType.CHANNEL, {"board_1": {"common_db": 1.0}})])
+def test_set_of_an_unset_id_still_needs_the_limits(tm, files_dir, layout, limits, beam_type, config):
+    manager = make_manager(tm, hooks=Hooks(), layout=layout, limits=False)
+    manager._updateFreq(28.0, DR, *limits)
+    manager._load(28.0, "")
+    ret = manager.setBeamPattern(RFMode.RX, 2, beam_type, config)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "GetBeamPattern exception")
+
+
+def test_subclass_read_is_used_by_set(tm, files_dir):
+    class Flagged(tm.BeamPatternTableManager):
+        def getBeamPattern(self, mode, beamId):
+            ret = super().getBeamPattern(mode, beamId)
+            ret.RetData["flag"] = "seen"
+            return ret
+
+    manager = Flagged("SN1", 7, 8, (4, 1, 4), Hooks().funcs)
+    manager._updateFreq(28.0, DR, COMDR, ELEDR)
+    manager._load(28.0, "")
+    manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL, {"board_1": {"common_db": 0.0}}, save=False)
+    assert manager._BeamTable["TX"]["1"]["flag"] == "seen"

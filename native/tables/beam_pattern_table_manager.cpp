@@ -373,7 +373,7 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
     return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
-nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id) {
+nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, const DefaultUse& use) {
     nb::object table = getattr(self, a_table);
     if (table.is_none()) {
         log.error(str("BeamTable is not ready"));
@@ -391,18 +391,22 @@ nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handl
         // An id never set reads as the default channel beam of the current limits;
         // it is not stored, so defaults always follow the limits.
         beam = nb::dict();
-        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m);
+        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m, use);
     }
     return ret_data(beam);
 }
 
-nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
-    Log log = logger_of(self);
-    return guard([&] { return read_beam(self, log, mode, beam_id); },
+nb::object read_beam_guarded(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id,
+                             const DefaultUse& use) {
+    return guard([&] { return read_beam(self, log, mode, beam_id, use); },
                  [&](nb::handle) {
                      log.exception(str("GetBeamPattern exception"));
                      return error_result("GetBeamPattern exception");
                  });
+}
+
+nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
+    return read_beam_guarded(self, logger_of(self), mode, beam_id, DefaultUse());
 }
 
 // ------------------------------------------------------------ single set ---
@@ -487,10 +491,63 @@ nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle
     return beam;
 }
 
+// The class's own getBeamPattern function, kept when the class is made.
+PyObject* g_own_get_beam_pattern = nullptr;
+
+// Whether `method` is this class's getBeamPattern bound to `self`, that is,
+// neither overridden by a subclass nor replaced on the instance.
+bool is_own_get_beam_pattern(nb::handle method, nb::handle self) {
+    static const Name k_func{"__func__"};
+    static const Name k_self{"__self__"};
+    PyObject* func = PyObject_GetAttr(method.ptr(), k_func.ptr());
+    if (!func) {
+        PyErr_Clear();
+        return false;
+    }
+    bool own = func == g_own_get_beam_pattern;
+    Py_DECREF(func);
+    if (!own) return false;
+    PyObject* bound_to = PyObject_GetAttr(method.ptr(), k_self.ptr());
+    if (!bound_to) {
+        PyErr_Clear();
+        return false;
+    }
+    own = bound_to == self.ptr();
+    Py_DECREF(bound_to);
+    return own;
+}
+
+// What a set needs of an unset id's default: the channels the configuration
+// does not replace, or none when the beam becomes a steered beam. A type that
+// does not convert gets the full default here and fails where the set converts it.
+DefaultUse default_use_for(nb::handle beam_type, nb::handle config) {
+    DefaultUse use;
+    PyObject* type = PyObject_CallOneArg(BeamType().ptr(), beam_type.ptr());
+    if (!type) {
+        PyErr_Clear();
+        return use;
+    }
+    nb::object converted = nb::steal(type);
+    if (compare(converted, BeamType().attr("BEAM"), Py_EQ))
+        use.channels = false;
+    else if (PyDict_CheckExact(config.ptr()))
+        use.planned = config;
+    return use;
+}
+
+// The beam a set starts from: getBeamPattern's result, read natively (with only
+// the default the set needs) when the method is this class's own.
+nb::object read_current_beam(const SetRequest& req, nb::handle beam_type) {
+    nb::object getter = getattr(req.self, m_getBeamPattern);
+    if (!is_own_get_beam_pattern(getter, req.self)) return getter(req.mode.member, req.beam_id);
+    return read_beam_guarded(req.self, req.log, req.mode.member, req.beam_id,
+                             default_use_for(beam_type, req.config));
+}
+
 nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
                       nb::handle config, nb::handle description, nb::handle save) {
     SetRequest req{self, log, to_mode(mode), beam_id, config, description};
-    nb::object current = getattr(self, m_getBeamPattern)(req.mode.member, beam_id);
+    nb::object current = read_current_beam(req, beam_type);
     if (ret_failed(current)) return current;
     nb::object beam = getattr(current, k_RetData);
 
@@ -546,6 +603,9 @@ void define_beam_pattern_table_manager(nb::module_& m) {
             arg("new_table") = nb::none());
     cls.def("getBeamIdStorage", &get_beam_id_storage);
     cls.def("getBeamPattern", &get_beam_pattern, arg("mode"), arg("beamId"));
+    // The function itself (as stored in the class), kept for good.
+    static const Name k_class_dict{"__dict__"};
+    g_own_get_beam_pattern = getitem(getattr(cls.type(), k_class_dict), m_getBeamPattern).release().ptr();
     cls.def("setBeamPattern", &set_beam_pattern, arg("mode"), arg("beamId"), arg("beamType"),
             arg("config") = nb::none(), arg("description") = nb::none(), arg("save") = true);
     cls.def_private("validateChannelConfig", &validate_channel_config, arg("config"), arg("mode"));

@@ -113,10 +113,21 @@ Mode to_mode(nb::handle mode);   // RFMode(mode)
 
 // --------------------------------------------------- default generation ---
 
+// How much of a default channel configuration is wanted. A read wants all of it.
+// A set starting from an unset id needs less: channels that the configuration it
+// merges replaces anyway are taken from that configuration instead of being built
+// and thrown away, and a beam about to become a steered beam needs no channels.
+// The limits are read in full either way, so missing limits fail alike.
+struct DefaultUse {
+    nb::handle planned;     // a plain dict about to be merged over the default, or invalid
+    bool channels = true;   // false: only the limits are read
+};
+
 // Fills `beam` with the default beam of `beam_type` for `mode`, bounded by the
 // instance's current gain limits. Raises when the limits do not cover the mode or
 // a board.
-void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode);
+void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode,
+                       const DefaultUse& use = DefaultUse());
 
 // A fresh default channel configuration ("board_1": {...}, ...) of `mode`.
 nb::object default_channel_config(nb::handle self, const Mode& mode);
