@@ -107,13 +107,37 @@ Layout read_layout(nb::handle self) {
     return layout;
 }
 
-Mode to_mode(nb::handle mode) {
-    Mode m;
-    m.member = RFMode()(mode);
-    m.name = getattr(m.member, k_name);
-    m.value = getattr(m.member, k_value);
-    return m;
+namespace {
+// A member of an enumeration class given as such is itself: Enum(member) is member.
+nb::object convert_enum(nb::handle enum_class, nb::handle value) {
+    if (Py_TYPE(value.ptr()) == reinterpret_cast<PyTypeObject*>(enum_class.ptr())) return nb::borrow(value);
+    return nb::borrow(enum_class)(value);
 }
+
+// name and value of the RF mode members met so far. Both are Python-level
+// properties, and every beam call needs them; members are kept referenced, so an
+// entry can never be mistaken for another object.
+const Mode* known_mode(nb::handle member) {
+    static std::vector<Mode>* known = [] {   // kept for good; never reallocated
+        auto* modes = new std::vector<Mode>();
+        modes->reserve(16);
+        return modes;
+    }();
+    for (const Mode& m : *known)
+        if (m.member.ptr() == member.ptr()) return &m;
+    if (known->size() >= 16) return nullptr;   // a host replacing RFMode again and again
+    known->push_back(Mode{nb::borrow(member), getattr(member, k_name), getattr(member, k_value)});
+    return &known->back();
+}
+}  // namespace
+
+Mode to_mode(nb::handle mode) {
+    nb::object member = convert_enum(RFMode(), mode);
+    if (const Mode* known = known_mode(member)) return *known;
+    return Mode{member, getattr(member, k_name), getattr(member, k_value)};
+}
+
+nb::object to_beam_type(nb::handle beam_type) { return convert_enum(BeamType(), beam_type); }
 
 void CollectionPause::finish() {
     if (!was_enabled_) return;
@@ -373,7 +397,33 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
     return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
-nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, const DefaultUse& use) {
+// What a set needs of an unset id's default: the channels the configuration
+// does not replace, or none when the beam becomes a steered beam. A type that
+// does not convert gets the full default here and fails where the set converts it.
+// The kind and configuration a set is about to give a beam.
+struct SetPlan {
+    nb::handle beam_type;
+    nb::handle config;
+};
+
+DefaultUse default_use_for(const SetPlan* plan) {
+    DefaultUse use;
+    if (!plan) return use;
+    nb::object converted;
+    try {
+        converted = to_beam_type(plan->beam_type);
+    } catch (nb::python_error& e) {
+        if (!e.matches(PyExc_Exception)) throw;
+        return use;   // the set converts the type again and reports the failure
+    }
+    if (compare(converted, BeamType().attr("BEAM"), Py_EQ))
+        use.channels = false;
+    else if (PyDict_CheckExact(plan->config.ptr()))
+        use.planned = plan->config;
+    return use;
+}
+
+nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, const SetPlan* plan) {
     nb::object table = getattr(self, a_table);
     if (table.is_none()) {
         log.error(str("BeamTable is not ready"));
@@ -391,14 +441,14 @@ nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handl
         // An id never set reads as the default channel beam of the current limits;
         // it is not stored, so defaults always follow the limits.
         beam = nb::dict();
-        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m, use);
+        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m, default_use_for(plan));
     }
     return ret_data(beam);
 }
 
 nb::object read_beam_guarded(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id,
-                             const DefaultUse& use) {
-    return guard([&] { return read_beam(self, log, mode, beam_id, use); },
+                             const SetPlan* plan) {
+    return guard([&] { return read_beam(self, log, mode, beam_id, plan); },
                  [&](nb::handle) {
                      log.exception(str("GetBeamPattern exception"));
                      return error_result("GetBeamPattern exception");
@@ -406,7 +456,7 @@ nb::object read_beam_guarded(nb::handle self, const Log& log, nb::handle mode, n
 }
 
 nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
-    return read_beam_guarded(self, logger_of(self), mode, beam_id, DefaultUse());
+    return read_beam_guarded(self, logger_of(self), mode, beam_id, nullptr);
 }
 
 // ------------------------------------------------------------ single set ---
@@ -517,31 +567,13 @@ bool is_own_get_beam_pattern(nb::handle method, nb::handle self) {
     return own;
 }
 
-// What a set needs of an unset id's default: the channels the configuration
-// does not replace, or none when the beam becomes a steered beam. A type that
-// does not convert gets the full default here and fails where the set converts it.
-DefaultUse default_use_for(nb::handle beam_type, nb::handle config) {
-    DefaultUse use;
-    PyObject* type = PyObject_CallOneArg(BeamType().ptr(), beam_type.ptr());
-    if (!type) {
-        PyErr_Clear();
-        return use;
-    }
-    nb::object converted = nb::steal(type);
-    if (compare(converted, BeamType().attr("BEAM"), Py_EQ))
-        use.channels = false;
-    else if (PyDict_CheckExact(config.ptr()))
-        use.planned = config;
-    return use;
-}
-
 // The beam a set starts from: getBeamPattern's result, read natively (with only
 // the default the set needs) when the method is this class's own.
 nb::object read_current_beam(const SetRequest& req, nb::handle beam_type) {
     nb::object getter = getattr(req.self, m_getBeamPattern);
     if (!is_own_get_beam_pattern(getter, req.self)) return getter(req.mode.member, req.beam_id);
-    return read_beam_guarded(req.self, req.log, req.mode.member, req.beam_id,
-                             default_use_for(beam_type, req.config));
+    SetPlan plan{beam_type, req.config};
+    return read_beam_guarded(req.self, req.log, req.mode.member, req.beam_id, &plan);
 }
 
 nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
@@ -551,7 +583,7 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
     if (ret_failed(current)) return current;
     nb::object beam = getattr(current, k_RetData);
 
-    nb::object type = BeamType()(beam_type);
+    nb::object type = to_beam_type(beam_type);
     if (!description.is_none()) setitem(beam, k_beam_description, description);
     setitem(beam, k_beam_type, getattr(type, k_value));
 

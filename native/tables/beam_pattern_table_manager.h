@@ -109,7 +109,8 @@ struct Mode {
     nb::object name;
     nb::object value;
 };
-Mode to_mode(nb::handle mode);   // RFMode(mode)
+Mode to_mode(nb::handle mode);                 // RFMode(mode)
+nb::object to_beam_type(nb::handle beam_type);  // BeamType(beam_type)
 
 // --------------------------------------------------- default generation ---
 

@@ -152,7 +152,7 @@ void generate_default_beam(nb::handle self, nb::handle beam, nb::handle beam_typ
     if (!is_mapping(beam))
         raise(PyExc_TypeError, std::string("beam must be a mapping, not ") + Py_TYPE(beam.ptr())->tp_name);
     Mode m = to_mode(mode);
-    fill_default_beam(self, beam, BeamType()(beam_type), m);
+    fill_default_beam(self, beam, to_beam_type(beam_type), m);
 }
 
 // ------------------------------------------------------------ default table
