@@ -330,3 +330,17 @@ def test_subclass_read_is_used_by_set(tm, files_dir):
     manager._load(28.0, "")
     manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL, {"board_1": {"common_db": 0.0}}, save=False)
     assert manager._BeamTable["TX"]["1"]["flag"] == "seen"
+
+
+def test_modes_follow_the_module_rf_mode_when_replaced(manager, restore_module_globals):
+    import enum
+
+    class Link(enum.IntEnum):
+        RX = 0          # same values, names swapped: the name picks the table section
+        TX = 1
+
+    restore_module_globals.RFMode = Link
+    manager.setBeamPattern(Link.RX, 1, BeamType.BEAM, {"db": 1, "theta": 2, "phi": 3}, "via Link", save=False)
+    assert manager._BeamTable["RX"]["1"]["beam_description"] == "via Link" and manager._BeamTable["TX"] == {}
+    assert manager.getBeamPattern(0, 1).RetData is manager._BeamTable["RX"]["1"]
+    assert manager.getBeamPattern(RFMode.TX, 1).RetData is manager._BeamTable["RX"]["1"]   # RFMode.TX == 0
