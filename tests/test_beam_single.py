@@ -262,13 +262,6 @@ def test_set_logs_the_stored_beam(manager, caplog):
         ("INFO", "Set/update beam:1 pattern -> %s" % manager._BeamTable["TX"]["1"])]
 
 
-def test_validation_needs_every_channel_of_every_board(manager):
-    beam = _default(manager, RFMode.TX)
-    del beam["channel_config"]["board_3"]["channel_4"]
-    with pytest.raises(KeyError):
-        manager._BeamPatternTableManager__validateChannelConfig(beam, RFMode.TX)
-
-
 # ------------------------------------------- unset ids set from a config ---
 
 class Board(dict):
