@@ -5,7 +5,7 @@ PYTHON ?= python3
 VENV   ?= .venv
 PY     := $(VENV)/bin/python
 BUILD_TOOLS := "scikit-build-core>=0.10" "nanobind>=2.4" cmake ninja
-TEST_TOOLS  := "pytest>=7" "hypothesis>=6"
+TEST_TOOLS  := "pytest>=7" "hypothesis>=6" "matplotlib>=3.6"
 
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python

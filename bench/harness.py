@@ -6,6 +6,7 @@ a burst of load from other processes on the machine hits all of them alike, and 
 median of each side is reported. A side whose module part does not exist yet is reported
 as "not available", never dropped.
 """
+import contextlib
 import gc
 import hashlib
 import json
@@ -114,9 +115,10 @@ def _first_call(op, side, context, min_sample_s):
     try:
         if side.reset:
             side.reset(context)
-        start = time.perf_counter()
-        result = side.call(context)
-        elapsed = time.perf_counter() - start
+        with collector_isolated():
+            start = time.perf_counter()
+            result = side.call(context)
+            elapsed = time.perf_counter() - start
         if side.outcome:
             op.results[side.kind]["outcome"] = digest(side.outcome(context, result))
     except Exception as error:
@@ -128,6 +130,19 @@ def _first_call(op, side, context, min_sample_s):
     return min(MAX_CALLS_PER_SAMPLE, math.ceil(min_sample_s / max(elapsed, 1e-7)))
 
 
+@contextlib.contextmanager
+def collector_isolated():
+    """The collector stays on, but only for what the timed code creates: everything alive
+    before (the tables of every side's context) is frozen out of it, so one side's
+    millions of objects do not slow the collections another side's call triggers."""
+    gc.collect()
+    gc.freeze()
+    try:
+        yield
+    finally:
+        gc.unfreeze()
+
+
 def _take_sample(op, side, context, number):
     result = op.results[side.kind]
     if result["status"] != "ok":
@@ -135,12 +150,12 @@ def _take_sample(op, side, context, number):
     try:
         if side.reset:
             side.reset(context)
-        gc.collect()
-        call = side.call
-        start = time.perf_counter()
-        for _ in range(number):
-            call(context)
-        elapsed = time.perf_counter() - start
+        with collector_isolated():
+            call = side.call
+            start = time.perf_counter()
+            for _ in range(number):
+                call(context)
+            elapsed = time.perf_counter() - start
     except Exception as error:
         _mark(op, side, "failed", _describe(error))
         return

@@ -126,7 +126,8 @@ def run(args):
     result = {"created": datetime.datetime.now().isoformat(timespec="seconds"), "quick": args.quick,
               "machine": report.machine(), "module": tm.__file__,
               "settings": {"reps": args.reps, "min_sample_s": args.min_sample, "seed": args.seed,
-                           "gc": "enabled; collected before every sample",
+                           "gc": "enabled; collected before every sample, and what was alive before frozen "
+                                 "out of it (gc.freeze) while the sample runs",
                            "logging": "not configured (the managers' records stay below WARNING)"},
               "datasets": {}, "operations": []}
     try:

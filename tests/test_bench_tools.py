@@ -116,6 +116,15 @@ def test_samples_are_interleaved_and_reset_runs_before_every_call():
     assert all(len(op.results[k]["samples_s"]) == 3 for k in (MODULE, PYTHON, STDLIB))
 
 
+def test_timed_calls_see_older_objects_frozen_and_the_collector_is_restored_after():
+    import gc
+    older = [[] for _ in range(1000)]
+    frozen = []
+    op = run(side(PYTHON, lambda _: frozen.append(gc.get_freeze_count())))
+    assert op.results[PYTHON]["status"] == "ok"
+    assert min(frozen) >= len(older) and gc.get_freeze_count() == 0 and gc.isenabled()
+
+
 def test_fast_calls_are_batched_to_fill_a_sample():
     op = Operation("op", "op", "small", [side(PYTHON, lambda _: None)])
     harness.measure(op, FakeModule, 2, min_sample_s=0.01)
@@ -153,3 +162,35 @@ def test_memory_probe_sees_what_a_call_allocates():
     idle, _ = memprobe.peak_of(lambda _: None, 0)
     assert grown >= 60 * mib, method
     assert idle < 8 * mib
+
+
+# ------------------------------------------------------ workspace, report ---
+
+def test_each_side_gets_its_own_beam_tables_and_shares_read_only_inputs(tmp_path):
+    from operations import Workspace
+    ws = Workspace.create(tmp_path, "small", gen_data.SEED)
+    beam_file, cali_file = ws.manifest["beam_file"], ws.manifest["calibration_file"]
+    original = (ws.files_dir(MODULE) / beam_file).read_bytes()
+    (ws.files_dir(PYTHON) / beam_file).write_text("{}", encoding="utf-8")      # a save truncating in place
+    assert (ws.files_dir(MODULE) / beam_file).read_bytes() == original
+    assert (ws.files_dir(STDLIB) / beam_file).read_bytes() == original
+    assert (ws.files_dir(STDLIB) / cali_file).samefile(tmp_path / "data" / cali_file)
+
+
+@pytest.mark.parametrize("seconds, text", [
+    (4e-8, "40 ns"), (2.5e-6, "2.5 µs"), (0.0123, "12.30 ms"), (0.9999, "999.90 ms"), (12.0, "12.00 s"),
+])
+def test_durations_are_written_in_fitting_units(seconds, text):
+    import report
+    assert report.duration(seconds) == text
+
+
+def test_report_rows_show_status_speedups_and_targets():
+    import report
+    op = Operation("beam_save", "beam save", "large", [], target={"against": STDLIB, "at_least": 10})
+    op.results = {MODULE: {"status": "ok", "median_s": 1.0, "label": "", "outcome": "a"},
+                  PYTHON: {"status": "not available", "label": "", "reason": "why"},
+                  STDLIB: {"status": "ok", "median_s": 8.0, "label": "json.dump", "outcome": "a"}}
+    row = next(report.rows([report.operation_record(op)]))
+    assert row == ["beam save", "large", "1.00 s", "not available", "8.00 s", "-", "8.0x", "yes",
+                   ">=10x stdlib: missed"]

@@ -80,7 +80,20 @@ nb::object ret_error(const char* code, nb::handle msg) { return RetType()(RetCod
 
 nb::object ret_error(const char* code, std::string_view msg) { return ret_error(code, str(msg)); }
 
-nb::object ret_data(nb::handle data) { return RetType()(nb::arg("data") = data); }
+// RetType(data=value), called with a keyword-names tuple made once: results are
+// built on every query, and a keyword call through the binding layer costs more.
+nb::object ret_data(nb::handle data) {
+    static PyObject* keywords = nullptr;   // ("data",), kept for the life of the process
+    if (!keywords) {
+        static const Name data_name{"data"};
+        keywords = PyTuple_Pack(1, data_name.ptr());
+        if (!keywords) raise_already_set();
+    }
+    PyObject* args[2] = {nullptr, data.ptr()};
+    PyObject* result = PyObject_Vectorcall(RetType().ptr(), args + 1, PY_VECTORCALL_ARGUMENTS_OFFSET, keywords);
+    if (!result) raise_already_set();
+    return nb::steal(result);
+}
 
 nb::object ret_code_data(const char* code, nb::handle data) {
     return RetType()(RetCode(code), nb::arg("data") = data);

@@ -248,8 +248,7 @@ nb::object get_table_path(nb::handle self) {
 using Cells = std::vector<std::string_view>;
 
 // The rows of a kit file exactly as csv.reader yields them. Kit files are plain
-// names and numbers between commas: for a text without quote characters or NUL
-// whose lines are no longer than csv's field limit, csv.reader's rows are just its
+// names and numbers between commas: for a text without quote characters whose lines are no longer than csv's field limit, csv.reader's rows are just its
 // lines split at each comma, so the cells are taken straight from the text without
 // copying. Any other text goes through the full CSV reader.
 class KitRows {
@@ -267,7 +266,6 @@ public:
 private:
     bool plain_text(long field_limit) const {
         if (text_.find('"') != std::string_view::npos) return false;
-        if (text_.find('\0') != std::string_view::npos) return false;
         for (size_t pos = 0; pos < text_.size();) {
             size_t end = std::min(text_.find('\n', pos), text_.size());
             if (static_cast<long>(end - pos) > field_limit) return false;
@@ -363,13 +361,49 @@ nb::object float_pair(const Cells& row) {
     return pair_list(first, second);
 }
 
+// The interpreter keeps one shared object for each integer from -5 to 256 and
+// hands it out for every such value; taking it from our own table saves a call
+// per offset. The table holds its own references, so the objects stay valid.
+constexpr long kSmallIntFirst = -5, kSmallIntLast = 256;
+
+PyObject* small_int(long value) {
+    static PyObject** table = [] {
+        static PyObject* objects[kSmallIntLast - kSmallIntFirst + 1];
+        for (long v = kSmallIntFirst; v <= kSmallIntLast; ++v) objects[v - kSmallIntFirst] = PyLong_FromLong(v);
+        return objects;
+    }();
+    return table[value - kSmallIntFirst];
+}
+
+// int(text) for one offset cell, a new reference. Offsets are phase steps, a
+// sign and a few digits: those are read here in one pass; any other text
+// (blanks, underscores, long numbers, bad text) takes int()'s full way.
+PyObject* offset_value(std::string_view text) {
+    size_t i = 0;
+    bool negative = false;
+    if (!text.empty() && (text[0] == '-' || text[0] == '+')) negative = text[i++] == '-';
+    const size_t digits = text.size() - i;
+    long value = 0;
+    bool plain = digits >= 1 && digits <= 9;
+    for (; plain && i < text.size(); ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - unsigned('0');
+        plain = digit <= 9;
+        value = value * 10 + static_cast<long>(digit);
+    }
+    if (!plain) return int_object(text).release().ptr();
+    if (negative) value = -value;
+    if (value >= kSmallIntFirst && value <= kSmallIntLast) return Py_NewRef(small_int(value));
+    PyObject* number = PyLong_FromLong(value);
+    if (!number) raise_already_set();
+    return number;
+}
+
 // [int(v) for v in values]
 nb::object offset_list(const Cells& row) {
     Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
     nb::object list = nb::steal(PyList_New(count));
     if (!list.is_valid()) raise_already_set();
-    for (Py_ssize_t i = 0; i < count; ++i)
-        PyList_SET_ITEM(list.ptr(), i, int_object(row[i + 1]).release().ptr());
+    for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(list.ptr(), i, offset_value(row[i + 1]));
     return list;
 }
 

@@ -5,7 +5,9 @@
 // stores. Plain lines (no quote, no NUL, not longer than the CSV field limit), which
 // is nearly every line of a table, are split at commas in place, which is exactly
 // what the CSV reader makes of them; any other line, with the lines a quoted field
-// runs on into, is read by the CSV reader itself. DATA rows (about a hundred thousand in a large table) take a lean path:
+// runs on into, is read by the CSV reader itself.
+//
+// DATA rows (about a hundred thousand in a large table) take a lean path:
 // consecutive rows of the same board, chip and common arm share one target
 // mapping; entry keys repeat in every chip and register values are small, so both
 // are made once per parse and shared (they are immutable), leaving one new list
@@ -19,8 +21,8 @@
 
 #include <array>
 #include <charconv>
-#include <optional>
 #include <cmath>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>

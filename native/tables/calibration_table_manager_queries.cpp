@@ -28,6 +28,13 @@ nb::object polarizations() {
 
 nb::object table_of(nb::handle self) { return getattr(self, k_CaliTable); }
 
+// The names of an enumeration's members, in declared order.
+nb::list member_names(nb::handle enumeration) {
+    nb::list names;
+    for (nb::handle member : enumeration) names.append(getattr(member, k_name));
+    return names;
+}
+
 // [a, b] as a new list.
 nb::list pair_list(nb::handle a, nb::handle b) {
     nb::list key;
@@ -38,7 +45,8 @@ nb::list pair_list(nb::handle a, nb::handle b) {
 
 // The result of a failed public query: the database error's own result, a
 // KeyError (a missing table entry) raised to the caller, anything else `message`.
-nb::object query_failure(const Log& log, nb::handle exc, const char* message) {
+nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
+    Log log = logger_of(self);
     if (is_database_error(exc)) {
         nb::object ret = getattr(exc, k_ret);
         log.error(str("Exception: %s"), ret);
@@ -52,25 +60,25 @@ nb::object query_failure(const Log& log, nb::handle exc, const char* message) {
 // ------------------------------------------------------------------- DR ---
 
 nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
+    bool dual = dual_polarization(self);
+    bool from_database = !dual && truthy(getattr(self, k_web_mode));
     if (rf_mode.is_none()) {
-        if (uses_database(self)) return database(self).attr(k_query)("DR");
+        if (from_database) return database(self).attr(k_query)("DR");
         return ret_data(getitem(table_of(self), k_DR));
     }
-    bool dual = dual_polarization(self);
     nb::object mode = (dual ? cell_rf_mode() : RFMode())(rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
         logger_of(self).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
     nb::object name = getattr(mode, k_name);
-    if (uses_database(self)) return database(self).attr(k_query)(pair_list(k_DR, name));
+    if (from_database) return database(self).attr(k_query)(pair_list(k_DR, name));
     return ret_data(getitem(getitem(table_of(self), k_DR), name));
 }
 
 nb::object get_dr(nb::handle self, nb::handle rf_mode) {
-    Log log = logger_of(self);
     return guard([&]() { return dynamic_range(self, rf_mode); },
-                 [&](nb::handle exc) { return query_failure(log, exc, "getDR exception"); });
+                 [&](nb::handle exc) { return query_failure(self, exc, "getDR exception"); });
 }
 
 // ------------------------------------------------------ board-level cache ---
@@ -87,59 +95,76 @@ nb::dict empty_range_cache(bool dual, Py_ssize_t modes) {
     return cache;
 }
 
-// {"COMDR": {pol: ...}, "ELEDR": {pol: ...}} of one board and mode.
-nb::dict polarized_ranges(nb::handle arm) {
-    nb::dict ranges;
-    for (const Name* kind : {&k_COMDR, &k_ELEDR}) {
-        nb::dict per_pol;
-        for (nb::handle pol : polarizations()) {
-            nb::object name = getattr(pol, k_name);
-            setitem(per_pol, name, getitem(getitem(arm, name), *kind));
-        }
-        setitem(ranges, *kind, per_pol);
-    }
-    return ranges;
+// The lists one board's entries are appended to: cache[kind][mode value].
+struct RangeLists {
+    nb::object comdr, eledr, comstepdr;   // comstepdr is unset on dual-polarization devices
+};
+
+RangeLists range_lists(nb::handle cache, nb::handle index, bool dual) {
+    RangeLists lists;
+    lists.comdr = getitem(getitem(cache, k_COMDR), index);
+    lists.eledr = getitem(getitem(cache, k_ELEDR), index);
+    if (!dual) lists.comstepdr = getitem(getitem(cache, k_COMSTEPDR), index);
+    return lists;
+}
+
+void append(nb::handle list, nb::handle value) {
+    if (PyList_Append(list.ptr(), value.ptr()) < 0) raise_already_set();
+}
+
+// {pol: value of `kind`} of one board and mode.
+nb::dict polarized_range(nb::handle arm, nb::handle pol_names, const Name& kind) {
+    nb::dict per_pol;
+    for (nb::handle name : pol_names) setitem(per_pol, name, getitem(getitem(arm, name), kind));
+    return per_pol;
+}
+
+void add_polarized_ranges(const RangeLists& lists, nb::handle arm, nb::handle pol_names) {
+    append(lists.comdr, polarized_range(arm, pol_names, k_COMDR));
+    append(lists.eledr, polarized_range(arm, pol_names, k_ELEDR));
 }
 
 // One database query per board and mode; answers come keyed "TX.COMDR" and so on,
 // a one-element list standing for its element.
-nb::dict database_ranges(nb::handle self, nb::handle mode_name, nb::handle board) {
+void add_database_ranges(nb::handle self, nb::handle cache, nb::handle index, nb::handle mode_name,
+                         nb::handle board) {
     nb::list keys;
     for (const Name* kind : {&k_COMDR, &k_ELEDR, &k_COMSTEPDR}) keys.append(pair_list(mode_name, *kind));
     nb::object answers = getattr(database(self).attr(k_query)(keys, board), k_RetData);
-    nb::dict ranges;
     for (nb::handle key : answers) {
         nb::object value = getitem(answers, key);
         if (PyList_Check(value.ptr()) && PyList_GET_SIZE(value.ptr()) == 1) value = getitem(value, 0);
-        setitem(ranges, getitem(key.attr("split")("."), -1), value);
+        nb::object kind = getitem(key.attr("split")("."), -1);
+        append(getitem(getitem(cache, kind), index), value);
     }
-    return ranges;
 }
 
-nb::dict file_ranges(nb::handle board_table, nb::handle mode_name) {
+void add_file_ranges(const RangeLists& lists, nb::handle board_table, nb::handle mode_name) {
     nb::object arm = getitem(board_table, mode_name);
-    nb::dict ranges;
-    setitem(ranges, k_COMDR, getitem(arm, k_COMDR));
-    setitem(ranges, k_ELEDR, getitem(arm, k_ELEDR));
-    setitem(ranges, k_COMSTEPDR, getitem(board_table, k_COMSTEPDR));
-    return ranges;
+    append(lists.comdr, getitem(arm, k_COMDR));
+    append(lists.eledr, getitem(arm, k_ELEDR));
+    append(lists.comstepdr, getitem(board_table, k_COMSTEPDR));
 }
 
 nb::dict build_range_cache(nb::handle self) {
     bool dual = dual_polarization(self);
-    bool from_database = uses_database(self);
+    bool from_database = !dual && uses_database(self);
     Py_ssize_t boards = as_index(getattr(self, k_num_board));
     nb::object modes = RFMode();
     nb::dict cache = empty_range_cache(dual, py_len(modes));
     nb::object table = table_of(self);
+    nb::list pol_names = dual ? member_names(polarizations()) : nb::list();
     for (nb::handle mode : modes) {
         nb::object name = getattr(mode, k_name), index = getattr(mode, k_value);
+        RangeLists lists = range_lists(cache, index, dual);
         for (Py_ssize_t b = 1; b <= boards; ++b) {
             nb::object board = board_key(b);
-            nb::dict ranges = dual            ? polarized_ranges(getitem(getitem(table, board), name))
-                              : from_database ? database_ranges(self, name, board)
-                                              : file_ranges(getitem(table, board), name);
-            for (auto [kind, value] : ranges) getitem(getitem(cache, kind), index).attr("append")(value);
+            if (dual)
+                add_polarized_ranges(lists, getitem(getitem(table, board), name), pol_names);
+            else if (from_database)
+                add_database_ranges(self, cache, index, name, board);
+            else
+                add_file_ranges(lists, getitem(table, board), name);
         }
     }
     return cache;
@@ -163,15 +188,13 @@ nb::object ranges_of(nb::handle self, nb::handle kind) {
 nb::object get_xxx_dr(nb::handle self, nb::handle key) { return ranges_of(self, key); }
 
 nb::object get_com_dr(nb::handle self) {
-    Log log = logger_of(self);
     return guard([&]() { return ret_data(ranges_of(self, k_COMDR)); },
-                 [&](nb::handle exc) { return query_failure(log, exc, "getCOMDR exception"); });
+                 [&](nb::handle exc) { return query_failure(self, exc, "getCOMDR exception"); });
 }
 
 nb::object get_ele_dr(nb::handle self) {
-    Log log = logger_of(self);
     return guard([&]() { return ret_data(ranges_of(self, k_ELEDR)); },
-                 [&](nb::handle exc) { return query_failure(log, exc, "getELEDR exception"); });
+                 [&](nb::handle exc) { return query_failure(self, exc, "getELEDR exception"); });
 }
 
 nb::object board_range(nb::handle self, const Name& kind, nb::handle mode, nb::handle board_idx) {
@@ -201,30 +224,40 @@ nb::list ints_of(nb::handle values) {
     return out;
 }
 
-// Per board: TX pair then RX pair; dual polarization: one list per polarization.
-nb::list board_tc(nb::handle self, nb::handle table, nb::handle board) {
+// One list per polarization, from the board's "TC" mapping.
+nb::list polarized_tc(nb::handle table, nb::handle board, nb::handle pol_names) {
+    nb::object tc = getitem(getitem(table, board), k_TC);
     nb::list values;
-    if (dual_polarization(self)) {
-        nb::object tc = getitem(getitem(table, board), k_TC);
-        for (nb::handle pol : polarizations()) values.append(ints_of(getitem(tc, getattr(pol, k_name))));
-        return values;
-    }
-    bool from_database = uses_database(self);
-    for (nb::handle mode : RFMode()) {
-        nb::object name = getattr(mode, k_name);
+    for (nb::handle name : pol_names) values.append(ints_of(getitem(tc, name)));
+    return values;
+}
+
+// The TX pair then the RX pair, from the table or the database.
+nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle mode_names, bool from_database) {
+    nb::list values;
+    nb::object board_table = from_database ? nb::object() : getitem(table, board);
+    for (nb::handle name : mode_names) {
         nb::object stored = from_database
                                 ? getattr(database(self).attr(k_query)(pair_list(name, k_TC), board), k_RetData)
-                                : getitem(getitem(getitem(table, board), name), k_TC);
+                                : getitem(getitem(board_table, name), k_TC);
         for (nb::handle v : stored) values.append(as_int(v));
     }
     return values;
 }
 
+// Per board (counted over every chip of the layout): the TX pair then the RX pair
+// as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
     Py_ssize_t entries = as_index(getattr(self, k_num_board)) * as_index(getattr(self, k_num_ic_per_board));
     nb::object table = table_of(self);
+    bool dual = dual_polarization(self);
+    bool from_database = !dual && uses_database(self);
+    nb::list names = member_names(dual ? polarizations() : RFMode());
     nb::list result;
-    for (Py_ssize_t b = 1; b <= entries; ++b) result.append(board_tc(self, table, board_key(b)));
+    for (Py_ssize_t b = 1; b <= entries; ++b) {
+        nb::object board = board_key(b);
+        result.append(dual ? polarized_tc(table, board, names) : mode_tc(self, table, board, names, from_database));
+    }
     return result;
 }
 

@@ -1,0 +1,7 @@
+"""python -m vexcore.tables: the table tool."""
+import sys
+
+from vexcore.tables.cli import main
+
+if __name__ == "__main__":
+    sys.exit(main())
