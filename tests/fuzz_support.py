@@ -1,0 +1,212 @@
+"""Shared pieces of the fuzz tests: example counts, file mutations, hostile argument
+values, a hang watchdog and the checks every public call must pass.
+
+Run long with VEXCORE_FUZZ_EXAMPLES=<n>: every fuzz test then draws n examples
+instead of its modest default (`make test` must stay fast).
+"""
+import faulthandler
+import os
+import sys
+from contextlib import contextmanager
+from pathlib import Path
+
+from hypothesis import HealthCheck, settings, strategies as st
+
+from vexcore.QRVUtils import RetType
+
+EXAMPLES_VARIABLE = "VEXCORE_FUZZ_EXAMPLES"
+BENCH = Path(__file__).resolve().parent.parent / "bench"
+
+# A call stuck longer than this inside the module is a hang: the process is ended
+# with every thread's traceback instead of blocking the run for ever.
+HANG_SECONDS = 900
+
+
+def fuzz_settings(default_examples):
+    examples = int(os.environ.get(EXAMPLES_VARIABLE, default_examples))
+    return settings(max_examples=examples, deadline=None, database=None,
+                    suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow,
+                                           HealthCheck.data_too_large, HealthCheck.filter_too_much])
+
+
+@contextmanager
+def hang_watchdog(seconds=HANG_SECONDS):
+    faulthandler.dump_traceback_later(seconds, exit=True)
+    try:
+        yield
+    finally:
+        faulthandler.cancel_dump_traceback_later()
+
+
+def baseline_module(name):
+    """A pure-Python peer kept with the benchmarks (bench/baseline/<name>.py)."""
+    if str(BENCH) not in sys.path:
+        sys.path.insert(0, str(BENCH))
+    return __import__("baseline." + name, fromlist=["*"])
+
+
+# ------------------------------------------------------------- outcomes ---
+
+def outcome(call, *args, **kwargs):
+    """("result", RetType) or ("raised", exception) of one call.
+
+    A SystemError means the native code broke the C-API contract (an error
+    returned without an exception, or a result with one pending): never allowed.
+    """
+    try:
+        value = call(*args, **kwargs)
+    except SystemError:
+        raise
+    except Exception as exc:      # noqa: BLE001 - the caller decides what may escape
+        return "raised", exc
+    return "result", value
+
+
+def assert_result(call, *args, allowed=(), **kwargs):
+    """The call returns a RetType, or raises one of the `allowed` exception types."""
+    kind, value = outcome(call, *args, **kwargs)
+    if kind == "raised":
+        if not isinstance(value, tuple(allowed)):
+            raise AssertionError("%s raised %r" % (getattr(call, "__name__", call), value)) from value
+        return None
+    assert isinstance(value, RetType), "%s returned %r" % (getattr(call, "__name__", call), value)
+    assert isinstance(value.RetMsg, str) or value.RetMsg is None
+    return value
+
+
+# ------------------------------------------------------------ mutations ---
+
+# Bytes that reach the awkward corners of a CSV or JSON reader: quotes, NUL,
+# carriage returns, separators, invalid UTF-8, multi-byte UTF-8, numbers that
+# overflow or are not finite, and the row keys that steer a parser.
+AWKWARD = [b"\0", b'"', b"\r", b"\n", b"\r\n", b",", b",,", b" ", b"\xff", b"\xc3", b"\xe9", "é".encode(),
+           "\U0001F600".encode(), b"-", b".", b"e", b"1e999", b"-1e999", b"nan", b"inf", b"9" * 40, b"0x1F",
+           b"END", b"DATA", b"DR", b"COMDR", b"ELEDR", b"TC", b"OFFSET_TX", b"TYPE", b"{", b"}", b"[", b"]",
+           b":", b"null", b"true", b"\\", b"\\u0000", b"\\ud800", b'"v1.0.0"', b"1" * 400]
+
+_mutation = st.tuples(st.sampled_from(["insert", "delete", "replace", "truncate", "repeat_line", "drop_line"]),
+                      st.integers(0, 1 << 20), st.sampled_from(AWKWARD), st.integers(1, 40))
+mutations = st.lists(_mutation, max_size=8)
+
+
+def mutate(data, changes):
+    """`data` (bytes) after each change in turn; positions wrap around the length."""
+    data = bytearray(data)
+    for kind, where, payload, span in changes:
+        at = where % (len(data) + 1)
+        if kind == "insert":
+            data[at:at] = payload
+        elif kind == "delete":
+            del data[at:at + span]
+        elif kind == "replace":
+            data[at:at + len(payload)] = payload
+        elif kind == "truncate":
+            del data[at:]
+        else:
+            data = _edit_line(data, at, repeat=kind == "repeat_line")
+    return bytes(data)
+
+
+def _edit_line(data, at, repeat):
+    start = data.rfind(b"\n", 0, at) + 1
+    end = data.find(b"\n", at)
+    end = len(data) if end < 0 else end + 1
+    line = data[start:end]
+    return data[:end] + line + data[end:] if repeat else data[:start] + data[end:]
+
+
+# --------------------------------------------------------- hostile values ---
+
+class RaisingStr:
+    """An object whose text form fails, as a broken driver value might."""
+
+    def __str__(self):
+        raise RuntimeError("no text form")
+
+    def __repr__(self):
+        return "RaisingStr()"
+
+    def __format__(self, spec):
+        raise RuntimeError("no format")
+
+
+class RaisingEq:
+    """Compares by raising and hashes by raising: any lookup with it fails."""
+
+    def __eq__(self, other):
+        raise RuntimeError("no comparison")
+
+    def __hash__(self):
+        raise RuntimeError("no hash")
+
+
+class LyingSequence:
+    """Claims a length that its items do not have."""
+
+    def __len__(self):
+        return 3
+
+    def __getitem__(self, index):
+        if index >= 1:
+            raise IndexError(index)
+        return 1
+
+    def __iter__(self):
+        return iter([1])
+
+
+class BigIndex:
+    def __index__(self):
+        return 1 << 200
+
+
+class ShrinkingDict(dict):
+    """A mapping that empties itself while it is being read."""
+
+    def __getitem__(self, key):
+        value = dict.__getitem__(self, key)
+        self.clear()
+        return value
+
+    def items(self):
+        pairs = list(dict.items(self))
+        self.clear()
+        return iter(pairs)
+
+
+class StrSubclass(str):
+    pass
+
+
+class FloatSubclass(float):
+    def __repr__(self):
+        return "FloatSubclass(%s)" % float.__repr__(self)
+
+
+scalars = st.one_of(
+    st.none(), st.booleans(), st.integers(-(1 << 70), 1 << 70), st.sampled_from([0, 1, 2, -1, 4, 5, 8, 13]),
+    st.floats(allow_nan=True, allow_infinity=True), st.text(max_size=12), st.binary(max_size=6),
+    st.sampled_from(["TX", "RX", "", "board_1", "channel_1", "db", "\0", "../x", "*", "[", "K5350R019-28"]),
+)
+
+
+def _make_hostile(kind):
+    return {"raising_str": RaisingStr, "raising_eq": RaisingEq, "lying_sequence": LyingSequence,
+            "big_index": BigIndex, "object": object, "str_subclass": lambda: StrSubclass("TX"),
+            "float_subclass": lambda: FloatSubclass(1.5), "shrinking_dict": lambda: ShrinkingDict(a=1, board_1={}),
+            "function": lambda: (lambda *a, **k: None), "type": lambda: int}[kind]()
+
+
+hostile = st.sampled_from(["raising_str", "raising_eq", "lying_sequence", "big_index", "object", "str_subclass",
+                           "float_subclass", "shrinking_dict", "function", "type"]).map(_make_hostile)
+
+# Any value a careless or hostile caller might pass: scalars, odd objects, and
+# containers of them nested a few levels deep.
+values = st.recursive(
+    st.one_of(scalars, hostile),
+    lambda inner: st.one_of(st.lists(inner, max_size=4), st.tuples(inner, inner),
+                            st.dictionaries(st.one_of(st.text(max_size=10), st.sampled_from(
+                                ["board_1", "board_2", "channel_1", "common_db", "db", "theta", "phi", "sw", "deg",
+                                 "TX", "RX", "1", "beam_type", "beam_config", "channel_config",
+                                 "beam_description"])), inner, max_size=5)),
+    max_leaves=12)
