@@ -187,6 +187,24 @@ nb::object exception_object(std::exception_ptr error) {
     }
 }
 
+bool truthy(nb::handle value) {
+    int r = PyObject_IsTrue(value.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool compare(nb::handle a, nb::handle b, int op) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool contains(nb::handle container, nb::handle item) {
+    int r = PySequence_Contains(container.ptr(), item.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
 bool is_instance(nb::handle obj, PyObject* type) {
     int r = PyObject_IsInstance(obj.ptr(), type);
     if (r < 0) raise_already_set();

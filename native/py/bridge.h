@@ -148,6 +148,11 @@ private:
 // isinstance(obj, type)
 bool is_instance(nb::handle obj, PyObject* type);
 
+// Python's own truth, comparison and membership tests (errors raised as Python's).
+bool truthy(nb::handle value);                            // bool(value)
+bool compare(nb::handle a, nb::handle b, int op);         // a <op> b, op one of Py_LT ... Py_GE
+bool contains(nb::handle container, nb::handle item);     // item in container
+
 // The Python exception for a caught C++ exception: python_error as it is,
 // bad_alloc as MemoryError, anything else as RuntimeError.
 nb::object exception_object(std::exception_ptr error);

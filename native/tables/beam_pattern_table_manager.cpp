@@ -147,23 +147,8 @@ void CollectionPause::finish() {
     getattr(gc, k_collect)(0);
 }
 
-bool truthy(nb::handle value) {
-    int r = PyObject_IsTrue(value.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
-bool compare(nb::handle a, nb::handle b, int op) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
-bool contains(nb::handle container, nb::handle key) {
-    int r = PySequence_Contains(container.ptr(), key.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
 bool is_mapping(nb::handle value) {
     if (PyDict_Check(value.ptr())) return true;

@@ -81,14 +81,12 @@ vex::py::Log logger_of(nb::handle self);
 // non-integer layout number.
 Py_ssize_t as_index(nb::handle value);
 
-// Python's own operations: str(value), a + b, format % value, bool(value),
-// a <op> b, key in container, isinstance(value, Mapping), a % n on C integers.
+// Python's own operations: str(value), a + b, format % value,
+// isinstance(value, Mapping), a % n on C integers (bool(), comparisons and
+// membership come from the bridge).
 nb::object py_str(nb::handle value);
 nb::object concat(nb::handle left, nb::handle right);
 nb::object percent(const char* format, nb::handle value);
-bool truthy(nb::handle value);
-bool compare(nb::handle a, nb::handle b, int op);
-bool contains(nb::handle container, nb::handle key);
 bool is_mapping(nb::handle value);
 Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n);
 
