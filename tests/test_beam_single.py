@@ -5,7 +5,7 @@ import logging
 
 import pytest
 
-from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager
+from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager, saved_table
 from conftest import records
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 from vexcore.QRVUtils import RetType
@@ -21,10 +21,6 @@ def manager(tm, files_dir, hooks):
     manager = make_manager(tm, hooks=hooks, num_beam=8)
     assert manager._load(28.0, KIT).RetCode == RetCode.OK
     return manager
-
-
-def _file(manager):
-    return json.loads(manager._BeamPatternTableManager__path.read_text(encoding="utf-8"))
 
 
 def _default(manager, mode):
@@ -72,11 +68,6 @@ def test_defaults_follow_new_limits(manager):
     assert board["common_db"] == -3.0
 
 
-def test_stored_beam_is_returned_itself(manager):
-    manager.setBeamPattern(RFMode.RX, 5, BeamType.BEAM, {"db": 1.0, "theta": 2, "phi": 3}, save=False)
-    assert manager.getBeamPattern(RFMode.RX, 5).RetData is manager._BeamTable["RX"]["5"]
-
-
 @pytest.mark.parametrize("mode, beam_id", [(5, 1), ("TX", 1), (RFMode.TX, "1"), (RFMode.TX, None)])
 def test_malformed_read_requests_are_reported(manager, caplog, mode, beam_id):
     ret = manager.getBeamPattern(mode, beam_id)
@@ -95,7 +86,7 @@ def test_partial_config_changes_only_what_it_names(manager, hooks):
     expected["beam_description"] = "one channel"
     expected["channel_config"]["board_2"]["channel_3"] = {"sw": 1, "db": -4.0, "deg": 180}
     assert manager._BeamTable["TX"]["3"] == expected
-    assert _file(manager)["TX"]["3"] == expected
+    assert saved_table(manager)["TX"]["3"] == expected
     gains = [[ELEDR[0][b]] * 4 for b in range(4)]
     gains[1][2] = -4.0
     assert hooks.ic_calls == [(RFMode.TX, b, gains[b], COMDR[0][b]) for b in range(4)]
@@ -126,10 +117,10 @@ def test_no_config_only_revalidates(manager, hooks, caplog):
 
 
 def test_unsaved_change_is_in_memory_only(manager):
-    before = _file(manager)
+    before = saved_table(manager)
     assert manager.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, None, "draft", save=False).RetCode == RetCode.OK
     assert manager.getBeamPattern(RFMode.TX, 2).RetData["beam_description"] == "draft"
-    assert _file(manager) == before
+    assert saved_table(manager) == before
 
 
 def test_refused_board_stops_checking_and_stores_nothing(manager, hooks, caplog):
@@ -163,7 +154,7 @@ def test_steered_beam_as_the_hook_accepts_it(manager, hooks):
     ret = manager.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 3.5, "theta": 0, "phi": 0}, "BoresightBeam")
     assert ret.RetCode == RetCode.OK
     expected = {"beam_description": "BoresightBeam", "beam_type": 0, "beam_config": {"db": 3.5, "theta": 0, "phi": 0}}
-    assert manager._BeamTable["TX"]["1"] == expected and _file(manager)["TX"]["1"] == expected
+    assert manager._BeamTable["TX"]["1"] == expected and saved_table(manager)["TX"]["1"] == expected
     assert hooks.beam_calls == [(RFMode.TX, 3.5, 0, 0, None)]
 
 
@@ -309,20 +300,6 @@ def test_set_of_an_unset_id_still_needs_the_limits(tm, files_dir, layout, limits
     manager._load(28.0, "")
     ret = manager.setBeamPattern(RFMode.RX, 2, beam_type, config)
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "GetBeamPattern exception")
-
-
-def test_subclass_read_is_used_by_set(tm, files_dir):
-    class Flagged(tm.BeamPatternTableManager):
-        def getBeamPattern(self, mode, beamId):
-            ret = super().getBeamPattern(mode, beamId)
-            ret.RetData["flag"] = "seen"
-            return ret
-
-    manager = Flagged("SN1", 7, 8, (4, 1, 4), Hooks().funcs)
-    manager._updateFreq(28.0, DR, COMDR, ELEDR)
-    manager._load(28.0, "")
-    manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL, {"board_1": {"common_db": 0.0}}, save=False)
-    assert manager._BeamTable["TX"]["1"]["flag"] == "seen"
 
 
 def test_modes_follow_the_module_rf_mode_when_replaced(manager, restore_module_globals):
