@@ -78,3 +78,8 @@ def channel_beam(boards=4, channels=4, db=1.5, common=4.0, description="custom")
 
 def steered_beam(db=2.0, theta=15, phi=30, description="steered"):
     return {"beam_description": description, "beam_type": 0, "beam_config": {"db": db, "theta": theta, "phi": phi}}
+
+
+def saved_table(manager):
+    """The beam table file of a manager, as json reads it."""
+    return read_json(manager._BeamPatternTableManager__path)

@@ -294,17 +294,6 @@ def test_save_with_callback_hands_over_the_record_and_writes_nothing(kits, files
     assert records(caplog, "AAKitTbl") == [("INFO", "Forward to saving AAKit")]
 
 
-def test_write_csv_row_copies_lists_and_writes_single_values(tm, files_dir):
-    kits = tm.AAKitTableManager(LITE, 4)
-    out = io.StringIO(newline="")
-    writer = csv.writer(out)
-    kit = {"SPACING": [5.0, 5.0], "TYPE": 1}
-    kits._AAKitTableManager__writeCSVRow(writer, kit, "SPACING")
-    kits._AAKitTableManager__writeCSVRow(writer, kit, "TYPE")
-    assert out.getvalue() == "SPACING,5.0,5.0\r\nTYPE,1\r\n"
-    assert kit == {"SPACING": [5.0, 5.0], "TYPE": 1}
-
-
 # ------------------------------------------------------------------ rename ---
 
 def test_rename_deletes_the_old_file_and_saves_the_new_one(kits, files_dir):

@@ -1,11 +1,10 @@
 """Whole-table access: batch export by mode filter, and batch import steered by the set options."""
 import copy
-import json
 import logging
 
 import pytest
 
-from beam_helpers import KIT, Hooks, channel_beam, make_manager, steered_beam
+from beam_helpers import KIT, Hooks, channel_beam, make_manager, saved_table, steered_beam
 from conftest import records
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 from vexcore.QRVUtils import RetType
@@ -27,10 +26,6 @@ def manager(tm, files_dir, hooks):
     hooks.ic_calls.clear()
     hooks.beam_calls.clear()
     return manager
-
-
-def _file(manager):
-    return json.loads(manager._BeamPatternTableManager__path.read_text(encoding="utf-8"))
 
 
 # -------------------------------------------------------------------- get ---
@@ -78,11 +73,11 @@ def test_get_with_a_callback_reloads_through_the_instance(manager, caplog, answe
 @pytest.mark.parametrize("option", ["VALIDATE", "UI_IMPORT", "UI_EXPORT", 1])
 def test_validation_alone_changes_nothing(tm, manager, hooks, option):
     option = getattr(tm.BTSetOption, option, option) if isinstance(option, str) else option
-    table, file = copy.deepcopy(manager._BeamTable), _file(manager)
+    table, file = copy.deepcopy(manager._BeamTable), saved_table(manager)
     batch = {"TX": {"1": steered_beam(), "3": channel_beam()}, "RX": {"2": channel_beam(db=0.5)}}
     ret = manager._setBatchBeamPattern(batch, option)
     assert ret.RetCode == RetCode.OK
-    assert manager._BeamTable == table and _file(manager) == file
+    assert manager._BeamTable == table and saved_table(manager) == file
     assert hooks.beam_calls == [(RFMode.TX, 2.0, 15, 30, None)]
     assert [(c[0], c[1]) for c in hooks.ic_calls] == [(RFMode.TX, b) for b in range(4)] + \
         [(RFMode.RX, b) for b in range(4)]
@@ -115,7 +110,7 @@ def test_upsert_adds_and_keeps_the_rest(tm, manager):
     assert manager._BeamTable["TX"]["2"] == channel_beam(description="new tx2")
     assert manager._BeamTable["TX"]["5"] == steered_beam()
     assert "1" in manager._BeamTable["RX"]
-    assert _file(manager) == manager._BeamTable
+    assert saved_table(manager) == manager._BeamTable
 
 
 @pytest.mark.parametrize("option", ["UI_SAVE_REPLACE", 13, 12])
@@ -128,7 +123,7 @@ def test_replace_all_drops_beams_absent_from_the_batch(tm, manager, option):
     assert manager._BeamTable["TX"] == {"7": steered_beam()}
     assert manager._BeamTable["RX"] is rx and "1" in rx           # modes absent from the batch stay
     assert list(old_tx) == ["1", "2"]                              # the old section object is left whole
-    assert _file(manager) == manager._BeamTable
+    assert saved_table(manager) == manager._BeamTable
 
 
 def test_exported_table_imports_back_unchanged(tm, manager):
@@ -136,7 +131,7 @@ def test_exported_table_imports_back_unchanged(tm, manager):
     exported = manager._getBatchBeamPattern().RetData
     ret = manager._setBatchBeamPattern(exported, tm.BTSetOption.UI_SAVE_REPLACE)
     assert ret.RetCode == RetCode.OK
-    assert manager._BeamTable == before and _file(manager) == before
+    assert manager._BeamTable == before and saved_table(manager) == before
 
 
 def test_get_with_save_returns_the_batch(tm, manager):
@@ -160,14 +155,14 @@ def test_unknown_modes_are_skipped_and_ids_become_integers(tm, manager):
 
 
 def test_refused_beam_stops_the_batch_unsaved(tm, manager, hooks):
-    file = _file(manager)
+    file = saved_table(manager)
     hooks.refuse_board = 0
     batch = {"TX": {"3": steered_beam(), "4": channel_beam(), "5": steered_beam()}}
     ret = manager._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_UPSERT)
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM,
                                          "BeamID_4: Checking channel config failed: Checking board_1 gain list failed")
     assert "3" in manager._BeamTable["TX"] and "5" not in manager._BeamTable["TX"]
-    assert _file(manager) == file
+    assert saved_table(manager) == file
 
 
 def test_save_failure_is_returned(tm, manager):
@@ -178,13 +173,13 @@ def test_save_failure_is_returned(tm, manager):
 
 def test_web_mode_save_hands_the_whole_table_to_the_callback(tm, manager):
     calls = []
-    file = _file(manager)
+    file = saved_table(manager)
     ret = manager._setBatchBeamPattern({"TX": {"8": steered_beam()}}, tm.BTSetOption.SAVE,
                                        lambda **kw: calls.append(kw) or RetType())
     assert ret.RetCode == RetCode.OK
     assert calls == [{"func_name": "saveToBeamTableFile", "new_table": manager._BeamTable}]
     assert calls[0]["new_table"] is manager._BeamTable
-    assert _file(manager) == file
+    assert saved_table(manager) == file
 
 
 @pytest.mark.parametrize("batch, option", [

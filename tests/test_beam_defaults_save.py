@@ -4,7 +4,7 @@ import logging
 
 import pytest
 
-from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager, table_dir
+from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 from vexcore.QRVUtils import RetType
 

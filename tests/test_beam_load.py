@@ -5,7 +5,7 @@ import logging
 
 import pytest
 
-from beam_helpers import COMDR, DR, ELEDR, KIT, SN, Hooks, make_manager, read_json, table_dir, write_json
+from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json, table_dir, write_json
 from conftest import records
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
@@ -47,16 +47,6 @@ def test_layout_must_hold_exactly_three_numbers(tm, files_dir, layout):
         a, b, c = value
     with pytest.raises(type(python_error.value), match=str(python_error.value).replace("(", r"\(").replace(")", r"\)")):
         tm.BeamPatternTableManager("SN9", 1, 4, layout)
-
-
-def test_updates_keep_the_given_objects(tm, files_dir):
-    manager = make_manager(tm, limits=False)
-    manager._updateFreq(26.5, DR, COMDR, ELEDR)
-    manager._updateAAKit(KIT)
-    state = vars(manager)
-    assert state[P + "freq"] == 26.5
-    assert state[P + "DR"] is DR and state[P + "COMDR"] is COMDR and state[P + "ELEDR"] is ELEDR
-    assert state[P + "aakit"] == KIT
 
 
 # ------------------------------------------------------- file name, default ---

@@ -5,7 +5,7 @@ import logging
 
 import pytest
 
-from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager
+from beam_helpers import COMDR, DR, ELEDR, KIT, Hooks, make_manager, saved_table
 from conftest import records
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 from vexcore.QRVUtils import RetType
@@ -21,10 +21,6 @@ def manager(tm, files_dir, hooks):
     manager = make_manager(tm, hooks=hooks, num_beam=8)
     assert manager._load(28.0, KIT).RetCode == RetCode.OK
     return manager
-
-
-def _file(manager):
-    return json.loads(manager._BeamPatternTableManager__path.read_text(encoding="utf-8"))
 
 
 def _default(manager, mode):
@@ -72,11 +68,6 @@ def test_defaults_follow_new_limits(manager):
     assert board["common_db"] == -3.0
 
 
-def test_stored_beam_is_returned_itself(manager):
-    manager.setBeamPattern(RFMode.RX, 5, BeamType.BEAM, {"db": 1.0, "theta": 2, "phi": 3}, save=False)
-    assert manager.getBeamPattern(RFMode.RX, 5).RetData is manager._BeamTable["RX"]["5"]
-
-
 @pytest.mark.parametrize("mode, beam_id", [(5, 1), ("TX", 1), (RFMode.TX, "1"), (RFMode.TX, None)])
 def test_malformed_read_requests_are_reported(manager, caplog, mode, beam_id):
     ret = manager.getBeamPattern(mode, beam_id)
@@ -95,7 +86,7 @@ def test_partial_config_changes_only_what_it_names(manager, hooks):
     expected["beam_description"] = "one channel"
     expected["channel_config"]["board_2"]["channel_3"] = {"sw": 1, "db": -4.0, "deg": 180}
     assert manager._BeamTable["TX"]["3"] == expected
-    assert _file(manager)["TX"]["3"] == expected
+    assert saved_table(manager)["TX"]["3"] == expected
     gains = [[ELEDR[0][b]] * 4 for b in range(4)]
     gains[1][2] = -4.0
     assert hooks.ic_calls == [(RFMode.TX, b, gains[b], COMDR[0][b]) for b in range(4)]
@@ -126,10 +117,10 @@ def test_no_config_only_revalidates(manager, hooks, caplog):
 
 
 def test_unsaved_change_is_in_memory_only(manager):
-    before = _file(manager)
+    before = saved_table(manager)
     assert manager.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, None, "draft", save=False).RetCode == RetCode.OK
     assert manager.getBeamPattern(RFMode.TX, 2).RetData["beam_description"] == "draft"
-    assert _file(manager) == before
+    assert saved_table(manager) == before
 
 
 def test_refused_board_stops_checking_and_stores_nothing(manager, hooks, caplog):
@@ -163,7 +154,7 @@ def test_steered_beam_as_the_hook_accepts_it(manager, hooks):
     ret = manager.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 3.5, "theta": 0, "phi": 0}, "BoresightBeam")
     assert ret.RetCode == RetCode.OK
     expected = {"beam_description": "BoresightBeam", "beam_type": 0, "beam_config": {"db": 3.5, "theta": 0, "phi": 0}}
-    assert manager._BeamTable["TX"]["1"] == expected and _file(manager)["TX"]["1"] == expected
+    assert manager._BeamTable["TX"]["1"] == expected and saved_table(manager)["TX"]["1"] == expected
     assert hooks.beam_calls == [(RFMode.TX, 3.5, 0, 0, None)]
 
 
@@ -262,8 +253,64 @@ def test_set_logs_the_stored_beam(manager, caplog):
         ("INFO", "Set/update beam:1 pattern -> %s" % manager._BeamTable["TX"]["1"])]
 
 
-def test_validation_needs_every_channel_of_every_board(manager):
-    beam = _default(manager, RFMode.TX)
-    del beam["channel_config"]["board_3"]["channel_4"]
-    with pytest.raises(KeyError):
-        manager._BeamPatternTableManager__validateChannelConfig(beam, RFMode.TX)
+# ------------------------------------------- unset ids set from a config ---
+
+class Board(dict):
+    """A mapping that is not a plain dict."""
+
+
+def _full_config(extra):
+    config = {"board_%d" % b: {"common_db": float(b), **{"channel_%d" % c: {"sw": 1, "db": -1.0, "deg": c}
+                                                        for c in range(4, 0, -1)}} for b in range(1, 5)}
+    if extra:
+        config["board_3"]["note"] = "appended after the channels"
+    return config
+
+
+@pytest.mark.parametrize("config", [
+    _full_config(False), _full_config(True),
+    {"board_4": {"channel_1": {"sw": 1, "db": 0.0, "deg": 1}}, "board_1": {"common_db": 5.0}},
+    {"board_2": Board(channel_1={"sw": 1, "db": 0.5, "deg": 2})},
+    Board(board_1={"channel_3": {"sw": 0, "db": 1.0, "deg": 3}}),
+], ids=["full", "full_with_extra_key", "partial", "board_not_plain", "config_not_plain"])
+def test_unset_id_set_from_a_config_is_the_default_with_the_config_merged(manager, config):
+    expected = copy.deepcopy(_default(manager, RFMode.TX))
+    for board, values in config.items():
+        for key, value in values.items():
+            expected["channel_config"][board][key] = value
+    expected["beam_description"] = "from config"
+    assert manager.setBeamPattern(RFMode.TX, 5, BeamType.CHANNEL, config, "from config", save=False).RetCode == \
+        RetCode.OK
+    stored = manager._BeamTable["TX"]["5"]
+    assert stored == expected
+    assert json.dumps(stored) == json.dumps(expected)            # same key order everywhere
+    given = config.get("board_1", {}).get("channel_3")
+    if given is not None:
+        assert stored["channel_config"]["board_1"]["channel_3"] is given
+
+
+@pytest.mark.parametrize("layout, limits", [((4, 1, 1), (COMDR, ELEDR)), ((4, 1, 4), ([COMDR[0]], ELEDR)),
+                                            ((4, 1, 4), (COMDR, [ELEDR[0], [1.0]]))],
+                         ids=["one_channel_per_ic", "no_rx_common_limits", "short_rx_element_limits"])
+@pytest.mark.parametrize("beam_type, config", [(BeamType.BEAM, {"db": 1, "theta": 0, "phi": 0}),
+                                               (BeamType.CHANNEL, {"board_1": {"common_db": 1.0}})])
+def test_set_of_an_unset_id_still_needs_the_limits(tm, files_dir, layout, limits, beam_type, config):
+    manager = make_manager(tm, hooks=Hooks(), layout=layout, limits=False)
+    manager._updateFreq(28.0, DR, *limits)
+    manager._load(28.0, "")
+    ret = manager.setBeamPattern(RFMode.RX, 2, beam_type, config)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "GetBeamPattern exception")
+
+
+def test_modes_follow_the_module_rf_mode_when_replaced(manager, restore_module_globals):
+    import enum
+
+    class Link(enum.IntEnum):
+        RX = 0          # same values, names swapped: the name picks the table section
+        TX = 1
+
+    restore_module_globals.RFMode = Link
+    manager.setBeamPattern(Link.RX, 1, BeamType.BEAM, {"db": 1, "theta": 2, "phi": 3}, "via Link", save=False)
+    assert manager._BeamTable["RX"]["1"]["beam_description"] == "via Link" and manager._BeamTable["TX"] == {}
+    assert manager.getBeamPattern(0, 1).RetData is manager._BeamTable["RX"]["1"]
+    assert manager.getBeamPattern(RFMode.TX, 1).RetData is manager._BeamTable["RX"]["1"]   # RFMode.TX == 0

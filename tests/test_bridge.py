@@ -148,3 +148,14 @@ def test_interrupts_are_not_swallowed(tm, service_module):
 def test_template_must_be_a_dict(tm, service_module):
     with pytest.raises(TypeError):
         tm._QRVTableDB("calibration", [("sn", "X")])
+
+
+def test_failures_inside_native_code_are_logged_with_a_traceback(tm, caplog, files_dir):
+    # A cell that is not a number fails inside the module's own conversion code.
+    (files_dir / "SN_28GHz.csv").write_text("VER,2.1.0\nSN,SN\nFCENTER,28\nDR,-10,x,-12,-6\nEND\n")
+    manager = tm.CalibrationTableManager("SN", 28, tm.fake_rf_layout)
+    caplog.set_level(logging.ERROR)
+    assert manager.parse().RetMsg == "parse exception"
+    (record,) = [r for r in caplog.records if r.name == "CaliTbl" and r.exc_info]
+    assert record.exc_info[0] is ValueError and record.exc_info[2] is not None
+    assert "Traceback (most recent call last)" in caplog.text and "<native code>" in caplog.text

@@ -5,7 +5,6 @@ import json
 import logging
 
 import pytest
-from hypothesis import HealthCheck, given, settings, strategies as st
 
 from calibration_sample import SN, make_sample
 from conftest import records
@@ -63,7 +62,9 @@ def test_cell_types_of_the_stored_table(tm, files_dir, sample):
 
 
 def test_export_and_read_back_give_an_equal_table(tm, files_dir, sample):
-    path = sample.write(files_dir)
+    # Non-ASCII text is exported as it stands, not escaped.
+    sample.expected["REALVER"] = "2.1.0-Überprüft"
+    path = sample.write(files_dir, rows=replace_rows(sample.rows, "REALVER", [["REALVER", "2.1.0-Überprüft"]]))
     m = manager(tm)
     assert outcome(m.parse(exportToJson=True)) == OK
     exported = files_dir / path.name.replace("csv", "json")
@@ -84,15 +85,6 @@ def test_export_renames_every_table_kind_in_the_path(tm, tmp_path, monkeypatch, 
     assert outcome(manager(tm).parse(exportToJson=True)) == OK
     assert json.loads((json_folder / (SN + "_28GHz.json")).read_text()) == sample.expected
     assert not list(csv_folder.glob("*.json"))
-
-
-def test_export_keeps_non_ascii_text(tm, files_dir, sample):
-    rows = [["REALVER", "2.1.0-Überprüft"] if r[:1] == ["REALVER"] else r for r in sample.rows]
-    sample.write(files_dir, rows=rows)
-    m = manager(tm)
-    assert outcome(m.parse(exportToJson=True)) == OK
-    text = (files_dir / (SN + "_28.0GHz.json")).read_bytes().decode("utf-8")
-    assert '"REALVER": "2.1.0-Überprüft"' in text
 
 
 def test_a_new_frequency_retargets_and_drops_the_caches(tm, files_dir, sample):
@@ -145,34 +137,18 @@ def replace_rows(rows, key, new_rows):
     return rows[:at] + new_rows + rows[at + 1:]
 
 
-def data_row(sample):
-    return next(r for r in sample.rows if r[:1] == ["DATA"])
+DATA_ROW = next(r for r in make_sample().rows if r[:1] == ["DATA"])
 
 
-@pytest.mark.parametrize("case", [
-    "short VER", "short DR", "short OFFSET", "short COMDR", "short TEMPADC", "short TC", "short DATA",
-    "text in DR", "text in OFFSET", "text in COMDR", "text in COMSTEPDR", "text in DATA gain", "text in DATA value",
-    "infinite DATA gain",
-])
-def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, case):
-    rows = sample.rows
-    bad = {
-        "short VER": ("VER", [["VER"]]),
-        "short DR": ("DR", [["DR", "-10", "5", "-12"]]),
-        "short OFFSET": ("OFFSET_RX", [["OFFSET_RX", "1", "2"]]),
-        "short COMDR": ("COMDR", [["COMDR", "TX", "BOARD"]]),
-        "short TEMPADC": ("TEMPADC", [["TEMPADC", "ADC", "1", "READ"]]),
-        "short TC": ("TC", [["TC", "COMP", "1", "STEP", "8", "3", "2"]]),
-        "short DATA": ("DATA", [data_row(sample)[:9]]),
-        "text in DR": ("DR", [["DR", "-10", "high", "-12", "6"]]),
-        "text in OFFSET": ("OFFSET_TX", [["OFFSET_TX"] + ["1.5"] * 16]),
-        "text in COMDR": ("COMDR", [["COMDR", "TX", "BOARD", "1", "RANGE", "-9.5", "n/a"]]),
-        "text in COMSTEPDR": ("COMSTEPDR", [["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"]]),
-        "text in DATA gain": ("DATA", [data_row(sample)[:8] + ["max"] + data_row(sample)[9:]]),
-        "text in DATA value": ("DATA", [data_row(sample)[:10] + ["0x1F"] * 4]),
-        "infinite DATA gain": ("DATA", [data_row(sample)[:8] + ["inf"] + data_row(sample)[9:]]),
-    }[case]
-    m, ret = parse_rows(tm, files_dir, sample, replace_rows(rows, *bad))
+@pytest.mark.parametrize("bad_row", [
+    ["VER"], ["DR", "-10", "5", "-12"], ["OFFSET_RX", "1", "2"], ["COMDR", "TX", "BOARD"],
+    ["TEMPADC", "ADC", "1", "READ"], ["TC", "COMP", "1", "STEP", "8", "3", "2"], DATA_ROW[:9],     # short rows
+    ["DR", "-10", "high", "-12", "6"], ["OFFSET_TX"] + ["1.5"] * 16,                                 # text for numbers
+    ["COMDR", "TX", "BOARD", "1", "RANGE", "-9.5", "n/a"], ["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"],
+    DATA_ROW[:8] + ["max"] + DATA_ROW[9:], DATA_ROW[:10] + ["0x1F"] * 4, DATA_ROW[:8] + ["inf"] + DATA_ROW[9:],
+], ids=lambda row: " ".join(row[:1] + row[-2:]))
+def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, bad_row):
+    m, ret = parse_rows(tm, files_dir, sample, replace_rows(sample.rows, bad_row[0], [bad_row]))
     assert outcome(ret) == PARSE_EXCEPTION
     assert caplog.records[-1].levelname == "ERROR" and caplog.records[-1].exc_info is not None
 
@@ -184,8 +160,6 @@ def test_a_file_without_end_is_broken_though_every_row_was_stored(tm, files_dir,
     assert records(caplog, "CaliTbl")[-1] == ("ERROR", "cali file is broken")
 
 
-
-
 def test_invalid_utf8_is_a_parse_exception(tm, files_dir, sample, caplog):
     path = sample.write(files_dir)
     path.write_bytes(path.read_bytes().replace(b"REALVER,2.1.0-7", b"REALVER,2.1.0-\xff"))
@@ -193,23 +167,19 @@ def test_invalid_utf8_is_a_parse_exception(tm, files_dir, sample, caplog):
     assert caplog.records[-1].exc_info[0] is UnicodeDecodeError
 
 
-def test_nul_characters_and_blank_lines_change_nothing(tm, files_dir, sample):
-    noisy = sample.text().replace("\n", "\n\n").replace("BOARD", "BO\0ARD").replace("OFFSET_TX", "\0OFFSET_TX\0")
-    (files_dir / (SN + "_28.0GHz.csv")).write_text("\n\0\n" + noisy)
+@pytest.mark.parametrize("damage", [
+    # NUL characters and blank lines are dropped
+    lambda sample: "\n\0\n" + sample.text().replace("\n", "\n\n").replace("BOARD", "BO\0ARD")
+    .replace("OFFSET_TX", "\0OFFSET_TX\0"),
+    # rows after END are never read
+    lambda sample: sample.text(sample.rows + [["VER", "9.9.9"], ["DR", "x"], ["OFFSET_TX", "bad"]])
+    + '"unclosed quote,\n',
+], ids=["nul and blank lines", "rows after end"])
+def test_harmless_noise_changes_nothing(tm, files_dir, sample, damage):
+    (files_dir / (SN + "_28.0GHz.csv")).write_text(damage(sample))
     m = manager(tm)
     assert outcome(m.parse()) == OK
     assert m._CaliTable == sample.expected
-
-
-def test_rows_after_end_are_never_read(tm, files_dir, sample):
-    rows = sample.rows + [["VER", "9.9.9"], ["DR", "x"], ["OFFSET_TX", "bad"]]
-    text = sample.text(rows) + '"unclosed quote,\n'
-    (files_dir / (SN + "_28.0GHz.csv")).write_text(text)
-    m = manager(tm)
-    assert outcome(m.parse()) == OK
-    assert m._CaliTable == sample.expected
-
-
 
 
 # ------------------------------------------------------------ header check --
@@ -220,9 +190,10 @@ def test_rows_after_end_are_never_read(tm, files_dir, sample):
     ("VER", "1.5.0", "Version of Cali table is too low, please upgrade it."),
 ])
 def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, key, value, problem):
-    rows = replace_rows(sample.rows, key, [[key, value]])
-    m, ret = parse_rows(tm, files_dir, sample, rows)
-    assert outcome(ret) == (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
+    sample.write(files_dir, rows=replace_rows(sample.rows, key, [[key, value]]))
+    m = manager(tm)
+    assert outcome(m.parse(exportToJson=True)) == (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
+    assert not list(files_dir.glob("*.json"))                     # a refused table is not exported
     assert "OFFSET_CHIP_1" in m._CaliTable["BOARD_1"]["TX"]       # rows before the check are kept
     assert "COMDR" not in m._CaliTable["BOARD_1"]["TX"]
 
@@ -237,13 +208,6 @@ def test_header_rows_after_the_range_rows_are_checked_late(tm, files_dir, sample
     # A header missing when the first COMDR row arrives is a failed check, not a refusal.
     rows = [r for r in sample.rows if r[:1] != ["FCENTER"]]
     assert outcome(parse_rows(tm, files_dir, sample, rows)[1]) == PARSE_EXCEPTION
-
-
-def test_a_refused_header_is_not_exported(tm, files_dir, sample):
-    rows = replace_rows(sample.rows, "SN", [["SN", "OTHER"]])
-    sample.write(files_dir, rows=rows)
-    assert manager(tm).parse(exportToJson=True).RetMsg == "Wrong SN!"
-    assert not list(files_dir.glob("*.json"))
 
 
 # ----------------------------------------------------------- repeated rows --
@@ -262,16 +226,6 @@ def test_repeated_rows_merge_value_by_value(tm, files_dir, sample):
 
 # -------------------------------------------------------------- insertion --
 
-def test_update_dict_inserts_and_merges(tm, files_dir):
-    insert = manager(tm)._CalibrationTableManager__updateDict
-    d = {"a": None}
-    inner = {"x": 1, "y": 2}
-    insert(d, "a", 5)
-    insert(d, "b", inner)
-    insert(d, "b", {"y": 3, "z": 4})
-    assert d == {"a": 5, "b": {"x": 1, "y": 3, "z": 4}} and d["b"] is inner
-
-
 def test_update_dict_failure_is_logged_and_raised(tm, files_dir, caplog):
     insert = manager(tm)._CalibrationTableManager__updateDict
     with pytest.raises(Exception) as caught:
@@ -280,18 +234,3 @@ def test_update_dict_failure_is_logged_and_raised(tm, files_dir, caplog):
     assert isinstance(caught.value.__context__, AttributeError)
     assert records(caplog, "CaliTbl") == [("ERROR", "__updateDict exception with key:k, value:{'v': 2}")]
     assert caplog.records[-1].exc_info[0] is AttributeError
-
-
-# ------------------------------------------------------------------ fuzzing --
-
-@settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
-@given(noise=st.lists(st.lists(st.sampled_from(
-    ["DATA", "DR", "OFFSET_TX", "COMDR", "ELEDR", "TC", "TEMPADC", "COMSTEPDR", "VER", "END",
-     "1", "-2.5", "", "TX", "x", "\0", '"', "1e309", "nan", "١"]), max_size=14), max_size=12),
-       cut=st.integers(min_value=0, max_value=400))
-def test_any_damage_gives_a_result_not_an_exception(tm, files_dir, noise, cut):
-    sample = make_sample(boards=4, arms=1)
-    rows = sample.rows[:cut] + noise
-    (files_dir / (SN + "_28.0GHz.csv")).write_text(sample.text(rows))
-    ret = manager(tm).parse()
-    assert ret.RetCode in (RetCode.OK, RetCode.ERROR_BF_CALI_PARSE, RetCode.ERROR_BF_CALI_INCOMPLTE)

@@ -76,12 +76,6 @@ def test_board_ranges_are_read_once_per_frequency(m, caplog):
     assert log[-2:] == [("DEBUG", "Fetch COMDR from cache"), ("DEBUG", "Fetch ELEDR from cache")]
 
 
-def test_cache_holds_every_kind(m, sample):
-    cache_of = m._CalibrationTableManager__getXXXDR
-    assert cache_of("COMSTEPDR") == [[board(sample, b)["COMSTEPDR"] for b in BOARDS]] * 2
-    assert set(m._CalibrationTableManager__allXXXDR) == {"COMDR", "ELEDR", "COMSTEPDR"}
-
-
 @pytest.mark.parametrize("mode, index", [(RFMode.RX, 0), (RFMode.TX, 3), (0, 1), (1, -1)])
 def test_one_board_entry(m, sample, mode, index):
     name = RFMode(mode).name

@@ -111,3 +111,39 @@ def test_demonstration_explains_a_missing_set_up(tmp_path):
     run = subprocess.run([sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"], cwd=tmp_path,
                          capture_output=True, text=True, timeout=60)
     assert run.returncode == 2 and "python -m vexcore.samples" in run.stderr
+
+
+def test_beam_tables_round_trip_through_the_database(tm, tmp_path, files_dir):
+    from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
+    from vexcore.db.web_tables import BeamTableStore
+
+    store = BeamTableStore(SN, str(tmp_path / "web.db"))
+    writer = make_manager(tm, hooks=Hooks(), web_client_id="111")
+    writer._updateAAKit("KIT")
+    # In web mode the table is taken in through a batch read with the callback.
+    assert writer._getBatchBeamPattern(tm.BTModeFilter.ALL, store).RetData == {"TX": {}, "RX": {}}
+    batch = {"TX": {"1": steered_beam(), "2": channel_beam()}, "RX": {"3": channel_beam(db=0.5)}}
+    ret = writer._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_REPLACE, store)
+    assert ret.RetCode == RetCode.OK, ret.RetMsg
+    reader = make_manager(tm, hooks=Hooks(), web_client_id="111")
+    reader._updateAAKit("KIT")
+    reloaded = reader._getBatchBeamPattern(tm.BTModeFilter.ALL, BeamTableStore(SN, str(tmp_path / "web.db")))
+    assert reloaded.RetData == writer._getBatchBeamPattern().RetData and set(reloaded.RetData["TX"]) == {"1", "2"}
+    assert reloaded.RetData["RX"]["3"]["channel_config"] == batch["RX"]["3"]["channel_config"]
+    assert not list(files_dir.rglob("*.json"))            # no local beam file in web mode
+
+
+def test_kits_round_trip_through_the_database(tm, tmp_path, files_dir):
+    from vexcore.db.web_tables import AAKitStore
+
+    store = AAKitStore(str(tmp_path / "web.db"))
+    writer = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
+    name = writer.setAAKitInfo("Lab", [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [1, 2, 3, 4], [4, 3, 2, 1]).RetData
+    assert writer.saveAAKitFile(name, callback=store.store).RetCode == RetCode.OK
+    reader = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
+    assert reader.getAAKitList(callback=store.list_kits).RetData == [name]
+    assert reader.getAAKitInfo(name).RetData == writer.getAAKitInfo(name).RetData
+    assert reader.deleteAAKitInfo(name, callback=store.store).RetCode == RetCode.OK
+    assert tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111").getAAKitList(
+        callback=store.list_kits).RetData == []
+    assert not list(files_dir.glob("AAKIT_*"))           # nothing written locally

@@ -187,6 +187,42 @@ nb::object exception_object(std::exception_ptr error) {
     }
 }
 
+void give_traceback(nb::handle exc) {
+    PyObject* tb = PyException_GetTraceback(exc.ptr());
+    if (tb) {
+        Py_DECREF(tb);
+        return;
+    }
+    nb::object file = nb::borrow(module().attr("__file__"));
+    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), Py_NewRef(exc.ptr()), nullptr);
+    _PyTraceback_Add("<native code>", PyUnicode_AsUTF8(file.ptr()), 0);
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback && value == exc.ptr()) PyException_SetTraceback(value, traceback);
+    Py_XDECREF(type);
+    Py_XDECREF(value);
+    Py_XDECREF(traceback);
+}
+
+bool truthy(nb::handle value) {
+    int r = PyObject_IsTrue(value.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool compare(nb::handle a, nb::handle b, int op) {
+    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
+bool contains(nb::handle container, nb::handle item) {
+    int r = PySequence_Contains(container.ptr(), item.ptr());
+    if (r < 0) raise_already_set();
+    return r == 1;
+}
+
 bool is_instance(nb::handle obj, PyObject* type) {
     int r = PyObject_IsInstance(obj.ptr(), type);
     if (r < 0) raise_already_set();

@@ -148,6 +148,16 @@ private:
 // isinstance(obj, type)
 bool is_instance(nb::handle obj, PyObject* type);
 
+// An exception raised inside this module's C++ code carries no Python frame, so a
+// logged traceback would be empty. This gives such an exception one frame that
+// names the module's native code, as a C extension's frame does in tracebacks.
+void give_traceback(nb::handle exc);
+
+// Python's own truth, comparison and membership tests (errors raised as Python's).
+bool truthy(nb::handle value);                            // bool(value)
+bool compare(nb::handle a, nb::handle b, int op);         // a <op> b, op one of Py_LT ... Py_GE
+bool contains(nb::handle container, nb::handle item);     // item in container
+
 // The Python exception for a caught C++ exception: python_error as it is,
 // bad_alloc as MemoryError, anything else as RuntimeError.
 nb::object exception_object(std::exception_ptr error);
@@ -168,6 +178,7 @@ nb::object guard(Body&& body, OnError&& on_error) {
         exc = exception_object(std::current_exception());
     }
     if (!is_instance(exc, PyExc_Exception)) reraise(exc);
+    give_traceback(exc);
     HandledException handled(exc);
     return on_error(exc);
 }

@@ -76,23 +76,8 @@ const Name g_AAKitField{"AAKitField"};
 
 Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
 
-bool truthy(nb::handle obj) {
-    int r = PyObject_IsTrue(obj.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
-bool compare(nb::handle a, nb::handle b, int op) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
-bool contains(nb::handle container, nb::handle item) {
-    int r = PySequence_Contains(container.ptr(), item.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
 nb::object py_str(nb::handle obj) {
     PyObject* s = PyObject_Str(obj.ptr());

@@ -107,13 +107,37 @@ Layout read_layout(nb::handle self) {
     return layout;
 }
 
-Mode to_mode(nb::handle mode) {
-    Mode m;
-    m.member = RFMode()(mode);
-    m.name = getattr(m.member, k_name);
-    m.value = getattr(m.member, k_value);
-    return m;
+namespace {
+// A member of an enumeration class given as such is itself: Enum(member) is member.
+nb::object convert_enum(nb::handle enum_class, nb::handle value) {
+    if (Py_TYPE(value.ptr()) == reinterpret_cast<PyTypeObject*>(enum_class.ptr())) return nb::borrow(value);
+    return nb::borrow(enum_class)(value);
 }
+
+// name and value of the RF mode members met so far. Both are Python-level
+// properties, and every beam call needs them; members are kept referenced, so an
+// entry can never be mistaken for another object.
+const Mode* known_mode(nb::handle member) {
+    static std::vector<Mode>* known = [] {   // kept for good; never reallocated
+        auto* modes = new std::vector<Mode>();
+        modes->reserve(16);
+        return modes;
+    }();
+    for (const Mode& m : *known)
+        if (m.member.ptr() == member.ptr()) return &m;
+    if (known->size() >= 16) return nullptr;   // a host replacing RFMode again and again
+    known->push_back(Mode{nb::borrow(member), getattr(member, k_name), getattr(member, k_value)});
+    return &known->back();
+}
+}  // namespace
+
+Mode to_mode(nb::handle mode) {
+    nb::object member = convert_enum(RFMode(), mode);
+    if (const Mode* known = known_mode(member)) return *known;
+    return Mode{member, getattr(member, k_name), getattr(member, k_value)};
+}
+
+nb::object to_beam_type(nb::handle beam_type) { return convert_enum(BeamType(), beam_type); }
 
 void CollectionPause::finish() {
     if (!was_enabled_) return;
@@ -121,6 +145,21 @@ void CollectionPause::finish() {
     static const Name k_collect{"collect"};
     nb::object gc = nb::module_::import_("gc");
     getattr(gc, k_collect)(0);
+}
+
+
+
+
+bool is_mapping(nb::handle value) {
+    if (PyDict_Check(value.ptr())) return true;
+    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
+    return is_instance(value, mapping.ptr());
+}
+
+Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
+    if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
+    Py_ssize_t r = a % n;
+    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
 }
 
 void unpack3(nb::handle iterable, nb::object out[3]) {
@@ -150,30 +189,6 @@ void unpack3(nb::handle iterable, nb::object out[3]) {
 }
 
 namespace {
-
-bool truthy(nb::handle value) {
-    int r = PyObject_IsTrue(value.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool contains(nb::handle container, const Name& key) {
-    int r = PySequence_Contains(container.ptr(), key.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool equals(nb::handle a, nb::handle b) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool less_equal(nb::handle a, nb::handle b) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LE);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
 void delitem(nb::handle container, const Name& key) {
     if (PyObject_DelItem(container.ptr(), key.ptr()) < 0) raise_already_set();
@@ -364,10 +379,36 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
         if (!overflow && !PyErr_Occurred()) return 1 <= id && id <= last;
         PyErr_Clear();
     }
-    return less_equal(nb::int_(1), beam_id) && less_equal(beam_id, num_beam);
+    return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
-nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id) {
+// What a set needs of an unset id's default: the channels the configuration
+// does not replace, or none when the beam becomes a steered beam. A type that
+// does not convert gets the full default here and fails where the set converts it.
+// The kind and configuration a set is about to give a beam.
+struct SetPlan {
+    nb::handle beam_type;
+    nb::handle config;
+};
+
+DefaultUse default_use_for(const SetPlan* plan) {
+    DefaultUse use;
+    if (!plan) return use;
+    nb::object converted;
+    try {
+        converted = to_beam_type(plan->beam_type);
+    } catch (nb::python_error& e) {
+        if (!e.matches(PyExc_Exception)) throw;
+        return use;   // the set converts the type again and reports the failure
+    }
+    if (compare(converted, BeamType().attr("BEAM"), Py_EQ))
+        use.channels = false;
+    else if (PyDict_CheckExact(plan->config.ptr()))
+        use.planned = plan->config;
+    return use;
+}
+
+nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, const SetPlan* plan) {
     nb::object table = getattr(self, a_table);
     if (table.is_none()) {
         log.error(str("BeamTable is not ready"));
@@ -385,18 +426,22 @@ nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handl
         // An id never set reads as the default channel beam of the current limits;
         // it is not stored, so defaults always follow the limits.
         beam = nb::dict();
-        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m);
+        fill_default_beam(self, beam, BeamType().attr("CHANNEL"), m, default_use_for(plan));
     }
     return ret_data(beam);
 }
 
-nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
-    Log log = logger_of(self);
-    return guard([&] { return read_beam(self, log, mode, beam_id); },
+nb::object read_beam_guarded(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id,
+                             const SetPlan* plan) {
+    return guard([&] { return read_beam(self, log, mode, beam_id, plan); },
                  [&](nb::handle) {
                      log.exception(str("GetBeamPattern exception"));
                      return error_result("GetBeamPattern exception");
                  });
+}
+
+nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
+    return read_beam_guarded(self, logger_of(self), mode, beam_id, nullptr);
 }
 
 // ------------------------------------------------------------ single set ---
@@ -481,18 +526,53 @@ nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle
     return beam;
 }
 
+// The class's own getBeamPattern function, kept when the class is made.
+PyObject* g_own_get_beam_pattern = nullptr;
+
+// Whether `method` is this class's getBeamPattern bound to `self`, that is,
+// neither overridden by a subclass nor replaced on the instance.
+bool is_own_get_beam_pattern(nb::handle method, nb::handle self) {
+    static const Name k_func{"__func__"};
+    static const Name k_self{"__self__"};
+    PyObject* func = PyObject_GetAttr(method.ptr(), k_func.ptr());
+    if (!func) {
+        PyErr_Clear();
+        return false;
+    }
+    bool own = func == g_own_get_beam_pattern;
+    Py_DECREF(func);
+    if (!own) return false;
+    PyObject* bound_to = PyObject_GetAttr(method.ptr(), k_self.ptr());
+    if (!bound_to) {
+        PyErr_Clear();
+        return false;
+    }
+    own = bound_to == self.ptr();
+    Py_DECREF(bound_to);
+    return own;
+}
+
+// The beam a set starts from: getBeamPattern's result, read natively (with only
+// the default the set needs) when the method is this class's own.
+nb::object read_current_beam(const SetRequest& req, nb::handle beam_type) {
+    nb::object getter = getattr(req.self, m_getBeamPattern);
+    if (!is_own_get_beam_pattern(getter, req.self)) return getter(req.mode.member, req.beam_id);
+    SetPlan plan{beam_type, req.config};
+    return read_beam_guarded(req.self, req.log, req.mode.member, req.beam_id, &plan);
+}
+
 nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
                       nb::handle config, nb::handle description, nb::handle save) {
     SetRequest req{self, log, to_mode(mode), beam_id, config, description};
-    nb::object current = getattr(self, m_getBeamPattern)(req.mode.member, beam_id);
+    nb::object current = read_current_beam(req, beam_type);
     if (ret_failed(current)) return current;
     nb::object beam = getattr(current, k_RetData);
 
-    nb::object type = BeamType()(beam_type);
+    nb::object type = to_beam_type(beam_type);
     if (!description.is_none()) setitem(beam, k_beam_description, description);
     setitem(beam, k_beam_type, getattr(type, k_value));
 
-    if (equals(type, BeamType().attr("BEAM"))) {
+    if (compare(type, BeamType().attr("BEAM"), Py_EQ)) {
         nb::object refused;
         beam = apply_steered_beam(req, beam, type, refused);
         if (refused.is_valid()) return refused;
@@ -540,6 +620,9 @@ void define_beam_pattern_table_manager(nb::module_& m) {
             arg("new_table") = nb::none());
     cls.def("getBeamIdStorage", &get_beam_id_storage);
     cls.def("getBeamPattern", &get_beam_pattern, arg("mode"), arg("beamId"));
+    // The function itself (as stored in the class), kept for good.
+    static const Name k_class_dict{"__dict__"};
+    g_own_get_beam_pattern = getitem(getattr(cls.type(), k_class_dict), m_getBeamPattern).release().ptr();
     cls.def("setBeamPattern", &set_beam_pattern, arg("mode"), arg("beamId"), arg("beamType"),
             arg("config") = nb::none(), arg("description") = nb::none(), arg("save") = true);
     cls.def_private("validateChannelConfig", &validate_channel_config, arg("config"), arg("mode"));

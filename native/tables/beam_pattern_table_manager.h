@@ -81,10 +81,14 @@ vex::py::Log logger_of(nb::handle self);
 // non-integer layout number.
 Py_ssize_t as_index(nb::handle value);
 
-// str(value), str(a) + str(b), value % args with Python's own operations.
+// Python's own operations: str(value), a + b, format % value,
+// isinstance(value, Mapping), a % n on C integers (bool(), comparisons and
+// membership come from the bridge).
 nb::object py_str(nb::handle value);
 nb::object concat(nb::handle left, nb::handle right);
 nb::object percent(const char* format, nb::handle value);
+bool is_mapping(nb::handle value);
+Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n);
 
 // "v" + BTField._version.value: the version word of the current file format.
 nb::object current_version_word();
@@ -103,14 +107,26 @@ struct Mode {
     nb::object name;
     nb::object value;
 };
-Mode to_mode(nb::handle mode);   // RFMode(mode)
+Mode to_mode(nb::handle mode);                 // RFMode(mode)
+nb::object to_beam_type(nb::handle beam_type);  // BeamType(beam_type)
 
 // --------------------------------------------------- default generation ---
+
+// How much of a default channel configuration is wanted. A read wants all of it.
+// A set starting from an unset id needs less: channels that the configuration it
+// merges replaces anyway are taken from that configuration instead of being built
+// and thrown away, and a beam about to become a steered beam needs no channels.
+// The limits are read in full either way, so missing limits fail alike.
+struct DefaultUse {
+    nb::handle planned;     // a plain dict about to be merged over the default, or invalid
+    bool channels = true;   // false: only the limits are read
+};
 
 // Fills `beam` with the default beam of `beam_type` for `mode`, bounded by the
 // instance's current gain limits. Raises when the limits do not cover the mode or
 // a board.
-void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode);
+void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode,
+                       const DefaultUse& use = DefaultUse());
 
 // A fresh default channel configuration ("board_1": {...}, ...) of `mode`.
 nb::object default_channel_config(nb::handle self, const Mode& mode);

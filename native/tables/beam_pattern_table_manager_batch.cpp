@@ -70,12 +70,6 @@ nb::object read_batch(nb::handle self, const Log& log, nb::handle mode_filter, n
 
 // --------------------------------------------------------------------- set
 
-bool is_mapping(nb::handle value) {
-    if (PyDict_Check(value.ptr())) return true;
-    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
-    return is_instance(value, mapping.ptr());
-}
-
 bool is_steered(nb::handle beam_type) {
     int r = PyObject_RichCompareBool(beam_type.ptr(), BeamType().attr("BEAM").attr("value").ptr(), Py_EQ);
     if (r < 0) raise_already_set();

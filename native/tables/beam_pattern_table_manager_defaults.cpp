@@ -21,13 +21,6 @@ const Name k_name{"name"};
 const Name k_callback_func_name{"func_name"};
 const Name k_callback_new_table{"new_table"};
 
-// Python's a % n for C integers (the result takes the sign of n).
-Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
-    if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
-    Py_ssize_t r = a % n;
-    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
-}
-
 // limits[index] with Python's indexing, fast for the usual list.
 nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     PyObject* seq = limits.ptr();
@@ -64,38 +57,58 @@ nb::object copy_dict(nb::handle dict) {
     return nb::steal(d);
 }
 
+// plan[key] when `plan` is a plain dict holding it, else an invalid object.
+nb::object planned_item(nb::handle plan, nb::handle key) {
+    if (!plan.is_valid() || !PyDict_CheckExact(plan.ptr())) return nb::object();
+    PyObject* item = PyDict_GetItemWithError(plan.ptr(), key.ptr());
+    if (!item) PyErr_Clear();
+    return item ? nb::borrow(item) : nb::object();
+}
+
 // Fills `config` by walking channels 1 ... total: a channel whose number modulo
 // the channels per IC is 1 starts a board (common gain = that board's COMDR), each
 // channel gets the board's ELEDR, and a channel whose number modulo the channels
 // per IC is 0 completes the board. Boards are thus groups of channels_per_ic
 // channels; with one channel per IC no board is ever started, and the first
 // channel fails as it has no board to go into.
-void fill_channel_config(nb::handle config, const Layout& layout, nb::handle self, const Mode& mode) {
+void fill_channel_config(nb::handle config, const Layout& layout, nb::handle self, const Mode& mode,
+                         const DefaultUse& use) {
     const Py_ssize_t n = layout.channels_per_ic;
     nb::object comdr, eledr;   // this mode's per-board limits, read when first needed
-    nb::object board, board_gain, template_channel;
+    nb::object board, board_gain, template_channel, planned_board;
     Py_ssize_t board_number = 0;
+    bool started = false;
     for (Py_ssize_t ch = 1; ch <= layout.total_channels; ++ch) {
         Py_ssize_t position = py_mod(ch, n);
         if (position == 1) {
             board_number = static_cast<Py_ssize_t>(static_cast<double>(ch) / static_cast<double>(n)) + 1;
             if (!comdr.is_valid()) comdr = getitem(getattr(self, a_COMDR), mode.value);
-            board = new_dict(n + 1);
-            put(board, k_common_db, limit_at(comdr, board_number - 1));
-            board_gain = nb::object();
-            template_channel = nb::object();
+            nb::object common = limit_at(comdr, board_number - 1);
+            started = true;
+            board_gain = template_channel = nb::object();
+            if (use.channels) {
+                board = new_dict(n + 1);
+                put(board, k_common_db, common);
+                planned_board = planned_item(use.planned, board_key(board_number));
+                if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr())) planned_board = nb::object();
+            }
         }
-        if (!board.is_valid())
+        if (!started)
             raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
         if (!board_gain.is_valid()) {
             if (!eledr.is_valid()) eledr = getitem(getattr(self, a_ELEDR), mode.value);
             board_gain = limit_at(eledr, board_number - 1);
         }
-        // Channels of one board are alike: copying the first is cheaper than
-        // building each anew.
-        nb::object channel = template_channel.is_valid() ? copy_dict(template_channel) : default_channel(board_gain);
-        if (!template_channel.is_valid()) template_channel = channel;
-        put(board, channel_key(py_mod(ch - 1, n) + 1), channel);
+        if (!use.channels) continue;
+        nb::object key = channel_key(py_mod(ch - 1, n) + 1);
+        nb::object channel = planned_item(planned_board, key);
+        if (!channel.is_valid()) {
+            // Channels of one board are alike: copying the first is cheaper than
+            // building each anew.
+            channel = template_channel.is_valid() ? copy_dict(template_channel) : default_channel(board_gain);
+            if (!template_channel.is_valid()) template_channel = channel;
+        }
+        put(board, key, channel);
         if (position == 0) setitem(config, board_key(board_number), board);
     }
 }
@@ -110,22 +123,17 @@ nb::object default_beam_config(nb::handle self, const Mode& mode) {
     return config;
 }
 
-bool is_mapping(nb::handle value) {
-    if (PyDict_Check(value.ptr())) return true;
-    nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
-    return is_instance(value, mapping.ptr());
-}
-
 }  // namespace
 
 nb::object default_channel_config(nb::handle self, const Mode& mode) {
     Layout layout = read_layout(self);
     nb::object config = new_dict(layout.channels_per_ic > 0 ? layout.total_channels / layout.channels_per_ic : 0);
-    fill_channel_config(config, layout, self, mode);
+    fill_channel_config(config, layout, self, mode, DefaultUse());
     return config;
 }
 
-void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode) {
+void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, const Mode& mode,
+                       const DefaultUse& use) {
     setitem(beam, k_beam_description, str(""));
     setitem(beam, k_beam_type, getattr(beam_type, k_value));
     int steered = PyObject_RichCompareBool(beam_type.ptr(), BeamType().attr("BEAM").ptr(), Py_EQ);
@@ -137,14 +145,14 @@ void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, c
     Layout layout = read_layout(self);
     nb::object config = new_dict(layout.channels_per_ic > 0 ? layout.total_channels / layout.channels_per_ic : 0);
     setitem(beam, k_channel_config, config);
-    fill_channel_config(config, layout, self, mode);
+    fill_channel_config(config, layout, self, mode, use);
 }
 
 void generate_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, nb::handle mode) {
     if (!is_mapping(beam))
         raise(PyExc_TypeError, std::string("beam must be a mapping, not ") + Py_TYPE(beam.ptr())->tp_name);
     Mode m = to_mode(mode);
-    fill_default_beam(self, beam, BeamType()(beam_type), m);
+    fill_default_beam(self, beam, to_beam_type(beam_type), m);
 }
 
 // ------------------------------------------------------------ default table

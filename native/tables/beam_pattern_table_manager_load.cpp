@@ -20,24 +20,6 @@ const Name k_name{"name"};
 const Name k_value{"value"};
 const Name k_BTField{"BTField"};
 
-bool truthy(nb::handle value) {
-    int r = PyObject_IsTrue(value.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool compare(nb::handle a, nb::handle b, int op) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
-bool contains(nb::handle container, nb::handle key) {
-    int r = PySequence_Contains(container.ptr(), key.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
 void delete_if_present(nb::handle mapping, const Name& key) {
     if (contains(mapping, key) && PyObject_DelItem(mapping.ptr(), key.ptr()) < 0) raise_already_set();
 }
@@ -201,11 +183,6 @@ std::vector<nb::object> index_old_channels(nb::handle channels, Py_ssize_t total
         if (number >= 1 && number <= total && !by_number[number].is_valid()) by_number[number] = nb::borrow(entry);
     }
     return by_number;
-}
-
-Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
-    Py_ssize_t r = a % n;
-    return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
 }
 
 nb::object smaller(nb::handle a, nb::handle b) { return nb::borrow(compare(b, a, Py_LT) ? b : a); }

@@ -14,17 +14,7 @@ namespace vex::tables::cali {
 
 Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
 
-bool truthy(nb::handle value) {
-    int r = PyObject_IsTrue(value.ptr());
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
-static bool compare(nb::handle a, nb::handle b, int op) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
 
 bool py_eq(nb::handle a, nb::handle b) { return compare(a, b, Py_EQ); }
 bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }

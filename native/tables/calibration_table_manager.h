@@ -47,7 +47,6 @@ inline const Name k_query{"query"};
 // ---------------------------------------------------------- small helpers ---
 
 Log logger_of(nb::handle self);
-bool truthy(nb::handle value);                          // bool(value)
 bool py_eq(nb::handle a, nb::handle b);                  // a == b
 bool py_lt(nb::handle a, nb::handle b);                  // a < b
 Py_ssize_t py_len(nb::handle value);                     // len(value)
