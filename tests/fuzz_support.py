@@ -115,6 +115,14 @@ def _edit_line(data, at, repeat):
     return data[:end] + line + data[end:] if repeat else data[:start] + data[end:]
 
 
+def beyond_any_device(layout):
+    """A layout with a count above 1024: a manager builds the tables of such a
+    layout entry by entry, as Python code would, so it is left out rather than
+    waited for (a million boards of one channel each is a million entries)."""
+    numbers = [v for v in (layout if isinstance(layout, (tuple, list)) else ()) if isinstance(v, int)]
+    return any(abs(v) > 1024 for v in numbers)
+
+
 # --------------------------------------------------------- hostile values ---
 
 class RaisingStr:

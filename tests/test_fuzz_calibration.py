@@ -10,15 +10,15 @@ import json
 from hypothesis import assume, given, strategies as st
 
 from calibration_sample import SN, make_sample
-from fuzz_support import (assert_result, baseline_module, fuzz_settings, hang_watchdog, mutate, mutations,
-                          outcome, values)
+from fuzz_support import (assert_result, baseline_module, beyond_any_device, fuzz_settings, hang_watchdog, mutate,
+                          mutations, outcome, values)
 from vexcore.QRVPublic import RetCode, RFMode
 
 SAMPLE = make_sample(boards=2, ics=1, channels=4, arms=1, seed=11)
 SAMPLE_TEXT = SAMPLE.text().encode()
 PARSE_CODES = {RetCode.OK, RetCode.ERROR_BF_CALI_PARSE, RetCode.ERROR_BF_CALI_INCOMPLTE}
 UNREADABLE = object()
-layouts = st.sampled_from([(2, 1, 4), (1, 1, 4), (2, 2, 2), (3, 1, 4), (2, 1, 1)])
+layouts = st.sampled_from([(2, 1, 4), (1, 1, 4), (2, 2, 2), (3, 1, 4), (2, 1, 1), (4, 0, 4), (3, -1, 4)])
 
 
 def write_table(folder, data):
@@ -137,12 +137,25 @@ def test_careless_arguments_give_results(tm, files_dir, sn, freq, polar, fetch, 
 @fuzz_settings(100)
 @given(layout=st.one_of(values, st.tuples(values, values, values)))
 def test_any_layout_constructs_or_raises_an_ordinary_error(tm, files_dir, layout):
+    assume(not beyond_any_device(layout))
     write_table(files_dir, SAMPLE_TEXT)
     kind, manager = outcome(tm.CalibrationTableManager, SN, 28, lambda: layout)
     if kind == "result":
         assert_result(manager.parse)
         assert_result(manager.getCOMDR, allowed=(KeyError,))
         outcome(manager._getTC)
+
+
+def test_a_layout_without_chips_stores_no_offsets_however_many_boards(tm, files_dir):
+    # Nothing can be stored without chips, so the boards are not walked at all:
+    # walking 2**40 of them would never end.
+    write_table(files_dir, SAMPLE_TEXT)
+    manager = tm.CalibrationTableManager(SN, 28, lambda: (1 << 40, 0, 4))
+    with hang_watchdog(120):
+        assert manager.parse().RetCode == RetCode.OK
+    boards = {key: value for key, value in manager._CaliTable.items() if key.startswith("BOARD_")}
+    assert sorted(boards) == ["BOARD_1", "BOARD_2"]
+    assert not any(key.startswith("OFFSET_CHIP_") for board in boards.values() for key in board["TX"])
 
 
 service_replies = st.one_of(

@@ -337,7 +337,10 @@ private:
 
     // One integer per channel, board by board, chip by chip. Rows merge, so a second
     // row for the same mode replaces channel values and keeps everything else.
+    // A layout without chips has nothing to store, so its boards are not walked:
+    // that adds no empty board entries, and a huge board count cannot run away.
     void store_offsets(const Name& mode, const Cells& row) {
+        if (ics_ <= 0) return;
         size_t next = 1;
         for (Py_ssize_t b = 1; b <= boards_; ++b) {
             nb::object arm = child_mapping(log_, child_mapping(log_, table_, board_key(b)), mode);
