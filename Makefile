@@ -10,7 +10,7 @@ TEST_TOOLS  := "pytest>=7" "hypothesis>=6" "matplotlib>=3.6"
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
-.PHONY: all install test demo bench bench-quick sanitize ci clean
+.PHONY: all install check test demo bench bench-quick sanitize clean
 
 all: test
 
@@ -24,7 +24,12 @@ $(VENV)/.tools: pyproject.toml
 install: $(VENV)/.tools
 	$(PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/release .
 
-test: install
+# The README's test command and what CI runs: the whole suite on the release build,
+# then the whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer.
+test: check sanitize
+
+# The whole suite on the release build only: the quick loop while developing.
+check: install
 	$(PY) -m pytest -q tests
 
 # The demonstration runs in build/demo, prepared from the bundled sample tables.
@@ -52,10 +57,6 @@ sanitize: $(SAN_VENV)/.tools
 	LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(gcc -print-file-name=libubsan.so)" \
 	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	PYTHONMALLOC=malloc $(SAN_PY) -m pytest -q -p no:faulthandler tests $(SANITIZE_ARGS)
-
-# What CI runs: the suite on the release build, then the whole suite again under
-# the sanitizers (about five minutes more, most of it the instrumented build).
-ci: test sanitize
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)
