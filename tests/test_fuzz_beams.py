@@ -10,7 +10,7 @@ import copy
 import json
 import math
 
-from hypothesis import assume, given, strategies as st
+from hypothesis import assume, example, given, strategies as st
 
 from beam_helpers import COMDR, DR, ELEDR, SN, channel_beam, steered_beam
 from fuzz_support import (assert_result, baseline_module, beyond_any_device, fuzz_settings, hang_watchdog, mutate,
@@ -79,6 +79,14 @@ def same_json(a, b):
     return a == b or json.dumps(a, sort_keys=True) == json.dumps(b, sort_keys=True)
 
 
+def readable_json(data):
+    try:
+        json.loads(data.decode("utf-8"))
+        return True
+    except ValueError:
+        return False
+
+
 def folder_contents(folder):
     return {p.name: p.read_bytes() for p in sorted(folder.iterdir())} if folder.is_dir() else {}
 
@@ -109,6 +117,7 @@ def verdict(kind, value):
 
 @fuzz_settings(150)
 @given(base=st.sampled_from(sorted(BASE_FILES)), kit=st.sampled_from(["", KIT]), changes=mutations)
+@example(base="current", kit="", changes=[("insert", 16, b"\\ud800", 1)])      # an upgrade that cannot be saved
 def test_damaged_beam_file_loads_as_the_python_peer_loads_it(tm, tmp_path, monkeypatch, base, kit, changes):
     data = mutate(BASE_FILES[base], changes)
     native, peer = pair_of_managers(tm, tmp_path, monkeypatch, files={file_name(kit): data})
@@ -117,7 +126,14 @@ def test_damaged_beam_file_loads_as_the_python_peer_loads_it(tm, tmp_path, monke
         expected = peer._load(28.0, kit)
     assert (got.RetCode, got.RetMsg) == (expected.RetCode, expected.RetMsg)
     assert same_json(native._BeamTable, peer._BeamTable)
-    assert folder_contents(tmp_path / "native" / "BeamTable") == folder_contents(tmp_path / "peer" / "BeamTable")
+    native_files = folder_contents(tmp_path / "native" / "BeamTable")
+    peer_files = folder_contents(tmp_path / "peer" / "BeamTable")
+    for name in [n for n in native_files if native_files[n] != peer_files.get(n)]:
+        # An upgrade re-save that cannot be written (a lone surrogate read from
+        # an escape) leaves the peer's file half-written and ours as it was.
+        assert native_files[name] == data and not readable_json(peer_files.pop(name))
+        del native_files[name]
+    assert native_files == peer_files
 
 
 # ----------------------------------------------------- operation sequences ---
