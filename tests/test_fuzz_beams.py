@@ -14,7 +14,7 @@ from hypothesis import assume, example, given, strategies as st
 
 from beam_helpers import COMDR, DR, ELEDR, SN, channel_beam, steered_beam
 from fuzz_support import (assert_result, baseline_module, beyond_any_device, fuzz_settings, hang_watchdog, mutate,
-                          mutations, outcome, values)
+                          mutations, outcome, same_json, values)
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 
@@ -72,11 +72,6 @@ BASE_FILES = {name: json.dumps(table, ensure_ascii=False, indent=2).encode()
 
 def file_name(kit):
     return "Beam_Configuration_%s_28GHz%s.json" % (SN, "_" + kit if kit else "")
-
-
-def same_json(a, b):
-    """Equal, or equal once written (NaN is not equal to itself)."""
-    return a == b or json.dumps(a, sort_keys=True) == json.dumps(b, sort_keys=True)
 
 
 def readable_json(data):

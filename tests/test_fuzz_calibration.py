@@ -11,7 +11,7 @@ from hypothesis import assume, given, strategies as st
 
 from calibration_sample import SN, make_sample
 from fuzz_support import (assert_result, baseline_module, beyond_any_device, fuzz_settings, hang_watchdog, mutate,
-                          mutations, outcome, values)
+                          mutations, outcome, same_json, values)
 from vexcore.QRVPublic import RetCode, RFMode
 
 SAMPLE = make_sample(boards=2, ics=1, channels=4, arms=1, seed=11)
@@ -49,7 +49,7 @@ def same_query_outcomes(native, peer):
         if expected[0] == "raised" and expected[1] is not KeyError and key[0] != "_getTC":
             assert got[0] == "result" and got[1] == RetCode.ERROR, (key, got, expected)
         else:
-            assert got == expected, (key, got, expected)
+            assert got == expected or repr(got) == repr(expected), (key, got, expected)
 
 
 @fuzz_settings(150)
@@ -69,7 +69,7 @@ def test_damaged_file_reads_as_the_python_peer_reads_it(tm, files_dir, changes, 
     # After an exception part way through a row, how much of that row was
     # stored is nobody's promise; every other verdict must leave equal tables.
     if got.RetMsg != "parse exception":
-        assert manager._CaliTable == peer._CaliTable
+        assert same_json(manager._CaliTable, peer._CaliTable)
     same_query_outcomes(query_outcomes(manager), query_outcomes(peer))
 
 
