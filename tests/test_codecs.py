@@ -322,15 +322,44 @@ except OSError as exc:
 """
 
 
-def test_write_file_atomic_failure_keeps_old_file_and_leaves_no_temporary(tmp_path):
+# A table of several MiB, so a streamed dump hands over more than one piece.
+LARGE_TABLE = "{str(b): {'ch_%d' % c: {'db': c / 8, 'deg': -c * 1.40625, 'name': '\u00e9\u4e2d' * (c % 3)} for c in range(400)} for b in range(150)}"
+
+FAILING_STREAMED_DUMP = """
+import resource, signal, sys
+from vexcore.qrvdev.QRVTableManager import _codec
+signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+resource.setrlimit(resource.RLIMIT_FSIZE, (3 << 20, 3 << 20))   # fails after the first pieces
+try:
+    _codec.dump_json_file_atomic(%s, 2, sys.argv[1])
+except OSError as exc:
+    print(type(exc).__name__, exc.errno, exc.filename)
+""" % LARGE_TABLE
+
+
+@pytest.mark.parametrize("script", [FAILING_WRITE, FAILING_STREAMED_DUMP], ids=["whole", "streamed"])
+def test_write_failure_keeps_old_file_and_leaves_no_temporary(tmp_path, script):
     # A file-size limit makes the write itself fail, whatever the user's privileges.
     path = tmp_path / "table.csv"
     path.write_bytes(b"old")
-    done = subprocess.run([sys.executable, "-c", FAILING_WRITE, str(path)],
-                          capture_output=True, text=True, check=True)
+    done = subprocess.run([sys.executable, "-c", script, str(path)], capture_output=True, text=True, check=True)
     assert done.stdout.split() == ["OSError", str(errno.EFBIG), str(path)]
     assert path.read_bytes() == b"old"
     assert [p.name for p in tmp_path.iterdir()] == ["table.csv"]
+
+
+def test_streamed_dump_writes_json_dumps_bytes_or_nothing(tmp_path):
+    table = eval(LARGE_TABLE)
+    path = tmp_path / "table.json"
+    _codec.dump_json_file_atomic(table, 2, path)
+    expected = json.dumps(table, ensure_ascii=False, indent=2).encode()
+    assert len(expected) > 3 << 20 and path.read_bytes() == expected
+    # A value the encoder refuses, met after several pieces reached the temporary file.
+    table["149"]["ch_399"]["db"] = {1, 2}
+    with pytest.raises(TypeError, match="Object of type set is not JSON serializable"):
+        _codec.dump_json_file_atomic(table, 2, path)
+    assert path.read_bytes() == expected
+    assert [p.name for p in tmp_path.iterdir()] == ["table.json"]
 
 
 def test_write_file_atomic_through_a_symlink_replaces_the_linked_file(tmp_path):

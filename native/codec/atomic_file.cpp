@@ -69,27 +69,6 @@ int target_mode(const std::string& path, mode_t& mode) {
     return 0;
 }
 
-int write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        const ssize_t n = ::write(fd, data.data(), data.size());
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        data.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return 0;
-}
-
-// Fills the temporary file and closes it; the content is on disk when it returns 0.
-int fill_and_close(int fd, std::string_view data, mode_t mode) {
-    int err = write_all(fd, data);
-    if (err == 0 && ::fchmod(fd, mode) != 0) err = errno;
-    if (err == 0 && ::fsync(fd) != 0) err = errno;
-    if (::close(fd) != 0 && err == 0) err = errno;
-    return err;
-}
-
 // Makes the rename itself durable; a failure here loses nothing already written.
 void sync_folder(const std::string& folder) {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -100,27 +79,66 @@ void sync_folder(const std::string& folder) {
 
 }  // namespace
 
-int write_file_atomic(const std::string& requested, std::string_view data) {
-    std::string path = requested;
-    int err = resolve_links(path);
-    mode_t mode = 0;
-    if (err == 0) err = target_mode(path, mode);
-    if (err != 0) return err;
+AtomicFile::~AtomicFile() { discard(); }
 
-    const std::string folder = folder_of(path);
+void AtomicFile::discard() {
+    if (fd_ >= 0) ::close(fd_);
+    if (!temp_.empty()) ::unlink(temp_.c_str());
+    fd_ = -1;
+    temp_.clear();
+}
+
+int AtomicFile::open(const std::string& requested) {
+    discard();
+    target_ = requested;
+    int err = resolve_links(target_);
+    if (err == 0) err = target_mode(target_, mode_);
+    if (err != 0) return err;
     // A hidden name, so that listings by pattern ("*.csv") never pick it up; the
     // base is shortened so the name stays within the file-name length limit.
-    std::string temp = folder + "/." + base_of(path).substr(0, 200) + ".XXXXXX";
-    const int fd = ::mkostemp(&temp[0], O_CLOEXEC);
-    if (fd < 0) return errno;
-    err = fill_and_close(fd, data, mode);
-    if (err == 0 && ::rename(temp.c_str(), path.c_str()) != 0) err = errno;
+    std::string temp = folder_of(target_) + "/." + base_of(target_).substr(0, 200) + ".XXXXXX";
+    fd_ = ::mkostemp(&temp[0], O_CLOEXEC);
+    if (fd_ < 0) return errno;
+    temp_ = std::move(temp);
+    return 0;
+}
+
+int AtomicFile::write(std::string_view data) {
+    if (fd_ < 0) return EBADF;
+    while (!data.empty()) {
+        const ssize_t n = ::write(fd_, data.data(), data.size());
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        data.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return 0;
+}
+
+int AtomicFile::commit() {
+    if (fd_ < 0) return EBADF;
+    int err = 0;
+    if (::fchmod(fd_, mode_) != 0) err = errno;
+    if (err == 0 && ::fsync(fd_) != 0) err = errno;
+    if (::close(fd_) != 0 && err == 0) err = errno;
+    fd_ = -1;
+    if (err == 0 && ::rename(temp_.c_str(), target_.c_str()) != 0) err = errno;
     if (err != 0) {
-        ::unlink(temp.c_str());
+        discard();
         return err;
     }
-    sync_folder(folder);
+    temp_.clear();
+    sync_folder(folder_of(target_));
     return 0;
+}
+
+int write_file_atomic(const std::string& path, std::string_view data) {
+    AtomicFile file;
+    int err = file.open(path);
+    if (err == 0) err = file.write(data);
+    if (err == 0) err = file.commit();
+    return err;
 }
 
 }  // namespace vex::codec

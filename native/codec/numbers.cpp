@@ -1,6 +1,7 @@
 #include "codec/numbers.h"
 
 #include <charconv>
+#include <cmath>
 #include <system_error>
 
 namespace vex::codec {
@@ -19,6 +20,31 @@ int parse_exponent(const char* p, const char* end) {
     int value = 0;
     for (++p; p < end; ++p) value = value * 10 + (*p - '0');
     return negative ? -value : value;
+}
+
+// Values with at most three decimals below 1e9 (gains in 0.5 dB steps, phases
+// in 1/8 degree steps: the bulk of every beam table), written from their scaled
+// integer n. When n / 1000 reads back as exactly this double, the decimal n / 1000
+// is also the shortest text that does (any other decimal of at most three places
+// lies 0.001 or more away, far outside the value's rounding interval at this
+// size), so it is what repr() prints. False for every other value.
+bool append_short_decimal(std::string& out, double value) {
+    if (!(value > -1e9 && value < 1e9)) return false;
+    const double scaled = value * 1000.0;
+    const long long n = static_cast<long long>(scaled);
+    if (static_cast<double>(n) != scaled || static_cast<double>(n) / 1000.0 != value) return false;
+    if (std::signbit(value)) out.push_back('-');   // also for -0.0
+    const unsigned long long magnitude = static_cast<unsigned long long>(n < 0 ? -n : n);
+    char buffer[24];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, magnitude / 1000).ptr;
+    out.append(buffer, end);
+    const unsigned fraction = static_cast<unsigned>(magnitude % 1000);
+    const char decimals[4] = {'.', static_cast<char>('0' + fraction / 100), static_cast<char>('0' + fraction / 10 % 10),
+                              static_cast<char>('0' + fraction % 10)};
+    std::size_t length = 4;
+    while (length > 2 && decimals[length - 1] == '0') --length;   // keeps one digit: "5.0"
+    out.append(decimals, length);
+    return true;
 }
 
 }  // namespace
@@ -72,6 +98,7 @@ void append_int(std::string& out, long long value) {
 }
 
 void append_float_repr(std::string& out, double value) {
+    if (append_short_decimal(out, value)) return;
     // Shortest round-trip digits and the decimal exponent, from scientific form
     // "-d.ddde+XX".
     char sci[40];

@@ -110,6 +110,9 @@ void define_codec_submodule(nb::module_& m) {
     c.def("json_loads", [](nb::handle s) { return json_loads(utf8_arg(s)); }, arg("text"));
     c.def("json_load_file", [](nb::handle path) { return json_loads(read_text_file(path)); }, arg("path"));
     c.def("write_file_atomic", &write_atomic, arg("path"), arg("data"));
+    c.def("dump_json_file_atomic",
+          [](nb::handle obj, nb::handle indent, nb::handle path) { dump_json_file_atomic(obj, nb::cast<int>(indent), path); },
+          arg("obj"), arg("indent"), arg("path"));
 }
 
 }  // namespace vex::py

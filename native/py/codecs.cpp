@@ -9,6 +9,7 @@
 #include "codec/text.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <vector>
 
 namespace vex::py {
@@ -307,7 +308,17 @@ namespace {
 // float, list/tuple, dict; anything else is refused as the default hook does.
 class JsonEncoder {
 public:
+    // Where a streaming encoder hands its text: take() consumes the buffer's
+    // content (and raises on failure).
+    struct Sink {
+        virtual void take(std::string& buffer) = 0;
+    };
+
     JsonEncoder(std::string& out, int indent) : out_(out), indent_(indent > 0 ? indent : 0) {}
+    // Hands the text to `sink` whenever `chunk` bytes have gathered, so a large
+    // table never exists as one string; the caller hands over the rest at the end.
+    JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
+        : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
 
     void value(PyObject* o, std::size_t level) {
         if (scalar(o)) return;
@@ -411,6 +422,10 @@ private:
         return truth == 0;
     }
 
+    void hand_over_full_chunk() {
+        if (out_.size() >= chunk_) sink_->take(out_);
+    }
+
     void open_item(bool first, std::size_t level) {
         if (!first) out_.push_back(',');
         newline(level);
@@ -435,6 +450,7 @@ private:
                 open_item(i == 0, level + 1);
                 nb::object item = nb::borrow(PySequence_Fast_GET_ITEM(o, i));
                 value(item.ptr(), level + 1);
+                hand_over_full_chunk();
             }
         } else {
             nb::object it = nb::steal(PyObject_GetIter(o));
@@ -445,6 +461,7 @@ private:
                 open_item(first, level + 1);
                 first = false;
                 value(raw, level + 1);
+                hand_over_full_chunk();
             }
             if (PyErr_Occurred()) raise_already_set();
         }
@@ -457,6 +474,7 @@ private:
         key(k);
         out_.append(": ");
         value(v, level);
+        hand_over_full_chunk();
     }
 
     void mapping(PyObject* o, std::size_t level) {
@@ -495,6 +513,8 @@ private:
 
     std::string& out_;
     std::size_t indent_;
+    Sink* sink_ = nullptr;
+    std::size_t chunk_ = SIZE_MAX;
     std::string newline_ = "\n";
     std::vector<PyObject*> path_;
 };
@@ -509,6 +529,43 @@ void json_dumps(nb::handle obj, int indent, std::string& out) {
         out.resize(start);
         throw;
     }
+}
+
+namespace {
+
+// The temporary file of an atomic replacement as the encoder's sink; a failed
+// write raises the OSError open().write() would raise for the target.
+struct AtomicFileSink : JsonEncoder::Sink {
+    AtomicFileSink(codec::AtomicFile& f, nb::handle name) : file(f), filename(name) {}
+    void take(std::string& buffer) override {
+        const int err = file.write(buffer);
+        if (err != 0) raise_os_error(err, filename);
+        buffer.clear();
+    }
+    codec::AtomicFile& file;
+    nb::handle filename;
+};
+
+// Big enough that writes cost little per byte, small enough to stay in cache.
+constexpr std::size_t kJsonChunk = 1 << 20;
+
+}  // namespace
+
+void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path) {
+    const FsPath where = fs_path(path);
+    codec::AtomicFile file;
+    if (const int err = file.open(where.bytes)) raise_os_error(err, where.given);
+    AtomicFileSink sink(file, where.given);
+    std::string buffer;
+    buffer.reserve(kJsonChunk + kJsonChunk / 4);
+    JsonEncoder(buffer, indent, sink, kJsonChunk).value(obj.ptr(), 0);
+    sink.take(buffer);
+    int err = 0;
+    {
+        nb::gil_scoped_release unlocked;
+        err = file.commit();
+    }
+    if (err != 0) raise_os_error(err, where.given);
 }
 
 GcPause::GcPause() : was_enabled_(PyGC_Disable() == 1) {}

@@ -116,6 +116,15 @@ private:
 // an existing file keeps its mode.
 void write_file_atomic(nb::handle path, std::string_view data);
 
+// json.dump(obj, f, ensure_ascii=False, indent=indent) into the file at `path`,
+// replaced atomically as write_file_atomic does. The text goes to the temporary
+// file in pieces as it is encoded, so a table of hundreds of MB never exists
+// as one string. The target is checked and the temporary file made first, as
+// open() comes before json.dump; an encoding error afterwards (TypeError,
+// ValueError, UnicodeEncodeError) leaves the previous file whole and removes the
+// temporary one.
+void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path);
+
 // ------------------------------------------------------------ internals ---
 
 // Defines the internal submodule `_codec` of `m`: thin wrappers over the

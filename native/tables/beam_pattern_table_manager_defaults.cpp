@@ -203,15 +203,6 @@ nb::object save_through_callback(nb::handle callback, nb::handle new_table) {
     return nb::steal(r);
 }
 
-// The whole file as json.dumps(table, ensure_ascii=False, indent=2) writes it,
-// encoded in one buffer and put in place atomically: a failed or interrupted save
-// leaves the previous file whole.
-void write_table_file(nb::handle path, nb::handle table) {
-    std::string text;
-    json_dumps(table, 2, text);
-    write_file_atomic(path, text);
-}
-
 }  // namespace
 
 nb::object save_to_beam_table_file(nb::handle self, nb::handle callback, nb::handle new_table) {
@@ -222,7 +213,9 @@ nb::object save_to_beam_table_file(nb::handle self, nb::handle callback, nb::han
             nb::object path = getattr(self, a_path);
             log.debug(str("Saving beam file to %s"), path);
             nb::object table = new_table.is_none() ? getattr(self, a_table) : nb::borrow(new_table);
-            write_table_file(path, table);
+            // Streamed into a temporary file and renamed over the old one: a
+            // failed or interrupted save leaves the previous file whole.
+            dump_json_file_atomic(table, 2, path);
             return ret_ok();
         },
         [&](nb::handle) {

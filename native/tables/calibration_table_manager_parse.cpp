@@ -496,9 +496,7 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
 // names included, so .../csvfiles/x.csv is exported to .../jsonfiles/x.json).
 void export_json(nb::handle self) {
     nb::object json_path = getattr(self, k_path_cali).attr("replace")("csv", "json");
-    std::string text;
-    json_dumps(getattr(self, k_CaliTable), 4, text);
-    write_file_atomic(json_path, text);
+    dump_json_file_atomic(getattr(self, k_CaliTable), 4, json_path);
 }
 
 // A new frequency re-targets the manager and drops every cache built for the old one.
