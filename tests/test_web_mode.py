@@ -52,17 +52,6 @@ def test_web_mode_answers_like_file_mode(tm, stocked):
     assert web_mode._getComData(*ask) == file_mode._getComData(*ask)
 
 
-def test_database_failures_become_results(tm, stocked, monkeypatch):
-    unknown = tm.CalibrationTableManager("NO-SUCH-SN", FREQ, tm.fake_rf_layout, web_client_id="111")
-    ret = unknown.getFrequencyList()
-    assert ret.RetCode == RetCode.ERROR_DB_FEEDBACK and "NO-SUCH-SN" in ret.RetMsg
-    assert unknown.getDR().RetCode == RetCode.ERROR_DB_FEEDBACK
-    monkeypatch.setenv("VEXCORE_DB", str(stocked / "missing" / "tables.db"))
-    _, web_mode = managers(tm)
-    for ret in (web_mode.getFrequencyList(), web_mode.getDR(RFMode.TX), web_mode.getCOMDR()):
-        assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_DB_SERVER, "DB server connection error")
-
-
 def test_bad_files_are_refused_with_the_parser_result(tmp_path, monkeypatch):
     assert infer_layout(SAMPLE) == (4, 1, 4)
     monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
