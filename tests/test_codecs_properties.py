@@ -159,21 +159,13 @@ def test_json_dumps_like_json_with_indent(value, indent):
     assert _codec.json_dumps(value, indent) == json.dumps(value, ensure_ascii=False, indent=indent)
 
 
-@pytest.mark.parametrize("depth", [50, 400])
-@pytest.mark.parametrize("indent", [2, 4])
-def test_json_dumps_deep_nesting(depth, indent):
+@pytest.mark.parametrize("depth", [50, 400, 100_000])
+def test_json_dumps_deep_nesting_like_json(depth):
     value = "leaf"
     for level in range(depth):
         value = [value] if level % 2 else {"k": value}
-    assert _codec.json_dumps(value, indent) == json.dumps(value, ensure_ascii=False, indent=indent)
-
-
-def test_json_dumps_too_deep_nesting_raises_recursion_error():
-    value = []
-    for _ in range(100_000):
-        value = [value]
-    with pytest.raises(RecursionError):
-        _codec.json_dumps(value, 2)
+    expected = outcome(lambda: json.dumps(value, ensure_ascii=False, indent=2))
+    assert outcome(lambda: _codec.json_dumps(value, 2))[:2] == expected[:2]    # too deep: RecursionError
 
 
 @MANY
