@@ -24,7 +24,8 @@ def stocked(manager, hooks):
 
 # -------------------------------------------------------------------- get ---
 
-@pytest.mark.parametrize("mode_filter, keys", [("TX", ["TX"]), ("ALL", ["TX", "RX"]), (2, ["RX"]), (None, ["TX", "RX"])])
+@pytest.mark.parametrize("mode_filter, keys", [("TX", ["TX"]), ("ALL", ["TX", "RX"]), (2, ["RX"]),
+                                               (None, ["TX", "RX"])])
 def test_get_returns_the_selected_sections_themselves(tm, stocked, mode_filter, keys):
     args = [] if mode_filter is None else [getattr(tm.BTModeFilter, str(mode_filter), mode_filter)]
     ret = stocked._getBatchBeamPattern(*args)

@@ -39,7 +39,8 @@ def test_construction_sets_every_attribute(tm, files_dir, layout):
 
 def test_web_mode_has_no_file_attributes_and_no_hooks_by_default(tm, files_dir):
     state = vars(tm.BeamPatternTableManager("SN9", 1, 4, (4, 1, 4), None, web_client_id="client"))
-    assert state[P + "web_mode"] is True and state[P + "func_beam_checking"] is state[P + "func_ic_gain_checking"] is None
+    assert state[P + "web_mode"] is True
+    assert state[P + "func_beam_checking"] is None and state[P + "func_ic_gain_checking"] is None
     assert P + "defaultDir" not in state and P + "path" not in state
 
 
