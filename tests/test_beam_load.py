@@ -37,13 +37,6 @@ def test_construction_sets_every_attribute(tm, files_dir, layout):
         "num_board": 2, "num_ic_per_board": 3, "num_channel_per_ic": 4, "totalCH": 24, "_BeamTable": None}
 
 
-def test_web_mode_has_no_file_attributes_and_no_hooks_by_default(tm, files_dir):
-    state = vars(tm.BeamPatternTableManager("SN9", 1, 4, (4, 1, 4), None, web_client_id="client"))
-    assert state[P + "web_mode"] is True
-    assert state[P + "func_beam_checking"] is None and state[P + "func_ic_gain_checking"] is None
-    assert P + "defaultDir" not in state and P + "path" not in state
-
-
 @pytest.mark.parametrize("layout", [(4, 1), 16])
 def test_layout_must_hold_exactly_three_numbers(tm, files_dir, layout):
     with pytest.raises((TypeError, ValueError)) as python_error:
@@ -52,46 +45,37 @@ def test_layout_must_hold_exactly_three_numbers(tm, files_dir, layout):
         tm.BeamPatternTableManager("SN9", 1, 4, layout)
 
 
-# --------------------------------------------------- file name, new table ---
+# ------------------------------------------------------------ new table ---
 
-@pytest.mark.parametrize("freq, kit, name", [(28.0, KIT, "28GHz_%s.json" % KIT), (28, "", "28GHz.json"),
+@pytest.mark.parametrize("freq, kit, name", [(28.0, "MyKit", "28GHz_MyKit.json"), (28, "", "28GHz.json"),
                                              (27.5, "", "27.5GHz.json")])
-def test_file_name_rule(tm, files_dir, freq, kit, name):
-    manager = make_manager(tm)
-    assert manager._load(freq, kit).RetCode == RetCode.OK
-    path = files_dir / "BeamTable" / ("Beam_Configuration_%s_%s" % (SN, name))
-    assert manager._BeamPatternTableManager__path == path and list(path.parent.iterdir()) == [path]
-
-
-def test_missing_table_is_created_with_its_folders(tm, tmp_path, monkeypatch, caplog):
+def test_missing_table_is_created_with_its_folders_under_its_name(tm, tmp_path, monkeypatch, caplog, freq, kit, name):
     files = tmp_path / "deep" / "files"
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(files))
     caplog.set_level(logging.DEBUG, logger="BeamTbl")
     manager = make_manager(tm)
-    ret = manager._load(28.0, "MyKit")
-    path = files / "BeamTable" / ("Beam_Configuration_%s_28GHz_MyKit.json" % SN)
+    ret = manager._load(freq, kit)
+    path = files / "BeamTable" / ("Beam_Configuration_%s_%s" % (SN, name))
     assert ret.RetCode == RetCode.OK and ret.RetData is manager._BeamTable
-    assert list(manager._BeamTable.items()) == [("VERSION", "v2.0.0"), ("SN", SN), ("DEV_TYPE", 7), ("FREQ", 28.0),
-                                                ("AAKIT_NAME", "MyKit"), ("TX", {}), ("RX", {})]
+    assert manager._BeamPatternTableManager__path == path and list(path.parent.iterdir()) == [path]
+    assert list(manager._BeamTable.items()) == [("VERSION", "v2.0.0"), ("SN", SN), ("DEV_TYPE", 7), ("FREQ", freq),
+                                                ("AAKIT_NAME", kit), ("TX", {}), ("RX", {})]
     assert path.read_text(encoding="utf-8") == json.dumps(manager._BeamTable, ensure_ascii=False, indent=2)
     assert records(caplog, "BeamTbl") == [
-        ("INFO", "Loading Beam Table by: 28.0GHz, AAKIT_NAME: 'MyKit'"), ("INFO", "Generate Beam Table: %s" % path),
+        ("INFO", "Loading Beam Table by: %.1fGHz, AAKIT_NAME: '%s'" % (freq, kit)),
+        ("INFO", "Generate Beam Table: %s" % path),
         ("DEBUG", "Saving beam file to %s" % path), ("INFO", "Beam Table version: v2.0.0"),
         ("INFO", "Loaded Beam Table from: %s" % path)]
 
 
-@pytest.mark.parametrize("save, generation_error", [
-    (lambda *a, **k: RetType(RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception"), []),
-    (lambda *a, **k: 1 / 0, ["BeamTable generating exception"]),
-], ids=["save_fails", "save_raises"])
-def test_failed_generation_ends_in_the_loading_error(tm, files_dir, caplog, save, generation_error):
+def test_failed_generation_ends_in_the_loading_error(tm, files_dir, caplog):
     manager = make_manager(tm)
-    manager._saveToBeamTableFile = save
+    manager._saveToBeamTableFile = lambda *a, **k: 1 / 0
     ret = manager._load(28.0, "")
     assert (ret.RetCode, ret.RetMsg) == LOADING_FAILED
     errors = [r for r in caplog.records if r.levelno == logging.ERROR]
-    assert [r.getMessage() for r in errors] == generation_error + [LOADING_FAILED[1]]
-    assert [r.exc_info[0] for r in errors] == [ZeroDivisionError] * len(generation_error) + [FileNotFoundError]
+    assert [(r.getMessage(), r.exc_info[0]) for r in errors] == [("BeamTable generating exception", ZeroDivisionError),
+                                                                 (LOADING_FAILED[1], FileNotFoundError)]
 
 
 # --------------------------------------------------------- version rules ---
@@ -170,10 +154,8 @@ def test_old_channel_list_errors_leave_the_file_alone(tm, files_dir, caplog, ord
 
 @pytest.mark.parametrize("freq, kit, content", [
     (28.0, KIT, '{"SN": "x", "TX": {}, "RX": {}}'),          # no version at all
-    (28.0, KIT, '{"VERSION": "v2.0.0", "TX": {'),            # truncated
     (28.0, KIT, '{"VERSION": 2, "TX": {}, "RX": {}}'),       # version not comparable with text
-    (28.0, KIT, b'{"VERSION": "v2.0.0\xff"}'),               # not UTF-8
-    ("28", "", None), (28.0, None, None), (float("nan"), "", None),
+    ("28", "", None), (float("nan"), "", None),
 ])
 def test_unreadable_tables_and_bad_names_end_in_the_loading_error(tm, files_dir, caplog, freq, kit, content):
     if content is not None:
@@ -192,13 +174,13 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
     assert calls == [{"func_name": "_load", "freq": 27.5, "aakit": KIT, "devtype": 7, "num_beam": 32,
                       "rf_layout": (4, 1, 4), "check_funcs": None, "web_client_id": None}]
     assert manager._BeamTable is None and list(files_dir.iterdir()) == []
+    state = vars(manager)
+    assert state[P + "web_mode"] is True and P + "defaultDir" not in state and P + "path" not in state
 
 
 @pytest.mark.parametrize("enabled", [True, False], ids=["collector_on", "collector_off"])
-@pytest.mark.parametrize("content", ['{"VERSION": "v2.0.0", "TX": {}, "RX": {}}', '{"VERSION": "v2.0.0", "TX": {'],
-                         ids=["good", "broken"])
-def test_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir, enabled, content):
-    _write(_path(files_dir), content)
+def test_a_failed_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir, enabled):
+    _write(_path(files_dir), '{"VERSION": "v2.0.0", "TX": {')
     was = gc.isenabled()
     (gc.enable if enabled else gc.disable)()
     try:
