@@ -27,7 +27,8 @@ def small_disk(tmp_path, monkeypatch):
     """A 64 KiB file system as the files directory."""
     disk = tmp_path / "disk"
     disk.mkdir()
-    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", str(disk)], capture_output=True, text=True)
+    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", str(disk)],
+                          capture_output=True, text=True)
     if done.returncode != 0:
         pytest.skip("cannot mount a small tmpfs here (%s); the full-disk case needs one" % done.stderr.strip())
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(disk))
@@ -38,8 +39,8 @@ def small_disk(tmp_path, monkeypatch):
 def fill(disk, leave):
     """Fills the file system until about `leave` bytes are free; returns the filler."""
     filler = disk / "filler.bin"
-    with open(filler, "wb", buffering=0) as f:
-        f.write(b"\0" * max(os.statvfs(disk).f_bavail * os.statvfs(disk).f_frsize - leave, 0))
+    stat = os.statvfs(disk)
+    filler.write_bytes(b"\0" * max(stat.f_bavail * stat.f_frsize - leave, 0))
     return filler
 
 
@@ -62,7 +63,7 @@ def make_read_only(tmp_path):
             pytest.skip("running as root and cannot make a read-only mount (%s)" % done.stderr.strip())
 
     yield seal
-    for folder in mounted:
+    for folder in reversed(mounted):
         subprocess.run(["umount", "-l", str(folder)], check=False)
     for p in tmp_path.rglob("*"):
         if p.is_dir():
@@ -113,16 +114,6 @@ def test_beam_change_whose_save_fails_keeps_the_file_and_the_change_in_memory(tm
     assert list(manager._BeamTable["TX"]) == tx_in_memory
 
 
-def test_beam_save_into_a_read_only_folder_fails_cleanly(tm, files_dir, make_read_only):
-    manager, path, before = loaded_beams(tm, files_dir)
-    make_read_only(path.parent)
-    assert manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL).RetCode == RetCode.ERROR_BF_BEAM_FILE
-    assert manager._saveToBeamTableFile().RetCode == RetCode.ERROR_BF_BEAM_FILE
-    # A table that needs creating cannot be, and the load says so.
-    assert manager._load(27.5, "").RetCode == RetCode.ERROR_BF_BEAM
-    assert_untouched(path, before)
-
-
 def test_beam_save_on_a_full_disk_keeps_the_previous_file_and_works_once_space_is_back(tm, small_disk):
     manager, path, before = loaded_beams(tm, small_disk)
     for beam_id in range(1, 9):     # about 40 KB of channel beams, more than is left
@@ -165,14 +156,21 @@ def test_kit_save_that_fails_keeps_the_previous_file(tm, files_dir, field, bad):
     assert_untouched(path, before)
 
 
-def test_kit_save_and_delete_in_a_read_only_folder_fail_cleanly(tm, files_dir, make_read_only):
-    kits, path, before = kits_with_saved_kit(tm, files_dir)
+def test_saves_and_deletes_in_a_read_only_folder_fail_cleanly(tm, files_dir, make_read_only):
+    manager, beam_path, beam_before = loaded_beams(tm, files_dir)
+    kits, kit_path, kit_before = kits_with_saved_kit(tm, files_dir)
     kits._AAKitTable[KIT]["OFFSET_TX"] = [123456789] * 4
+    make_read_only(beam_path.parent)
     make_read_only(files_dir)
+    assert manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL).RetCode == RetCode.ERROR_BF_BEAM_FILE
+    assert manager._saveToBeamTableFile().RetCode == RetCode.ERROR_BF_BEAM_FILE
+    # A table that needs creating cannot be, and the load says so.
+    assert manager._load(27.5, "").RetCode == RetCode.ERROR_BF_BEAM
+    assert_untouched(beam_path, beam_before)
     assert kits.saveAAKitFile(KIT).RetCode == RetCode.ERROR_BF_AAKIT
     # A kit that cannot be deleted from disk is reported; the file stays.
     assert kits.deleteAAKitInfo(KIT).RetCode == RetCode.ERROR_BF_AAKIT
-    assert_untouched(path, before)
+    assert_untouched(kit_path, kit_before, "BeamTable")
 
 
 # ------------------------------------------------------------ calibration ---
@@ -197,18 +195,15 @@ def test_calibration_export_on_a_full_disk_keeps_the_previous_export(tm, small_d
 
 # --------------------------------------------------------- killed mid-save ---
 
-# Saves a 64-beam table of a 1024-channel device over and over, once told to start.
+# Saves a 64-beam table of a 1024-channel device (a few MB) over and over.
 SAVER = """
-import sys
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.QRVPublic import RFMode, BeamType
-from vexcore.QRVUtils import RetType
-hooks = (lambda *beam: RetType(data=beam[1:4]), lambda mode, board, gains, common: RetType(data=gains))
-m = tm.BeamPatternTableManager("SN1", 7, 1024, (64, 1, 16), hooks)
-m._updateFreq(28.0, {"TX": [-9.5, 5.0], "RX": [-5.0, 10.0]}, [[1.0] * 64] * 2, [[2.0] * 64] * 2)
+m = tm.BeamPatternTableManager("SN1", 7, 1024, (64, 1, 16))
 m._load(28.0, "")
-for beam_id in range(1, 65):
-    m.setBeamPattern(RFMode.TX, beam_id, BeamType.CHANNEL, None, "v", save=False)
+channels = {"channel_%d" % c: {"sw": 1, "db": 1.5, "deg": c} for c in range(1, 17)}
+beam = {"beam_description": "v", "beam_type": 1,
+        "channel_config": {"board_%d" % b: dict(channels, common_db=1.0) for b in range(1, 65)}}
+m._BeamTable["TX"] = {str(beam_id): beam for beam_id in range(1, 65)}
 print("ready", flush=True)
 for n in range(10 ** 9):
     m._BeamTable["AAKIT_NAME"] = "round %d" % n

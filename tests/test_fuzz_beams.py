@@ -79,7 +79,8 @@ def file_name(kit):
 def pair_of_managers(tm, tmp_path, monkeypatch, files):
     """(native, peer) managers, each over its own files folder holding `files`."""
     managers = []
-    for side, make in (("native", tm.BeamPatternTableManager), ("peer", baseline_module("beam").BeamPatternTableManager)):
+    peer_class = baseline_module("beam").BeamPatternTableManager
+    for side, make in (("native", tm.BeamPatternTableManager), ("peer", peer_class)):
         folder = tmp_path / side / "BeamTable"
         folder.mkdir(parents=True, exist_ok=True)
         for old in folder.iterdir():
@@ -199,7 +200,8 @@ def test_careless_beam_arguments_give_results(tm, files_dir, args, limits, layou
         assert_result(manager.getBeamPattern, a, b)
         assert_result(manager.setBeamPattern, a, b, c, d, e, f)
         assert_result(manager.setBeamPattern, RFMode.TX, 1, c, d, e, False)
-        assert_result(manager.setBeamPattern, RFMode.RX, 2, BeamType.CHANNEL, {"board_1": a, "board_2": {"channel_1": b}})
+        assert_result(manager.setBeamPattern, RFMode.RX, 2, BeamType.CHANNEL,
+                      {"board_1": a, "board_2": {"channel_1": b}})
         assert_result(manager._getBatchBeamPattern, a)
         assert_result(manager._setBatchBeamPattern, {"TX": {"1": a}, "RX": b}, c)
         assert_result(manager._setBatchBeamPattern, a, b)
