@@ -32,31 +32,21 @@ def managers(tm):
     return file_mode, web_mode
 
 
-def test_layout_is_read_from_the_file():
-    assert infer_layout(SAMPLE) == (4, 1, 4)
-
-
 def test_web_mode_answers_like_file_mode(tm, stocked):
     file_mode, web_mode = managers(tm)
     assert web_mode.getFrequencyList().RetData == file_mode.getFrequencyList().RetData == [28.0]
     assert web_mode.queryCaliTableVer().RetData == file_mode.queryCaliTableVer().RetData == "2.1.0"
-    assert web_mode.getDR().RetData == file_mode.getDR().RetData
-    for mode in RFMode:
+    for mode in (None, *RFMode):
         assert web_mode.getDR(mode).RetData == file_mode.getDR(mode).RetData
     assert web_mode.getCOMDR().RetData == file_mode.getCOMDR().RetData
+    # A stored one-value list of element limits comes back from the database as its value.
+    assert web_mode.getELEDR().RetData == [[limit[0] for limit in per_mode] for per_mode in file_mode.getELEDR().RetData]
     assert web_mode._getTC() == file_mode._getTC()
     assert web_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1) == file_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1)
     steps = file_mode._searchComStepDR(2, "TX", -4.0, -1.0, None)
     assert steps and web_mode._searchComStepDR(2, "TX", -4.0, -1.0, None) == steps
     ask = ("TX", 2, 1, [1, 2, 3, 4], [-4.0] * 4, ["45"] * 4, steps)
     assert web_mode._getComData(*ask) == file_mode._getComData(*ask)
-
-
-def test_element_limits_arrive_unwrapped_in_web_mode(tm, stocked):
-    # A stored one-value list comes back from the database as its value.
-    file_mode, web_mode = managers(tm)
-    file_limits, web_limits = file_mode.getELEDR().RetData, web_mode.getELEDR().RetData
-    assert web_limits == [[limit[0] for limit in per_mode] for per_mode in file_limits]
 
 
 def test_database_failures_become_results(tm, stocked, monkeypatch):
@@ -71,6 +61,7 @@ def test_database_failures_become_results(tm, stocked, monkeypatch):
 
 
 def test_bad_files_are_refused_with_the_parser_result(tmp_path, monkeypatch):
+    assert infer_layout(SAMPLE) == (4, 1, 4)
     monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
     broken = tmp_path / ("%s_28GHz.csv" % SN)
     broken.write_text(open(SAMPLE).read().replace("END\n", ""))
@@ -91,26 +82,17 @@ def test_multi_query_through_the_adapter(tm, stocked):
     assert answers[2] == {"TX.COMDR": [-9.0, 3.0], "RX.ELEDR": [4.0]}
 
 
-def test_demonstration_runs_on_the_samples(tmp_path):
-    env = dict(os.environ)
-    env.pop("VEXCORE_DB", None)
-    env.pop("VEXCORE_FILES_DIR", None)
-    subprocess.run([sys.executable, "-m", "vexcore.samples", str(tmp_path)], check=True, env=env)
-    run = subprocess.run([sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"], cwd=tmp_path, env=env,
-                         capture_output=True, text=True, timeout=120)
-    assert run.returncode == 0, run.stdout + run.stderr
-    out = run.stdout
-    for expected in ("Frequencies (GHz): [28.0]", "Board-1:\n", "Board-2:\n", "Select AAKit: AAKIT_QRVLAB-4x4_PRIME_28_IDEAL",
-                     "SPACING", "Demonstration done."):
-        assert expected in out, expected
-    assert "DR: {'TX': [-10.0, 5.0], 'RX': [-12.0, 6.0]}" in out
-    assert "(boards 1 and 2): [2, 2]" in out and "    COM_2: [" in out
-
-
-def test_demonstration_explains_a_missing_set_up(tmp_path):
-    run = subprocess.run([sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"], cwd=tmp_path,
-                         capture_output=True, text=True, timeout=60)
+def test_demonstration_runs_on_the_samples_and_explains_a_missing_set_up(tmp_path):
+    env = {k: v for k, v in os.environ.items() if k not in ("VEXCORE_DB", "VEXCORE_FILES_DIR")}
+    demo = [sys.executable, "-m", "vexcore.qrvdev.QRVTableManager"]
+    run = subprocess.run(demo, cwd=tmp_path, env=env, capture_output=True, text=True, timeout=60)
     assert run.returncode == 2 and "python -m vexcore.samples" in run.stderr
+    subprocess.run([sys.executable, "-m", "vexcore.samples", str(tmp_path)], check=True, env=env)
+    run = subprocess.run(demo, cwd=tmp_path, env=env, capture_output=True, text=True, timeout=120)
+    assert run.returncode == 0, run.stdout + run.stderr
+    for expected in ("Frequencies (GHz): [28.0]", "DR: {'TX': [-10.0, 5.0], 'RX': [-12.0, 6.0]}",
+                     "Select AAKit: AAKIT_QRVLAB-4x4_PRIME_28_IDEAL", "(boards 1 and 2): [2, 2]", "Demonstration done."):
+        assert expected in run.stdout, expected
 
 
 def test_beam_tables_round_trip_through_the_database(tm, tmp_path, files_dir):

@@ -568,6 +568,23 @@ void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path) {
     if (err != 0) raise_os_error(err, where.given);
 }
 
+namespace {
+PyObject* g_standard_json_loads = nullptr;   // kept for the life of the process
+}  // namespace
+
+void remember_standard_json_loads(nb::handle loads) {
+    Py_XDECREF(g_standard_json_loads);
+    g_standard_json_loads = Py_NewRef(loads.ptr());
+}
+
+nb::object load_json_file(nb::handle path) {
+    static const Name k_json{"json"};
+    static const Name k_loads{"loads"};
+    nb::object loads = getattr(global(k_json), k_loads);
+    if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
+    return loads(str(read_text_file(path)));
+}
+
 GcPause::GcPause() : was_enabled_(PyGC_Disable() == 1) {}
 GcPause::~GcPause() {
     if (was_enabled_) PyGC_Enable();

@@ -89,6 +89,16 @@ void json_dumps(nb::handle obj, int indent, std::string& out);
 // and floats, NaN/Infinity) and json.JSONDecodeError on the same inputs.
 nb::object json_loads(std::string_view text);
 
+// json.loads(open(path).read()) through the module's `json` global, as table
+// loading code reads a JSON file. While that global's loads is the standard
+// library's, the native decoder reads the file's UTF-8 directly (same objects,
+// same errors, no str copy of the text); a host that replaced the module's
+// `json` or its `loads` gets its replacement called with the text.
+nb::object load_json_file(nb::handle path);
+
+// Remembers the standard library's json.loads, taken when the module starts.
+void remember_standard_json_loads(nb::handle loads);
+
 // ------------------------------------------------------- bulk building ---
 
 // While alive, the cyclic garbage collector does not run. Building a large

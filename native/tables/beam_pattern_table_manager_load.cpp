@@ -87,16 +87,6 @@ void ensure_table_file(nb::handle self, nb::handle path) {
     generate_default_beam_table_file(self);
 }
 
-// The file's JSON as Python objects. The UTF-8 text is turned into one Python str
-// and released before decoding starts, so a load of tens of MB peaks at the text
-// once plus the objects, as json.load does (holding both copies costs 30% more).
-nb::object read_json_file(nb::handle path) {
-    static const Name k_json{"json"};
-    static const Name k_loads{"loads"};
-    nb::object text = str(read_text_file(path));
-    return getattr(global(k_json), k_loads)(text);
-}
-
 // "VERSION", or the old files' lower-case "version".
 nb::object read_version(const Log& log, nb::handle table) {
     nb::object version = contains(table, k_VERSION) ? getitem(table, k_VERSION) : getitem(table, k_version);
@@ -301,7 +291,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
     ensure_table_file(self, path);
 
     CollectionPause pause;   // decoding and converting build the whole table
-    nb::object table = read_json_file(path);
+    nb::object table = load_json_file(path);
     setattr(self, a_table, table);
     nb::object version = read_version(log, table);
     if (compare(version, str("v1.1.0"), Py_LT)) {

@@ -550,8 +550,7 @@ nb::object parse_raw_json(nb::handle self) {
         [&]() -> nb::object {
             nb::object path = getattr(self, k_searchCaliFile)(".json");
             if (!truthy(path)) return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
-            std::string text = read_text_file(path);
-            setattr(self, k_CaliTable, json_loads(text));
+            setattr(self, k_CaliTable, load_json_file(path));
             return ret_ok();
         },
         [&](nb::handle) -> nb::object {

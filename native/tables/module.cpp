@@ -20,7 +20,9 @@ void import_dependencies(nb::module_& m) {
     bind(m, "auto", enum_.attr("auto"));
     bind(m, "glob", nb::module_::import_("glob"));
     bind(m, "importlib", nb::module_::import_("importlib"));
-    bind(m, "json", nb::module_::import_("json"));
+    nb::module_ json = nb::module_::import_("json");
+    bind(m, "json", json);
+    vex::py::remember_standard_json_loads(json.attr("loads"));
     bind(m, "logging", nb::module_::import_("logging"));
     bind(m, "os", nb::module_::import_("os"));
     bind(m, "time", nb::module_::import_("time"));
