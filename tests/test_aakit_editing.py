@@ -30,14 +30,14 @@ def kits(clock, files_dir):
 
 
 class Recorder:
-    """A web-mode callback that records its calls and answers with `answer`."""
+    """A web-mode callback that records its calls (keywords only) and answers with `answer`."""
 
     def __init__(self, answer=None):
         self.calls = []
         self.answer = answer if answer is not None else RetType()
 
-    def __call__(self, *args, **kwargs):
-        self.calls.append((args, kwargs))
+    def __call__(self, **kwargs):
+        self.calls.append(kwargs)
         return self.answer
 
 
@@ -126,19 +126,6 @@ def test_failed_rename_during_update_is_logged(kits, caplog):
     assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
 
 
-@pytest.mark.parametrize("fields, failing, count", [
-    (([1], [1], [1, 2], [1], [1, 2, 3, 4]), "SPACING", 1),
-    (([1, 2], [1, 2], [1, 2], [1, 2, 3], [1, 2, 3, 4]), "OFFSET_TX", 3),
-])
-def test_fields_are_checked_in_order_and_the_first_failure_is_named(kits, caplog, fields, failing, count):
-    before = dict(kits._AAKitTable)
-    ret = kits.setAAKitInfo("Bad", *fields)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, "AAKit field checking failed: " + failing)
-    assert records(caplog, "AAKitTbl") == [
-        ("ERROR", "setAAKitInfo: Wrong counts:%d of value for field: %s" % (count, failing))]
-    assert kits._AAKitTable == before
-
-
 @pytest.mark.parametrize("args", [
     (7, [1, 2], [1, 2], [1, 2]),
     ("K", (1, 2), [1, 2], [1, 2]),
@@ -149,10 +136,34 @@ def test_argument_types_are_refused_on_entry(kits, args):
         kits.setAAKitInfo(*args, [0] * 4, [0] * 4)
 
 
-def test_exceptions_become_the_error_result(kits, caplog):
-    ret = kits.setAAKitInfo("K", [1, 2], [1, 2], [1, 2], 5, [0] * 4)
-    assert ret.RetCode == RetCode.ERROR_BF_AAKIT and "len()" in ret.RetMsg
-    assert caplog.records[-1].exc_info[0] is TypeError
+FIELD_FAILED = "AAKit field checking failed: "
+NO_NAME = "Fail to save, please call selectAAKit() first or assign aakit name"
+
+
+@pytest.mark.parametrize("operation, message, logged", [
+    # Fields are checked in order and the first failure is named.
+    (lambda k: k.setAAKitInfo("Bad", [1], [1], [1, 2], [1], [1, 2, 3, 4]), FIELD_FAILED + "SPACING",
+     "setAAKitInfo: Wrong counts:1 of value for field: SPACING"),
+    (lambda k: k.setAAKitInfo("Bad", [1, 2], [1, 2], [1, 2], [1, 2, 3], [1, 2, 3, 4]), FIELD_FAILED + "OFFSET_TX",
+     "setAAKitInfo: Wrong counts:3 of value for field: OFFSET_TX"),
+    (lambda k: k.deleteAAKitInfo("Missing"), "Missing not exist in list", None),
+    (lambda k: k.deleteAAKitInfo(OFFICIAL), OFFICIAL + " must be customized AAKit for deletion", None),
+    (lambda k: k.saveAAKitFile(), NO_NAME, None),
+    (lambda k: k.saveAAKitFile(""), NO_NAME, None),
+    (lambda k: k.saveAAKitFile("Missing"), "Missing not exist in list", None),
+    # Exceptions become the error result, their text its message.
+    (lambda k: k.setAAKitInfo("K", [1, 2], [1, 2], [1, 2], 5, [0] * 4), "len()", TypeError),
+    (lambda k: k.deleteAAKitInfo("Missing", check=False), "Missing", KeyError),
+])
+def test_refusals_change_nothing_and_say_why(kits, files_dir, caplog, operation, message, logged):
+    before = ({name: dict(kit) for name, kit in kits._AAKitTable.items()}, sorted(os.listdir(files_dir)))
+    ret = operation(kits)
+    assert ret.RetCode == RetCode.ERROR_BF_AAKIT
+    if isinstance(logged, type):
+        assert message in ret.RetMsg and caplog.records[-1].exc_info[0] is logged
+    else:
+        assert ret.RetMsg == message and records(caplog, "AAKitTbl") == [("ERROR", logged or message)]
+    assert ({name: dict(kit) for name, kit in kits._AAKitTable.items()}, sorted(os.listdir(files_dir))) == before
 
 
 # ------------------------------------------------------------------ delete ---
@@ -168,53 +179,19 @@ def test_delete_removes_a_custom_kit_and_its_file_but_not_the_selection(kits, fi
     assert records(caplog, "AAKitTbl") == [("INFO", "Deleted %s" % (files_dir / ("AAKIT_%s.csv" % name)))]
 
 
-@pytest.mark.parametrize("name, message", [
-    ("Missing", "Missing not exist in list"),
-    (OFFICIAL, OFFICIAL + " must be customized AAKit for deletion"),
-])
-def test_delete_refusals(kits, files_dir, caplog, name, message):
-    ret = kits.deleteAAKitInfo(name)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, message)
-    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
-    assert OFFICIAL in kits._AAKitTable and (files_dir / ("AAKIT_%s.csv" % OFFICIAL)).exists()
-
-
-def test_delete_without_check_of_an_unknown_name_is_an_exception_result(kits, caplog):
-    ret = kits.deleteAAKitInfo("Missing", check=False)
-    assert ret.RetCode == RetCode.ERROR_BF_AAKIT and "Missing" in ret.RetMsg
-    assert caplog.records[-1].exc_info[0] is KeyError
-
-
-def test_delete_with_callback_forwards_and_keeps_files(kits, files_dir, caplog):
-    caplog.set_level(logging.INFO)
-    name = saved_kit(kits)
-    caplog.clear()
-    callback = Recorder(RetType(RetCode.ERROR_DB_FEEDBACK, "db says no"))
-    assert kits.deleteAAKitInfo(name, callback) is callback.answer
-    assert callback.calls == [((), {"func_name": "deleteAAKitInfo", "kitName": name, "check": False})]
-    assert name not in kits._AAKitTable and (files_dir / ("AAKIT_%s.csv" % name)).exists()
-    assert records(caplog, "AAKitTbl") == [("INFO", "Forward to deleting AAKit")]
-
-
 # -------------------------------------------------------------------- save ---
 
 def test_save_writes_the_kit_as_csv_writer_does(kits, files_dir):
-    name = kits.setAAKitInfo("S", [4.0, 4.5], [-40, 40.25], [0, 0], [1, -2, 3, 1e-05], [0, 0, 0, 0]).RetData
+    # A mapping-valued offset is written as its text in one cell.
+    tx = {"HORIZON": [1, 2], "VERTICAL": [3, 4]}
+    name = kits.setAAKitInfo("S", [4.0, 4.5], [-40, 40.25], [0, 0], tx, [1, -2, 3, 1e-05]).RetData
     assert kits.saveAAKitFile(name).RetCode == RetCode.OK
     expected = io.StringIO(newline="")
     csv.writer(expected).writerows([["AAKIT_NAME", name], ["DEV_TYPE", LITE], ["TYPE", 1], ["SPACING", 4.0, 4.5],
-                                    ["STEERING_H", -40, 40.25], ["STEERING_V", 0, 0],
-                                    ["OFFSET_TX", 1, -2, 3, 1e-05], ["OFFSET_RX", 0, 0, 0, 0]])
+                                    ["STEERING_H", -40, 40.25], ["STEERING_V", 0, 0], ["OFFSET_TX", str(tx)],
+                                    ["OFFSET_RX", 1, -2, 3, 1e-05]])
     data = (files_dir / ("AAKIT_%s.csv" % name)).read_bytes()
     assert data == expected.getvalue().encode() and data.count(b"\r\n") == 8
-
-
-def test_save_of_a_dict_offset_writes_its_text_in_one_cell(kits, files_dir):
-    kits = type(kits)(LITE, 2, num_polar=2, support_dev=[LITE])
-    name = kits.setAAKitInfo("D", [1, 1], [0, 0], [0, 0], {"HORIZON": [1, 2], "VERTICAL": [3, 4]}, [0] * 4).RetData
-    kits.saveAAKitFile(name)
-    rows = list(csv.reader(open(files_dir / ("AAKIT_%s.csv" % name), newline="")))
-    assert rows[6] == ["OFFSET_TX", "{'HORIZON': [1, 2], 'VERTICAL': [3, 4]}"]
 
 
 def test_save_uses_the_selected_kit_and_logs_the_path(kits, files_dir, caplog):
@@ -226,35 +203,19 @@ def test_save_uses_the_selected_kit_and_logs_the_path(kits, files_dir, caplog):
     assert records(caplog, "AAKitTbl") == [("INFO", "Ready to save %s" % path)]
 
 
-@pytest.mark.parametrize("name, message", [
-    (None, "Fail to save, please call selectAAKit() first or assign aakit name"),
-    ("", "Fail to save, please call selectAAKit() first or assign aakit name"),
-    ("Missing", "Missing not exist in list"),
-])
-def test_save_refusals(kits, files_dir, caplog, name, message):
-    ret = kits.saveAAKitFile(name)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, message)
-    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
-
-
-@pytest.mark.parametrize("answer", [RetType(), RetType(RetCode.ERROR, "x")])
-def test_save_with_callback_hands_over_the_record_and_writes_nothing(kits, files_dir, caplog, answer):
+def test_callbacks_take_over_storage_even_for_names_no_file_could_carry(kits, files_dir, caplog):
     caplog.set_level(logging.INFO)
     (files_dir / ("AAKIT_%s.csv" % OFFICIAL)).unlink()
-    callback = Recorder(answer)
-    ret = kits.saveAAKitFile(OFFICIAL, callback, context="ignored")
-    assert (ret.RetCode, ret is answer) == (answer.RetCode, answer.RetCode != RetCode.OK)
-    ((args, kwargs),) = callback.calls
-    assert args == () and kwargs == {"func_name": "saveAAKitFile", "kitName": OFFICIAL, "check": False,
-                                     "context": kits._AAKitTable[OFFICIAL]}
-    assert kwargs["context"] is kits._AAKitTable[OFFICIAL] and os.listdir(files_dir) == []
-    assert records(caplog, "AAKitTbl") == [("INFO", "Forward to saving AAKit")]
-
-
-def test_names_that_cannot_name_a_file_still_go_to_a_callback(kits):
-    kits._AAKitTable["a/b"] = dict(kits._AAKitTable[OFFICIAL], TYPE=1)
-    callback = Recorder()
-    assert kits.saveAAKitFile("a/b", callback).RetCode == RetCode.OK
-    assert kits.deleteAAKitInfo("a/b", callback).RetCode == RetCode.OK
-    assert [kw["kitName"] for _, kw in callback.calls] == ["a/b", "a/b"]
-
+    record = kits._AAKitTable["a/b"] = dict(kits._AAKitTable[OFFICIAL], TYPE=1)
+    callback = Recorder(RetType(RetCode.ERROR_DB_FEEDBACK, "db says no"))
+    assert kits.saveAAKitFile("a/b", callback, context="ignored") is callback.answer
+    assert kits.deleteAAKitInfo("a/b", callback) is callback.answer
+    assert callback.calls == [{"func_name": "saveAAKitFile", "kitName": "a/b", "check": False, "context": record},
+                              {"func_name": "deleteAAKitInfo", "kitName": "a/b", "check": False}]
+    assert callback.calls[0]["context"] is record and "a/b" not in kits._AAKitTable
+    assert records(caplog, "AAKitTbl") == [("INFO", "Forward to saving AAKit"), ("INFO", "Forward to deleting AAKit")]
+    # A callback's success is answered with a result of our own.
+    callback.answer = RetType()
+    ret = kits.saveAAKitFile(OFFICIAL, callback)
+    assert ret.RetCode == RetCode.OK and ret is not callback.answer
+    assert os.listdir(files_dir) == []

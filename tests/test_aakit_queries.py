@@ -1,6 +1,5 @@
 """Antenna-kit manager: selecting, listing and describing kits, and naming custom kits."""
 import datetime
-import logging
 import re
 
 import pytest

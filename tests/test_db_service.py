@@ -86,16 +86,14 @@ def test_two_processes_writing_at_once_lose_nothing(tmp_path):
 def test_beam_store_keeps_tables_per_frequency_and_kit(tmp_path):
     path = str(tmp_path / "beams.db")
     store = BeamTableStore("SN-A", path)
-    table = store("_load", freq=28.0, aakit="KIT", devtype=9, num_beam=4, rf_layout=(4, 1, 4),
-                  check_funcs=None, web_client_id=None).RetData
+    table = store("_load", freq=28.0, aakit="KIT").RetData
     assert (table["SN"], table["FREQ"], table["AAKIT_NAME"], table["TX"], table["RX"]) == ("SN-A", 28.0, "KIT", {}, {})
     table["TX"]["1"] = {"beam_description": "boresight", "beam_type": 0}
     assert store("saveToBeamTableFile").RetCode == RetCode.OK          # saves the table it handed out
-    other = {"VERSION": "v2.0.0", "FREQ": 27.5, "AAKIT_NAME": "", "TX": {}, "RX": {"2": {}}}
-    assert store("saveToBeamTableFile", new_table=other).RetCode == RetCode.OK
+    assert store("_load", freq=28.0, aakit="OTHER").RetData["TX"] == {}
     fresh = BeamTableStore("SN-A", path)
     assert fresh("_load", freq=28, aakit="KIT").RetData["TX"]["1"]["beam_description"] == "boresight"
-    assert fresh("_load", freq=27.5, aakit="").RetData["RX"] == {"2": {}}
+    assert fresh("_load", freq=27.5, aakit="KIT").RetData["TX"] == {}
     assert fresh("bogus").RetCode == RetCode.ERROR
 
 

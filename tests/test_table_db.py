@@ -30,23 +30,6 @@ def unsent(db):
 
 # ------------------------------------------------------------ construction --
 
-def test_service_is_loaded_relative_to_the_module_name_without_device(tm, service, restore_module_globals):
-    seen = []
-
-    class RecordingImportlib:
-        @staticmethod
-        def import_module(name, package=None):
-            seen.append((name, package))
-            return service.module
-
-    tm.importlib = RecordingImportlib
-    tm._QRVTableDB("calibration", {})
-    tm.__name__ = "vexcore.device.qrvdev.device.QRVTableManager"
-    tm._QRVTableDB("calibration", {})
-    assert seen == [(SERVICE_NAME, "vexcore.qrvdev.QRVTableManager")] * 2
-    assert service.tables == ["calibration"] * 2
-
-
 @pytest.mark.parametrize("temp", [None, [("sn", "x")]])
 def test_template_must_be_a_dict(tm, service, temp):
     with pytest.raises(TypeError):
@@ -63,7 +46,7 @@ def test_setters_write_into_the_creators_template(db, template, service):
 
 @pytest.mark.parametrize("cause", ["missing module", "queryer fails"])
 def test_construction_failure_is_logged_and_leaves_a_hollow_object(tm, monkeypatch, caplog, cause):
-    module = None                                    # import raises ImportError
+    module = None                                    # the import raises ImportError
     if cause == "queryer fails":
         module = FakeService().module
         module.DBQueryer = lambda table_name: 1 / 0
@@ -78,30 +61,24 @@ def test_construction_failure_is_logged_and_leaves_a_hollow_object(tm, monkeypat
 
 # ------------------------------------------------------------ single query --
 
-@pytest.mark.parametrize("key, keys", [
-    ("VER", ["VER"]),
-    (["TX", "HORIZON"], ["TX.HORIZON"]),
-    ([["TX", "HORIZON"], ["RX", "VERTICAL"]], ["TX.HORIZON", "RX.VERTICAL"]),
-    ([], []),
-    (("TX", "RX"), [("TX", "RX")]),
+@pytest.mark.parametrize("args, category, keys", [
+    (("VER", "BOARD_2"), "BOARD_2", ["VER"]),
+    ((["TX", "HORIZON"], "BOARD_2"), "BOARD_2", ["TX.HORIZON"]),
+    (([["TX", "HORIZON"], ["RX", "VERTICAL"]],), "GENERAL", ["TX.HORIZON", "RX.VERTICAL"]),
+    (([],), "GENERAL", []),
+    ((("TX", "RX"),), "GENERAL", [("TX", "RX")]),
+    ((), "GENERAL", [""]),
 ])
-def test_query_keys_and_payload(db, service, template, caplog, key, keys):
+def test_query_keys_and_payload(db, service, template, caplog, args, category, keys):
     caplog.set_level(logging.DEBUG, logger="TblDB")
     service.replies.append({"code": 0, "data": 1})
-    db.query(key, "BOARD_2")
+    db.query(*args)
     (call,) = service.calls
-    assert call.query_cmd is None and call.payload_object is not template
-    assert call.payload == dict(template, category="BOARD_2", query=keys)
+    assert call.query_cmd is None and call.payload_object is not template and "category" not in template
+    assert call.payload == dict(template, category=category, query=keys)
     (record,) = [r for r in caplog.records if r.name == "TblDB"]
     # logging keeps a lone mapping argument as the args themselves.
     assert (record.levelname, record.msg, record.args) == ("DEBUG", "[Query]: %s", call.payload)
-
-
-def test_query_defaults_to_an_empty_key_of_the_general_category(db, service, template):
-    service.replies.append({"code": 0, "data": {}})
-    db.query()
-    assert service.calls[0].payload == dict(template, category="GENERAL", query=[""])
-    assert "category" not in template
 
 
 def test_a_list_stops_at_its_first_part_that_is_not_a_list(db, service):

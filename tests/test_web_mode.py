@@ -10,6 +10,9 @@ import vexcore.samples as samples
 from vexcore.QRVPublic import RFMode, RetCode
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db.upload import UploadError, import_calibration_files, infer_layout
+from vexcore.db.web_tables import AAKitStore, BeamTableStore
+
+from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
 
 SN, FREQ = "K5350R019-28", 28
 SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
@@ -49,17 +52,6 @@ def test_web_mode_answers_like_file_mode(tm, stocked):
     assert web_mode._getComData(*ask) == file_mode._getComData(*ask)
 
 
-def test_database_failures_become_results(tm, stocked, monkeypatch):
-    unknown = tm.CalibrationTableManager("NO-SUCH-SN", FREQ, tm.fake_rf_layout, web_client_id="111")
-    ret = unknown.getFrequencyList()
-    assert ret.RetCode == RetCode.ERROR_DB_FEEDBACK and "NO-SUCH-SN" in ret.RetMsg
-    assert unknown.getDR().RetCode == RetCode.ERROR_DB_FEEDBACK
-    monkeypatch.setenv("VEXCORE_DB", str(stocked / "missing" / "tables.db"))
-    _, web_mode = managers(tm)
-    for ret in (web_mode.getFrequencyList(), web_mode.getDR(RFMode.TX), web_mode.getCOMDR()):
-        assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_DB_SERVER, "DB server connection error")
-
-
 def test_bad_files_are_refused_with_the_parser_result(tmp_path, monkeypatch):
     assert infer_layout(SAMPLE) == (4, 1, 4)
     monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
@@ -96,28 +88,26 @@ def test_demonstration_runs_on_the_samples_and_explains_a_missing_set_up(tmp_pat
 
 
 def test_beam_tables_round_trip_through_the_database(tm, tmp_path, files_dir):
-    from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
-    from vexcore.db.web_tables import BeamTableStore
+    path = str(tmp_path / "web.db")
 
-    store = BeamTableStore(SN, str(tmp_path / "web.db"))
-    writer = make_manager(tm, hooks=Hooks(), web_client_id="111")
-    writer._updateAAKit("KIT")
+    def manager():
+        beams = make_manager(tm, hooks=Hooks(), web_client_id="111")
+        beams._updateAAKit("KIT")
+        return beams
+
     # In web mode the table is taken in through a batch read with the callback.
-    assert writer._getBatchBeamPattern(tm.BTModeFilter.ALL, store).RetData == {"TX": {}, "RX": {}}
+    writer = manager()
+    assert writer._getBatchBeamPattern(tm.BTModeFilter.ALL, BeamTableStore(SN, path)).RetData == {"TX": {}, "RX": {}}
     batch = {"TX": {"1": steered_beam(), "2": channel_beam()}, "RX": {"3": channel_beam(db=0.5)}}
-    ret = writer._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_REPLACE, store)
+    ret = writer._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_REPLACE, BeamTableStore(SN, path))
     assert ret.RetCode == RetCode.OK, ret.RetMsg
-    reader = make_manager(tm, hooks=Hooks(), web_client_id="111")
-    reader._updateAAKit("KIT")
-    reloaded = reader._getBatchBeamPattern(tm.BTModeFilter.ALL, BeamTableStore(SN, str(tmp_path / "web.db")))
-    assert reloaded.RetData == writer._getBatchBeamPattern().RetData and set(reloaded.RetData["TX"]) == {"1", "2"}
-    assert reloaded.RetData["RX"]["3"]["channel_config"] == batch["RX"]["3"]["channel_config"]
+    reloaded = manager()._getBatchBeamPattern(tm.BTModeFilter.ALL, BeamTableStore(SN, path)).RetData
+    assert reloaded == writer._getBatchBeamPattern().RetData and set(reloaded["TX"]) == {"1", "2"}
+    assert reloaded["RX"]["3"]["channel_config"] == batch["RX"]["3"]["channel_config"]
     assert not list(files_dir.rglob("*.json"))            # no local beam file in web mode
 
 
 def test_kits_round_trip_through_the_database(tm, tmp_path, files_dir):
-    from vexcore.db.web_tables import AAKitStore
-
     store = AAKitStore(str(tmp_path / "web.db"))
     writer = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
     name = writer.setAAKitInfo("Lab", [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [1, 2, 3, 4], [4, 3, 2, 1]).RetData
@@ -126,6 +116,5 @@ def test_kits_round_trip_through_the_database(tm, tmp_path, files_dir):
     assert reader.getAAKitList(callback=store.list_kits).RetData == [name]
     assert reader.getAAKitInfo(name).RetData == writer.getAAKitInfo(name).RetData
     assert reader.deleteAAKitInfo(name, callback=store.store).RetCode == RetCode.OK
-    assert tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111").getAAKitList(
-        callback=store.list_kits).RetData == []
+    assert reader.getAAKitList(callback=store.list_kits).RetData == []
     assert not list(files_dir.glob("AAKIT_*"))           # nothing written locally
