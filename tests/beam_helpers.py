@@ -1,7 +1,9 @@
 """Shared pieces of the beam table tests: gain limits, recording check hooks, file helpers."""
 import json
 
-from vexcore.QRVPublic import RetCode
+import pytest
+
+from vexcore.QRVPublic import BeamType, RetCode
 from vexcore.QRVUtils import RetType
 
 SN = "K5350R019-28"
@@ -51,10 +53,6 @@ def make_manager(tm, hooks=None, layout=(4, 1, 4), num_beam=8, web_client_id=Non
     return manager
 
 
-def table_dir(files_dir):
-    return files_dir / "BeamTable"
-
-
 def read_json(path):
     with open(path, encoding="utf-8") as f:
         return json.load(f)
@@ -83,3 +81,23 @@ def steered_beam(db=2.0, theta=15, phi=30, description="steered"):
 def saved_table(manager):
     """The beam table file of a manager, as json reads it."""
     return read_json(manager._BeamPatternTableManager__path)
+
+
+def default_beam(manager, beam_type=BeamType.CHANNEL, mode=0):
+    """The default beam the manager generates for a fresh id."""
+    beam = {}
+    manager._BeamPatternTableManager__generateDefaultBeam(beam, beam_type, mode)
+    return beam
+
+
+@pytest.fixture
+def hooks():
+    return Hooks()
+
+
+@pytest.fixture
+def manager(tm, files_dir, hooks):
+    """A manager with recording hooks whose (empty) table is loaded for 28 GHz and KIT."""
+    manager = make_manager(tm, hooks=hooks)
+    assert manager._load(28.0, KIT).RetCode == RetCode.OK
+    return manager

@@ -3,7 +3,7 @@ import json
 
 import pytest
 
-from tables_helpers import CALI, copy_samples, edit_lines, replace_row, run_tool
+from tables_helpers import CALI, KIT, copy_samples, edit_lines, replace_row, run_tool
 
 
 @pytest.fixture
@@ -11,104 +11,73 @@ def files(tmp_path):
     return copy_samples(tmp_path)
 
 
-def _old_table(files, kit=""):
+def _old_table(files, length=16):
     """An old list-format table with one channel beam whose gains partly exceed the cap."""
-    name = "Beam_Configuration_K5350R019-28_28GHz%s.json" % ("_" + kit if kit else "")
-    path = files / "BeamTable" / name
-    channels = [{"channel": ch, "sw": ch % 2, "db": 2.0 * ch, "deg": 15 * ch} for ch in range(16, 0, -1)]
-    old = {"version": "v1.0.0", "TX_beam_list": [{"beamId": 7, "beam_type": 1, "channel_config": channels,
-                                                   "beam_description": "old", "channel_switch": 1}],
-           "RX_beam_list": []}
-    path.write_text(json.dumps(old), encoding="utf-8")
-    return path, channels
-
-
-def _cap(files, mode, board):
-    """COMDR upper bound + ELEDR of a board, read from the calibration CSV."""
-    rows = [line.split(",") for line in (files / CALI).read_text(encoding="utf-8").splitlines()]
-    comdr = next(r for r in rows if r[:4] == ["COMDR", mode, "DR", str(board)])
-    eledr = next(r for r in rows if r[:4] == ["ELEDR", mode, "DR", str(board)])
-    return float(comdr[6]) + float(eledr[5])
+    path = files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json"
+    channels = [{"channel": ch, "sw": ch % 2, "db": 2.0 * ch, "deg": 15 * ch} for ch in range(length, 0, -1)]
+    path.write_text(json.dumps({"version": "v1.0.0", "RX_beam_list": [], "TX_beam_list": [
+        {"beamId": 7, "beam_type": 1, "channel_config": channels, "beam_description": "old", "channel_switch": 1}]}))
+    return path
 
 
 def test_an_old_beam_table_is_converted_to_out_and_the_input_kept(files, tmp_path, capsys):
-    path, channels = _old_table(files)
+    path = _old_table(files)
     before = path.read_bytes()
     out_path = tmp_path / "converted.json"
     status, out, _ = run_tool(capsys, "convert", path, "--out", out_path, "--devtype", 9)
-    assert status == 0, out
-    assert path.read_bytes() == before
-    assert "(v1.0.0) -> %s (v2.0.0)" % out_path in out
+    assert status == 0 and "(v1.0.0) -> %s (v2.0.0)" % out_path in out and path.read_bytes() == before
     text = out_path.read_text(encoding="utf-8")
     table = json.loads(text)
     assert text == json.dumps(table, ensure_ascii=False, indent=2)        # as the beam manager writes
     assert (table["VERSION"], table["DEV_TYPE"], table["FREQ"], "SN" in table) == ("v2.0.0", 9, 28.0, False)
-    beam = table["TX"]["7"]
-    assert beam["beam_description"] == "" and beam["beam_type"] == 1
-    by_number = {c["channel"]: c for c in channels}
-    for board in range(1, 5):
-        config = beam["channel_config"]["board_%d" % board]
+    # Gains (2 dB per channel number) are capped at COMDR upper bound + ELEDR of the sample's TX boards.
+    caps = [3.5 + 6.5, 4 + 6, 3 + 7, 3 + 6.5]
+    for board, cap in enumerate(caps):
+        config = table["TX"]["7"]["channel_config"]["board_%d" % (board + 1)]
         assert config["common_db"] is None
-        for ch in range(1, 5):
-            old = by_number[(board - 1) * 4 + ch]
-            assert config["channel_%d" % ch] == {"sw": old["sw"], "db": min(old["db"], _cap(files, "TX", board)),
-                                                 "deg": old["deg"]}
+        assert [config["channel_%d" % c]["db"] for c in range(1, 5)] == [min(2.0 * (board * 4 + c), cap)
+                                                                         for c in range(1, 5)]
 
 
 def test_in_place_replaces_the_table_and_a_second_run_has_nothing_to_do(files, capsys):
-    path, _ = _old_table(files)
+    path = _old_table(files)
     status, _, _ = run_tool(capsys, "convert", path, "--in-place")
     assert status == 0 and json.loads(path.read_text(encoding="utf-8"))["VERSION"] == "v2.0.0"
     before = path.read_bytes()
     status, out, _ = run_tool(capsys, "convert", path, "--in-place")
-    assert status == 0 and "already in the current format (v2.0.0)" in out
-    assert path.read_bytes() == before
+    assert status == 0 and "already in the current format (v2.0.0)" in out and path.read_bytes() == before
 
 
-def test_an_old_table_with_a_channel_list_of_the_wrong_length_is_not_converted(files, tmp_path, capsys):
-    path, _ = _old_table(files)
-    table = json.loads(path.read_text(encoding="utf-8"))
-    del table["TX_beam_list"][0]["channel_config"][3:7]
-    path.write_text(json.dumps(table), encoding="utf-8")
-    status, out, _ = run_tool(capsys, "convert", path, "--out", tmp_path / "x.json")
-    assert status == 1 and not (tmp_path / "x.json").exists()
-    assert "ERROR_BF_BEAM_FILE  TX BeamID:7: count of channel_config(12) not match with channel count(16)" in out
-
-
-@pytest.mark.parametrize("args, message", [
-    ([], "give --out FILE for the converted table, or --in-place"),
-    (["--out", "{existing}"], "exists; give --force to replace it"),
+@pytest.mark.parametrize("make, message", [
+    (lambda files: _old_table(files, length=12),
+     "ERROR_BF_BEAM_FILE  TX BeamID:7: count of channel_config(12) not match with channel count(16)"),
+    (lambda files: edit_lines(files / CALI, replace_row("SN,", "SN,OTHER")), "Wrong SN!"),
 ])
-def test_beam_conversion_never_overwrites_by_surprise(files, capsys, args, message):
-    path, _ = _old_table(files)
-    existing = files / CALI
-    before = existing.read_bytes()
-    status, _, err = run_tool(capsys, "convert", path, *[a.format(existing=existing) for a in args])
-    assert status == 2 and message in err and existing.read_bytes() == before
+def test_a_table_the_manager_refuses_is_not_converted(files, tmp_path, capsys, make, message):
+    status, out, _ = run_tool(capsys, "convert", make(files), "--out", tmp_path / "x.json")
+    assert status == 1 and message in out and not (tmp_path / "x.json").exists()
 
 
 def test_a_calibration_csv_is_exported_as_the_manager_writes_it(files, capsys):
     status, out, _ = run_tool(capsys, "convert", files / CALI)
     target = files / CALI.replace(".csv", ".json")
-    assert status == 0 and "-> %s" % target in out
-    table = json.loads(target.read_text(encoding="utf-8"))
-    assert target.read_text(encoding="utf-8") == json.dumps(table, ensure_ascii=False, indent=4)
-    assert table["SN"] == "K5350R019-28" and table["DR"]["TX"] == [-10.0, 5.0]
+    text = target.read_text(encoding="utf-8")
+    assert status == 0 and "-> %s" % target in out and text == json.dumps(json.loads(text), ensure_ascii=False,
+                                                                          indent=4)
+    assert json.loads(text)["DR"]["TX"] == [-10.0, 5.0]
     # The export reads back through the calibration manager's parseRawJson.
     status, out, _ = run_tool(capsys, "check", target)
     assert status == 0 and out.startswith("OK    calibration-json")
 
 
-def test_a_broken_calibration_csv_is_not_exported(files, tmp_path, capsys):
-    edit_lines(files / CALI, replace_row("SN,", "SN,OTHER"))
-    status, out, _ = run_tool(capsys, "convert", files / CALI, "--out", tmp_path / "c.json")
-    assert status == 1 and "Wrong SN!" in out and not (tmp_path / "c.json").exists()
-
-
-@pytest.mark.parametrize("name, message", [
-    ("AAKIT_QRVLAB-4x4_PRIME_28_IDEAL.csv", "is a kit table"),
-    ("missing_28GHz.csv", "no such file"),
+@pytest.mark.parametrize("name, args, message", [
+    (KIT, ["--out", "{files}/x.json"], "is a kit table"),
+    ("missing_28GHz.csv", ["--out", "{files}/x.json"], "no such file"),
+    ("beam", [], "give --out FILE for the converted table, or --in-place"),
+    ("beam", ["--out", "{files}/" + CALI], "exists; give --force to replace it"),
 ])
-def test_other_tables_and_missing_files_are_refused(files, capsys, name, message):
-    status, _, err = run_tool(capsys, "convert", files / name, "--out", files / "x.json")
-    assert status == 2 and message in err and not (files / "x.json").exists()
+def test_usage_errors_never_overwrite_by_surprise(files, capsys, name, args, message):
+    path = _old_table(files) if name == "beam" else files / name
+    before = (files / CALI).read_bytes()
+    status, _, err = run_tool(capsys, "convert", path, *[a.format(files=files) for a in args])
+    assert status == 2 and message in err and not (files / "x.json").exists() and (files / CALI).read_bytes() == before
