@@ -58,12 +58,21 @@ $(SAN_VENV)/.tools: pyproject.toml
 	$(SAN_PY) -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS)
 	touch $@
 
+# Sanitizer reports go to files (pytest's output capture would lose them when the
+# process aborts) and are printed, failing the run, whatever pytest's status.
+SAN_REPORT := $(abspath build/sanitize)/report
+
 sanitize: $(SAN_VENV)/.tools
 	$(SAN_PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/sanitize \
 	    -Ccmake.build-type=RelWithDebInfo -Ccmake.define.VEX_SANITIZE=ON .
+	rm -f $(SAN_REPORT).*
 	LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(gcc -print-file-name=libubsan.so)" \
-	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	PYTHONMALLOC=malloc $(SAN_PY) -m pytest $(PYTEST_ARGS) -p no:faulthandler tests $(SANITIZE_ARGS)
+	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:log_path=$(SAN_REPORT) \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:log_path=$(SAN_REPORT) \
+	PYTHONMALLOC=malloc $(SAN_PY) -m pytest $(PYTEST_ARGS) -p no:faulthandler tests $(SANITIZE_ARGS); \
+	status=$$?; \
+	if ls $(SAN_REPORT).* >/dev/null 2>&1; then cat $(SAN_REPORT).*; exit 1; fi; \
+	exit $$status
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)
