@@ -5,17 +5,19 @@ import os
 
 import vexcore.qrvdev.QRVTableManager as tm
 
-STUB = os.path.join(os.path.dirname(tm.__file__), "__init__.pyi")
+FOLDER = os.path.dirname(tm.__file__)
 
 
-def _stub_names():
-    tree = ast.parse(open(STUB, encoding="utf-8").read())
+def stub_names():
+    """(module-level names, {class name: method names}) declared in the installed stub."""
+    with open(os.path.join(FOLDER, "__init__.pyi"), encoding="utf-8") as stub:
+        tree = ast.parse(stub.read())
     top, members = set(), {}
     for node in tree.body:
+        if isinstance(node, ast.ClassDef):
+            members[node.name] = {n.name for n in node.body if isinstance(n, ast.FunctionDef)}
         if isinstance(node, (ast.ClassDef, ast.FunctionDef)):
             top.add(node.name)
-            if isinstance(node, ast.ClassDef):
-                members[node.name] = {n.name for n in node.body if isinstance(n, ast.FunctionDef)}
         elif isinstance(node, ast.AnnAssign):
             top.add(node.target.id)
         elif isinstance(node, (ast.Import, ast.ImportFrom)):
@@ -23,19 +25,10 @@ def _stub_names():
     return top, members
 
 
-def test_stub_is_installed_beside_the_extension():
-    assert os.path.isfile(STUB)
-    assert os.path.isfile(os.path.join(os.path.dirname(tm.__file__), "py.typed"))
-
-
-def test_every_module_name_is_in_the_stub():
-    top, _ = _stub_names()
-    public = {name for name in vars(tm) if not name.startswith("__")}
-    assert public - top == set()
-
-
-def test_every_method_is_in_the_stub():
-    _, members = _stub_names()
+def test_stub_names_every_module_name_and_method():
+    assert os.path.isfile(os.path.join(FOLDER, "py.typed"))
+    top, members = stub_names()
+    assert {name for name in vars(tm) if not name.startswith("__")} - top == set()
     for name, value in vars(tm).items():
         if inspect.isclass(value) and value.__module__ == tm.__name__ and not issubclass(value, tm.Enum):
             methods = {m for m, v in vars(value).items() if callable(v) and not m.startswith("__") or m == "__init__"}
