@@ -15,23 +15,20 @@ from hypothesis import HealthCheck, settings, strategies as st
 
 from vexcore.QRVUtils import RetType
 
-EXAMPLES_VARIABLE = "VEXCORE_FUZZ_EXAMPLES"
 BENCH = Path(__file__).resolve().parent.parent / "bench"
-
-# A call stuck longer than this inside the module is a hang: the process is ended
-# with every thread's traceback instead of blocking the run for ever.
-HANG_SECONDS = 900
 
 
 def fuzz_settings(default_examples):
-    examples = int(os.environ.get(EXAMPLES_VARIABLE, default_examples))
+    examples = int(os.environ.get("VEXCORE_FUZZ_EXAMPLES", default_examples))
     return settings(max_examples=examples, deadline=None, database=None,
                     suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow,
                                            HealthCheck.data_too_large, HealthCheck.filter_too_much])
 
 
 @contextmanager
-def hang_watchdog(seconds=HANG_SECONDS):
+def hang_watchdog(seconds=900):
+    """A call stuck this long inside the module is a hang: the process is ended with
+    every thread's traceback instead of blocking the run for ever."""
     faulthandler.dump_traceback_later(seconds, exit=True)
     try:
         yield
@@ -52,6 +49,15 @@ def same_json(a, b):
     return a == b or json.dumps(a, sort_keys=True) == json.dumps(b, sort_keys=True)
 
 
+def folder_contents(folder):
+    return {p.name: p.read_bytes() for p in sorted(folder.iterdir())} if folder.is_dir() else {}
+
+
+def outside_listing(files_dir):
+    """Every path under the test's temporary folder that lies outside the files directory."""
+    return sorted(str(p) for p in files_dir.parent.rglob("*") if files_dir not in p.parents and p != files_dir)
+
+
 # ------------------------------------------------------------- outcomes ---
 
 def outcome(call, *args, **kwargs):
@@ -67,6 +73,11 @@ def outcome(call, *args, **kwargs):
     except Exception as exc:      # noqa: BLE001 - the caller decides what may escape
         return "raised", exc
     return "result", value
+
+
+def verdict(kind, value):
+    """What two implementations must agree on: the exception type, or code and message."""
+    return (kind, type(value)) if kind == "raised" else (kind, value.RetCode, value.RetMsg)
 
 
 def assert_result(call, *args, allowed=(), **kwargs):
@@ -110,16 +121,11 @@ def mutate(data, changes):
         elif kind == "truncate":
             del data[at:]
         else:
-            data = _edit_line(data, at, repeat=kind == "repeat_line")
+            start = data.rfind(b"\n", 0, at) + 1
+            end = data.find(b"\n", at)
+            end = len(data) if end < 0 else end + 1
+            data[start:end] = data[start:end] * 2 if kind == "repeat_line" else b""
     return bytes(data)
-
-
-def _edit_line(data, at, repeat):
-    start = data.rfind(b"\n", 0, at) + 1
-    end = data.find(b"\n", at)
-    end = len(data) if end < 0 else end + 1
-    line = data[start:end]
-    return data[:end] + line + data[end:] if repeat else data[:start] + data[end:]
 
 
 def beyond_any_device(layout):
@@ -137,9 +143,6 @@ class RaisingStr:
 
     def __str__(self):
         raise RuntimeError("no text form")
-
-    def __repr__(self):
-        return "RaisingStr()"
 
     def __format__(self, spec):
         raise RuntimeError("no format")
@@ -165,9 +168,6 @@ class LyingSequence:
         if index >= 1:
             raise IndexError(index)
         return 1
-
-    def __iter__(self):
-        return iter([1])
 
 
 class BigIndex:
@@ -204,16 +204,11 @@ scalars = st.one_of(
     st.sampled_from(["TX", "RX", "", "board_1", "channel_1", "db", "\0", "../x", "*", "[", "K5350R019-28"]),
 )
 
-
-def _make_hostile(kind):
-    return {"raising_str": RaisingStr, "raising_eq": RaisingEq, "lying_sequence": LyingSequence,
-            "big_index": BigIndex, "object": object, "str_subclass": lambda: StrSubclass("TX"),
-            "float_subclass": lambda: FloatSubclass(1.5), "shrinking_dict": lambda: ShrinkingDict(a=1, board_1={}),
-            "function": lambda: (lambda *a, **k: None), "type": lambda: int}[kind]()
-
-
-hostile = st.sampled_from(["raising_str", "raising_eq", "lying_sequence", "big_index", "object", "str_subclass",
-                           "float_subclass", "shrinking_dict", "function", "type"]).map(_make_hostile)
+HOSTILE = {"raising_str": RaisingStr, "raising_eq": RaisingEq, "lying_sequence": LyingSequence,
+           "big_index": BigIndex, "object": object, "str_subclass": lambda: StrSubclass("TX"),
+           "float_subclass": lambda: FloatSubclass(1.5), "shrinking_dict": lambda: ShrinkingDict(a=1, board_1={}),
+           "function": lambda: (lambda *a, **k: None), "type": lambda: int}
+hostile = st.sampled_from(sorted(HOSTILE)).map(lambda kind: HOSTILE[kind]())
 
 # Any value a careless or hostile caller might pass: scalars, odd objects, and
 # containers of them nested a few levels deep.

@@ -5,9 +5,8 @@ Each operation runs three rounds of a few hundred calls after a warm-up. A
 reference leaked per call would raise the reference count of the objects involved
 (the arguments, None, True, False) by at least the number of calls in every round;
 a leaked object would raise the interpreter's count of allocated memory blocks by
-as much. The loggers stay
-at DEBUG and format every record (tracebacks included), so the logging paths run
-too, but nothing is kept.
+as much. The loggers stay at DEBUG and format every record (tracebacks included),
+so the logging paths run too, but nothing is kept.
 """
 import gc
 import logging
@@ -19,9 +18,9 @@ import pytest
 
 from aakit_samples import LITE, OFFICIAL, STAMP, kit_rows, write_rows
 from beam_helpers import COMDR, DR, ELEDR, channel_beam, steered_beam
-from vexcore.QRVUtils import RetType
 from calibration_sample import SN as CALI_SN, make_sample
 from vexcore.QRVPublic import BeamType, RFMode
+from vexcore.QRVUtils import RetType
 
 CALLS = 200
 ROUNDS = 3
@@ -99,12 +98,10 @@ class Service:
         return {"code": 0, "data": {"answer": [-9.5, 5.0]}}
 
 
-def accept_beam(mode, db, theta, phi, extra):
-    return RetType(data=(db, theta, phi))
-
-
-def accept_gains(mode, board, gains, common):
-    return RetType(data=gains) if board != 3 or gains[0] != "refuse" else RetType(data=None)
+# Check hooks that accept everything and, unlike the recording ones of the beam
+# tests, keep nothing: a kept call would count as a leaked object.
+HOOKS = (lambda mode, db, theta, phi, extra: RetType(data=(db, theta, phi)),
+         lambda mode, board, gains, common: RetType(data=gains))
 
 
 @pytest.fixture
@@ -119,24 +116,23 @@ def managers(tm, files_dir, monkeypatch):
     write_rows(files_dir / ("AAKIT_%s.csv" % KIT), kit_rows(KIT, kit_type=1))
     (files_dir / "UD1.csv").write_text("UD1\n300\n")
     (files_dir / "UD2.csv").write_text("1.5\n")
-    cali = tm.CalibrationTableManager(CALI_SN, 28, lambda: (4, 1, 4))
-    cali.parse(exportToJson=True)
-    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
-    kits.parse()
-    beams = tm.BeamPatternTableManager("SN1", 7, 8, (4, 1, 4), (accept_beam, accept_gains))
-    beams._updateFreq(28.0, DR, COMDR, ELEDR)
-    beams._load(28.0, "")
-    beams.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 1.0, "theta": 0, "phi": 0})
-    return types.SimpleNamespace(
-        cali=cali, kits=kits, beams=beams,
-        bad=tm.CalibrationTableManager("BAD", 28, lambda: (4, 1, 4)),
-        cut=tm.CalibrationTableManager("CUT", 28, lambda: (4, 1, 4)),
-        missing=tm.CalibrationTableManager("NONE", 28, lambda: (4, 1, 4)),
-        web=tm.CalibrationTableManager("WEB", 28, lambda: (4, 1, 4), False, "client"),
-        down=tm.CalibrationTableManager("down", 28, lambda: (4, 1, 4), False, "client"),
-        polar=tm.CalibrationTableManager("POL", 28, lambda: (1, 1, 4), True),
+
+    def cali(sn, *more, layout=(4, 1, 4)):
+        return tm.CalibrationTableManager(sn, 28, lambda: layout, *more)
+
+    m = types.SimpleNamespace(
+        cali=cali(CALI_SN), bad=cali("BAD"), cut=cali("CUT"), missing=cali("NONE"), web=cali("WEB", False, "client"),
+        down=cali("down", False, "client"), polar=cali("POL", True, layout=(1, 1, 4)),
+        kits=tm.AAKitTableManager(LITE, 4, support_dev=[LITE]),
+        beams=tm.BeamPatternTableManager("SN1", 7, 8, (4, 1, 4), HOOKS),
         ud=tm.UDDeltaFreqTableManager("UD1"), ud_bad=tm.UDDeltaFreqTableManager("UD2"),
         ud_missing=tm.UDDeltaFreqTableManager("UD3"))
+    m.cali.parse(exportToJson=True)
+    m.kits.parse()
+    m.beams._updateFreq(28.0, DR, COMDR, ELEDR)
+    m.beams._load(28.0, "")
+    m.beams.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 1.0, "theta": 0, "phi": 0})
+    return m
 
 
 CONFIG = {"board_2": {"channel_3": {"sw": 1, "db": 2.0, "deg": 90}, "common_db": 9.0}}
@@ -146,59 +142,46 @@ BATCH = {"TX": {"2": channel_beam(), "3": steered_beam()}, "junk": {}}
 BAD_BATCH = {"TX": {"x": {}}}
 POISONED = {"TX": {"1": {"db": object()}}}
 
+# Grouped by manager and path: a reference leaked by any call in a group still
+# grows the counts by at least one per round of the group.
 OPERATIONS = {
-    # calibration, file mode
-    "cali parse": lambda m: m.cali.parse(),
-    "cali parse and export": lambda m: m.cali.parse(None, None, True),
-    "cali parse, file with a bad number": lambda m: m.bad.parse(),
-    "cali parse, file cut short": lambda m: m.cut.parse(),
-    "cali parse, no file": lambda m: m.missing.parse(),
-    "cali parse of lines": lambda m: m.cali.parse(None, iter(["VER,2.1.0\n", "END\n"])),
-    "cali parseRawJson": lambda m: m.cali.parseRawJson(),
-    "cali parseRawJson, no export": lambda m: m.missing.parseRawJson(),
-    "cali getDR": lambda m: (m.cali.getDR(), m.cali.getDR(RFMode.RX), m.cali.getDR(7)),
-    "cali getCOMDR/getELEDR/TC": lambda m: (m.cali.getCOMDR(), m.cali.getELEDR(), m.cali._getTC(),
-                                            m.cali._getBoardCOMDR(1, 2), m.cali._getBoardELEDR(0, 3)),
-    "cali versions and folders": lambda m: (m.cali.queryCaliTableVer(), m.missing.queryCaliTableVer(),
-                                            m.cali.getFrequencyList(True), m.cali.checkCaliTableLocation()),
-    # calibration, web and dual-polarization modes
-    "cali web queries": lambda m: (m.web.getDR(), m.web.getDR(0), m.web.queryCaliTableVer(),
-                                   m.web.getFrequencyList(), m.web.parse(28.0)),
-    "cali web cache rebuild": lambda m: (m.web.parse(28.0), m.web.getCOMDR(), m.web.getELEDR()),
-    "cali web, service down": lambda m: (m.down.getDR(), m.down.getCOMDR(), m.down.queryCaliTableVer(),
-                                         m.down.getFrequencyList()),
-    "cali dual polarization": lambda m: (m.polar.getDR(2), m.polar.getDR(0), m.polar.getCOMDR(),
-                                         m.polar._getTC()),
-    # kits
-    "kit parse and list": lambda m: (m.kits.parse(), m.kits.getAAKitList(True)),
-    "kit info and selection": lambda m: (m.kits.getAAKitInfo(KIT), m.kits.getAAKitInfo("none"),
-                                         m.kits.getAAKitInfo(local=True), m.kits._selectAAKit(KIT),
-                                         m.kits._selectAAKit("none")),
-    "kit set, update in place": lambda m: m.kits.setAAKitInfo(KIT, [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0],
-                                                              [0, 1, 2, 3], [3, 2, 1, 0]),
-    "kit set, wrong count": lambda m: m.kits.setAAKitInfo(KIT, [5.0], [-45.0, 45.0], [0.0, 0.0], [0], [0]),
-    "kit save": lambda m: m.kits.saveAAKitFile(KIT),
-    "kit save and delete refused": lambda m: (m.kits.saveAAKitFile("none"), m.kits.deleteAAKitInfo(OFFICIAL),
-                                              m.kits.deleteAAKitInfo("a/b", check=False),
-                                              m.kits.saveAAKitFile(None, None, False)),
-    "kit names": lambda m: (m.kits.computeAAKitFullName("X"), m.kits._AAKitTableManager__checkAAKitTimeFormat(STAMP),
-                            m.kits._AAKitTableManager__checkAAKitTimeFormat("bad")),
-    # UD delta
+    "cali file parse, export and refusals": lambda m: (
+        m.cali.parse(), m.cali.parse(None, None, True), m.bad.parse(), m.cut.parse(), m.missing.parse(),
+        m.cali.parse(None, iter(["VER,2.1.0\n", "END\n"])), m.cali.parseRawJson(), m.missing.parseRawJson()),
+    "cali queries": lambda m: (
+        m.cali.getDR(), m.cali.getDR(RFMode.RX), m.cali.getDR(7), m.cali.getCOMDR(), m.cali.getELEDR(),
+        m.cali._getTC(), m.cali._getBoardCOMDR(1, 2), m.cali._getBoardELEDR(0, 3), m.cali.queryCaliTableVer(),
+        m.missing.queryCaliTableVer(), m.cali.getFrequencyList(True), m.cali.checkCaliTableLocation()),
+    "cali web, cache rebuilt, service down": lambda m: (
+        m.web.getDR(), m.web.getDR(0), m.web.queryCaliTableVer(), m.web.getFrequencyList(), m.web.parse(28.0),
+        m.web.getCOMDR(), m.web.getELEDR(), m.down.getDR(), m.down.getCOMDR(), m.down.queryCaliTableVer(),
+        m.down.getFrequencyList()),
+    "cali dual polarization": lambda m: (m.polar.getDR(2), m.polar.getDR(0), m.polar.getCOMDR(), m.polar._getTC()),
+    "kit parse, queries and names": lambda m: (
+        m.kits.parse(), m.kits.getAAKitList(True), m.kits.getAAKitInfo(KIT), m.kits.getAAKitInfo("none"),
+        m.kits.getAAKitInfo(local=True), m.kits._selectAAKit(KIT), m.kits._selectAAKit("none"),
+        m.kits.computeAAKitFullName("X"), m.kits._AAKitTableManager__checkAAKitTimeFormat(STAMP),
+        m.kits._AAKitTableManager__checkAAKitTimeFormat("bad")),
+    "kit set and save, refusals": lambda m: (
+        m.kits.setAAKitInfo(KIT, [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [0, 1, 2, 3], [3, 2, 1, 0]),
+        m.kits.setAAKitInfo(KIT, [5.0], [-45.0, 45.0], [0.0, 0.0], [0], [0]), m.kits.saveAAKitFile(KIT),
+        m.kits.saveAAKitFile("none"), m.kits.deleteAAKitInfo(OFFICIAL), m.kits.deleteAAKitInfo("a/b", check=False),
+        m.kits.saveAAKitFile(None, None, False)),
     "ud parse": lambda m: (m.ud.parse(), m.ud_bad.parse(), m.ud_missing.parse(), m.ud.getUDDeltaFreq()),
-    # beams
-    "beam load": lambda m: m.beams._load(28.0, ""),
-    "beam get": lambda m: (m.beams.getBeamPattern(RFMode.TX, 1), m.beams.getBeamPattern(1, 5),
-                           m.beams.getBeamPattern(0, 99), m.beams.getBeamPattern(9, 1), m.beams.getBeamIdStorage()),
-    "beam set channel": lambda m: m.beams.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, CONFIG, "c", False),
-    "beam set steered and save": lambda m: m.beams.setBeamPattern(RFMode.RX, 3, BeamType.BEAM, STEERING, "s"),
-    "beam set refused": lambda m: (m.beams.setBeamPattern(RFMode.TX, 4, BeamType.CHANNEL, BAD_CONFIG),
-                                   m.beams.setBeamPattern(RFMode.TX, 4, BeamType.BEAM, {}),
-                                   m.beams.setBeamPattern(RFMode.TX, 0, BeamType.BEAM, STEERING)),
-    "beam batch": lambda m: (m.beams._getBatchBeamPattern(), m.beams._setBatchBeamPattern(BATCH, 3),
-                             m.beams._setBatchBeamPattern(BATCH, 5)),
-    "beam batch refused": lambda m: (m.beams._setBatchBeamPattern(BAD_BATCH, 5), m.beams._setBatchBeamPattern([], 5),
-                                     m.beams._getBatchBeamPattern(9)),
-    "beam save refused": lambda m: m.beams._saveToBeamTableFile(None, POISONED),
+    "beam load and get": lambda m: (
+        m.beams._load(28.0, ""), m.beams.getBeamPattern(RFMode.TX, 1), m.beams.getBeamPattern(1, 5),
+        m.beams.getBeamPattern(0, 99), m.beams.getBeamPattern(9, 1), m.beams.getBeamIdStorage()),
+    "beam set, refusals": lambda m: (
+        m.beams.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, CONFIG, "c", False),
+        m.beams.setBeamPattern(RFMode.RX, 3, BeamType.BEAM, STEERING, "s"),
+        m.beams.setBeamPattern(RFMode.TX, 4, BeamType.CHANNEL, BAD_CONFIG),
+        m.beams.setBeamPattern(RFMode.TX, 4, BeamType.BEAM, {}),
+        m.beams.setBeamPattern(RFMode.TX, 0, BeamType.BEAM, STEERING)),
+    "beam batch, refusals": lambda m: (
+        m.beams._getBatchBeamPattern(), m.beams._setBatchBeamPattern(BATCH, 3),
+        m.beams._setBatchBeamPattern(BATCH, 5), m.beams._setBatchBeamPattern(BAD_BATCH, 5),
+        m.beams._setBatchBeamPattern([], 5), m.beams._getBatchBeamPattern(9),
+        m.beams._saveToBeamTableFile(None, POISONED)),
 }
 
 
