@@ -7,6 +7,13 @@ PY     := $(VENV)/bin/python
 BUILD_TOOLS := "scikit-build-core>=0.10" "nanobind>=2.4" cmake ninja
 TEST_TOOLS  := "pytest>=7" "hypothesis>=6" "matplotlib>=3.6"
 
+# The property and fuzz tests draw their inputs from a seed that changes once a day:
+# every run of one day (a developer's, CI's) draws the same inputs, so a failure
+# seen in CI can be reproduced here, and the next day explores new ones.
+# `make check HYPOTHESIS_SEED=N` replays another day's inputs.
+HYPOTHESIS_SEED ?= $(shell date -u +%Y%m%d)
+PYTEST_ARGS := -q --hypothesis-seed=$(HYPOTHESIS_SEED)
+
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
@@ -30,7 +37,7 @@ test: check sanitize
 
 # The whole suite on the release build only: the quick loop while developing.
 check: install
-	$(PY) -m pytest -q tests
+	$(PY) -m pytest $(PYTEST_ARGS) tests
 
 # The demonstration runs in build/demo, prepared from the bundled sample tables.
 demo: install
@@ -51,12 +58,21 @@ $(SAN_VENV)/.tools: pyproject.toml
 	$(SAN_PY) -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS)
 	touch $@
 
+# Sanitizer reports go to files (pytest's output capture would lose them when the
+# process aborts) and are printed, failing the run, whatever pytest's status.
+SAN_REPORT := $(abspath build/sanitize)/report
+
 sanitize: $(SAN_VENV)/.tools
 	$(SAN_PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/sanitize \
 	    -Ccmake.build-type=RelWithDebInfo -Ccmake.define.VEX_SANITIZE=ON .
+	rm -f $(SAN_REPORT).*
 	LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(gcc -print-file-name=libubsan.so)" \
-	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	PYTHONMALLOC=malloc $(SAN_PY) -m pytest -q -p no:faulthandler tests $(SANITIZE_ARGS)
+	ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:log_path=$(SAN_REPORT) \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:log_path=$(SAN_REPORT) \
+	PYTHONMALLOC=malloc $(SAN_PY) -m pytest $(PYTEST_ARGS) -p no:faulthandler tests $(SANITIZE_ARGS); \
+	status=$$?; \
+	if ls $(SAN_REPORT).* >/dev/null 2>&1; then cat $(SAN_REPORT).*; exit 1; fi; \
+	exit $$status
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)

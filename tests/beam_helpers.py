@@ -58,11 +58,6 @@ def read_json(path):
         return json.load(f)
 
 
-def write_json(path, table):
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(json.dumps(table, ensure_ascii=False, indent=2), encoding="utf-8")
-
-
 def channel_beam(boards=4, channels=4, db=1.5, common=4.0, description="custom"):
     """A complete channel beam in table form."""
     config = {}

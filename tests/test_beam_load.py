@@ -5,7 +5,7 @@ import logging
 
 import pytest
 
-from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json, write_json
+from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json
 from conftest import records
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
@@ -19,23 +19,14 @@ def _path(files_dir, kit=KIT, freq="28"):
 
 
 def _write(path, content):
+    """Writes bytes, text or a table (as JSON) to path, creating its folder."""
+    content = json.dumps(content) if isinstance(content, dict) else content
     path.parent.mkdir(exist_ok=True)
     path.write_bytes(content if isinstance(content, bytes) else content.encode())
     return path
 
 
 # ----------------------------------------------------------- construction ---
-
-@pytest.mark.parametrize("layout", [(2, 3, 4), lambda: (2, 3, 4)], ids=["triple", "callable"])
-def test_construction_sets_every_attribute(tm, files_dir, layout):
-    hooks = Hooks()
-    manager = tm.BeamPatternTableManager("SN9", "ORBA", 16, layout, hooks.funcs)
-    assert {name.replace(P, ""): value for name, value in vars(manager).items()} == {
-        "logger": logging.getLogger("BeamTbl"), "web_mode": False, "func_beam_checking": hooks.beam,
-        "func_ic_gain_checking": hooks.ic, "defaultDir": files_dir / "BeamTable", "path": "", "sn": "SN9",
-        "devtype": "ORBA", "num_beam": 16, "freq": None, "DR": {}, "COMDR": {}, "ELEDR": {}, "aakit": "",
-        "num_board": 2, "num_ic_per_board": 3, "num_channel_per_ic": 4, "totalCH": 24, "_BeamTable": None}
-
 
 @pytest.mark.parametrize("layout", [(4, 1), 16])
 def test_layout_must_hold_exactly_three_numbers(tm, files_dir, layout):
@@ -106,7 +97,7 @@ def _old_channels(db_of, order):
 
 def test_old_format_is_converted_and_saved(tm, files_dir):
     path = _path(files_dir, kit="")
-    write_json(path, _old_table([
+    _write(path, _old_table([
         {"beamId": 3, "beam_type": 1, "beam_description": "lost", "db": 1, "theta": 2, "phi": 3, "channel_switch": 1,
          "channel_config": _old_channels(lambda ch: 20.0 if ch % 3 else 1.25, range(16, 0, -1))},   # any order
         {"beamId": 4, "beam_type": 0, "beam_config": {"db": 5, "theta": 6, "phi": 7}},
@@ -131,7 +122,7 @@ def test_old_format_is_converted_and_saved(tm, files_dir):
 
 
 def test_old_steering_fields_become_steered_beams_when_a_kit_is_set(tm, files_dir):
-    write_json(_path(files_dir), _old_table([{"beamId": 1, "beam_type": 1, "db": 4.5, "theta": -10, "phi": 90,
+    _write(_path(files_dir), _old_table([{"beamId": 1, "beam_type": 1, "db": 4.5, "theta": -10, "phi": 90,
                                               "channel_switch": 0, "channel_config": []}]))
     manager = make_manager(tm)
     assert manager._load(28.0, KIT).RetCode == RetCode.OK
@@ -145,7 +136,7 @@ def test_old_steering_fields_become_steered_beams_when_a_kit_is_set(tm, files_di
 ])
 def test_old_channel_list_errors_leave_the_file_alone(tm, files_dir, caplog, order, message):
     path = _path(files_dir, kit="")
-    write_json(path, _old_table([{"beamId": 3, "beam_type": 1, "channel_config": _old_channels(float, order)}]))
+    _write(path, _old_table([{"beamId": 3, "beam_type": 1, "channel_config": _old_channels(float, order)}]))
     before = path.read_bytes()
     ret = make_manager(tm)._load(28.0, "")
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM_FILE, message)

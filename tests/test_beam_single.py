@@ -39,35 +39,27 @@ def test_unset_id_reads_as_a_fresh_default_that_is_not_stored(manager, mode, bea
 
 # ------------------------------------------------------ channel beams set ---
 
-def test_partial_config_changes_only_what_it_names(manager, hooks):
-    change = {"board_2": {"channel_3": {"sw": 1, "db": -4.0, "deg": 180}}}
-    assert manager.setBeamPattern(RFMode.TX, 3, BeamType.CHANNEL, change, "one channel").RetCode == RetCode.OK
-    expected = default_beam(manager)
-    expected["beam_description"] = "one channel"
-    expected["channel_config"]["board_2"]["channel_3"] = {"sw": 1, "db": -4.0, "deg": 180}
-    assert manager._BeamTable["TX"]["3"] == expected and saved_table(manager)["TX"]["3"] == expected
-    gains = [[ELEDR[0][b]] * 4 for b in range(4)]
-    gains[1][2] = -4.0
-    assert hooks.ic_calls == [(RFMode.TX, b, gains[b], COMDR[0][b]) for b in range(4)]
-
-
-def test_later_sets_build_on_the_stored_beam_and_unsaved_ones_stay_in_memory(manager, hooks, caplog):
+def test_partial_configs_change_only_what_they_name_and_unsaved_ones_stay_in_memory(manager, hooks, caplog):
     before = saved_table(manager)
     manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, {"board_1": {"common_db": 1.0}}, "first", save=False)
     assert manager.getBeamPattern(RFMode.RX, 2).RetData["beam_description"] == "first"
     assert saved_table(manager) == before
-    manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, {"board_4": {"channel_1": {"sw": 1, "db": 0, "deg": 5}}})
+    # The next change builds on the stored beam, and is saved.
+    change = {"board_4": {"channel_1": {"sw": 1, "db": 0, "deg": 5}}}
+    assert manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, change).RetCode == RetCode.OK
     expected = default_beam(manager, mode=RFMode.RX)
     expected["beam_description"] = "first"
     expected["channel_config"]["board_1"]["common_db"] = 1.0
     expected["channel_config"]["board_4"]["channel_1"] = {"sw": 1, "db": 0, "deg": 5}
-    assert manager._BeamTable["RX"]["2"] == expected
+    assert manager._BeamTable["RX"]["2"] == expected and saved_table(manager)["RX"]["2"] == expected
     # Without a config the stored gains are only checked again.
     hooks.ic_calls.clear()
     caplog.set_level(logging.DEBUG, logger="BeamTbl")
     assert manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL).RetCode == RetCode.OK
     assert manager._BeamTable["RX"]["2"] == expected
-    assert [call[3] for call in hooks.ic_calls] == [1.0] + COMDR[1][1:]
+    gains = [[ELEDR[1][b]] * 4 for b in range(4)]
+    gains[3][0] = 0
+    assert hooks.ic_calls == [(RFMode.RX, b, gains[b], [1.0, *COMDR[1][1:]][b]) for b in range(4)]
     log = records(caplog, "BeamTbl")
     assert ("DEBUG", "Skip assign channel config, just checking original gains") in log
     assert ("DEBUG", "Checked  board_1 gain list: %s" % ([ELEDR[1][0]] * 4)) in log

@@ -6,7 +6,7 @@ import math
 import os
 
 import pytest
-from hypothesis import HealthCheck, assume, example, given, settings
+from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
 from vexcore.qrvdev.QRVTableManager import _codec
@@ -51,11 +51,9 @@ def test_csv_reader_on_any_lines(lines):
 
 @MANY
 @given(csv_texts, st.booleans(), st.booleans())
+@example("1\x00\ud800", True, True)   # a line copied for its lone surrogate, then stripped of NUL
 def test_csv_reader_on_text_and_text_files(text, drop_nul, as_file):
     # A str is split after each "\n"; a file opened with newline="" also ends lines at "\r".
-    # Open fault, left out until mended: an iterated line holding a lone surrogate and a NUL
-    # loses its first character when NULs are dropped.
-    assume(not (as_file and drop_nul and "\ud800" in text))
     source = io.StringIO(text, newline="") if as_file else text
     lines = io.StringIO(text, newline="" if as_file else "\n")
     if drop_nul:

@@ -25,39 +25,6 @@ def test_the_console_script_finds_the_bundled_samples_valid(files):
     assert lines[-1] == "3 files checked: 3 valid, 0 invalid"
 
 
-@pytest.mark.parametrize("edit, code, message, place", [
-    (replace_row("DATA,CAL,B,2,IC,1,1,TX,0.0,45", "DATA,CAL,B,2,IC,1,1,TX,zero,45,1,2,3,4"),
-     "ERROR_BF_CALI_PARSE", "parse exception", "TX,zero"),
-    (replace_row("END", None), "ERROR_BF_CALI_PARSE", "cali file is broken", None),
-    (replace_row("SN,", "SN,K5350R019-99"), "ERROR_BF_CALI_INCOMPLTE", "Wrong SN!", "SN,K5350R019-99"),
-])
-def test_a_broken_calibration_table_names_code_message_and_line(files, capsys, edit, code, message, place):
-    path = edit_lines(files / CALI, edit)
-    status, out, _ = run_tool(capsys, "check", path)
-    where = "end of file (no END row)"
-    if place is not None:
-        number = line_number(path, place)
-        where = "line %d (%s)" % (number, path.read_text(encoding="utf-8").splitlines()[number - 1].split(",")[0])
-    shown_code, text = out.splitlines()[1].split(None, 1)
-    assert (status, shown_code) == (1, code) and text.startswith(message + " at ") and where in text
-
-
-@pytest.mark.parametrize("edit, args, message, line_text, cause", [
-    (replace_row("SPACING", "SPACING,a,5.0"), [],
-     "ERROR_BF_NO_AAKIT  the kit manager could not read the file at line %d (SPACING)", "SPACING,a",
-     "ValueError: could not convert string to float: 'a'"),
-    (replace_row("OFFSET_RX", "OFFSET_RX," + ",".join(["0"] * 15)), [],
-     "ERROR_BF_NO_AAKIT  OFFSET_RX: number of channel:15 not equal to 16", None, None),
-    (None, ["--devtype", 12], "due to dev type(9) not match", None, None),
-])
-def test_a_kit_the_manager_skips_is_reported_with_its_reason(files, capsys, edit, args, message, line_text, cause):
-    path = edit_lines(files / KIT, edit) if edit else files / KIT
-    status, out, _ = run_tool(capsys, "check", path, *args)
-    assert status == 1 and (message % line_number(path, line_text) if line_text else message) in out
-    assert cause is None or "cause: " + cause in out
-    assert str(files) in out and "vexcore-tables-" not in out      # the user's path, not the private copy's
-
-
 def test_a_kit_name_defined_twice_in_a_folder_warns_on_the_file_that_loses(files, capsys):
     later = files / "AAKIT_z_copy.csv"
     later.write_bytes((files / KIT).read_bytes())
@@ -113,7 +80,43 @@ def _channel(table, board, channel=None):
     return config if channel is None else config["channel_%d" % channel]
 
 
+def _old_beam_table(files):
+    """An old list-format table: its conversion leaves every board's common_db null for the user to fill,
+    so its channel beams cannot pass a gain check until then."""
+    channels = [{"channel": ch, "sw": 0, "db": 4.0, "deg": 10 * ch} for ch in range(1, 17)]
+    return _rewritten(files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json", json.dumps(
+        {"version": "v1.0.0", "RX_beam_list": [], "TX_beam_list": [{"beamId": 3, "beam_type": 1,
+                                                                    "channel_config": channels}]}))
+
+
+def _cali(files, key_prefix, new_row):
+    return edit_lines(files / CALI, replace_row(key_prefix, new_row))
+
+
+def _kit(files, key_prefix, new_row):
+    return edit_lines(files / KIT, replace_row(key_prefix, new_row))
+
+
+# Each spoils the samples and gives what to check (a path, or a list of arguments) and the texts the
+# report must hold; a text can depend on the file checked (the line a problem lies on).
 @pytest.mark.parametrize("spoil, expected", [
+    (lambda f: _cali(f, "DATA,CAL,B,2,IC,1,1,TX,0.0,45", "DATA,CAL,B,2,IC,1,1,TX,zero,45,1,2,3,4"),
+     [lambda p: "ERROR_BF_CALI_PARSE  parse exception at line %d (DATA)" % line_number(p, "TX,zero")]),
+    (lambda f: _cali(f, "END", None), ["ERROR_BF_CALI_PARSE  cali file is broken at end of file (no END row)"]),
+    (lambda f: _cali(f, "SN,", "SN,K5350R019-99"),
+     [lambda p: "ERROR_BF_CALI_INCOMPLTE  Wrong SN! at line %d (SN)" % line_number(p, "SN,K5350R019-99")]),
+    (lambda f: _cali(f, "DR,", "DR,-10.0,five,-12.0,6.0"),
+     ["cause: ValueError: could not convert string to float: 'five'"]),
+    (lambda f: _cali(f, "COMDR,TX,DR,3,", None),     # a board missing from one section
+     ["KeyError  getCOMDR() failed", "no entry 'COMDR' in the table"]),
+    (lambda f: _renamed(f / CALI, "calibration.csv"), ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
+    (lambda f: _kit(f, "SPACING", "SPACING,a,5.0"),
+     [lambda p: "ERROR_BF_NO_AAKIT  the kit manager could not read the file at line %d (SPACING)"
+      % line_number(p, "SPACING,a"), "cause: ValueError: could not convert string to float: 'a'"]),
+    (lambda f: _kit(f, "OFFSET_RX", "OFFSET_RX," + ",".join(["0"] * 15)),
+     ["ERROR_BF_NO_AAKIT  OFFSET_RX: number of channel:15 not equal to 16"]),
+    (lambda f: [f / KIT, "--devtype", 12], ["due to dev type(9) not match"]),
+    (lambda f: _kit(f, "TYPE", None), ["KeyError  the kit has no TYPE row"]),
     (lambda f: _edit_beam(f, lambda t: _channel(t, 3, 2).update(db=9.5)),
      ["ERROR_BF_BEAM  BeamID_2: Checking channel config failed: Checking board_3 gain list failed",
       "board_3 channel gains [9.5] exceed the element limit ELEDR 7"]),
@@ -124,32 +127,21 @@ def _channel(table, board, channel=None):
     (lambda f: _edit_beam(f, lambda t: t.update(SN="../../escaped")), ["ERROR_BF_BEAM  BeamTable loading exception"]),
     (lambda f: _rewritten(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
      ["ERROR_BF_BEAM  BeamTable loading exception", "not valid JSON at line 2 column 9"]),
-    (lambda f: edit_lines(f / CALI, replace_row("DR,", "DR,-10.0,five,-12.0,6.0")),
-     ["cause: ValueError: could not convert string to float: 'five'"]),
-    (lambda f: edit_lines(f / CALI, replace_row("COMDR,TX,DR,3,", None)),     # a board missing from one section
-     ["KeyError  getCOMDR() failed", "no entry 'COMDR' in the table"]),
-    (lambda f: _renamed(f / CALI, "calibration.csv"),
-     ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
-    (lambda f: edit_lines(f / KIT, replace_row("TYPE", None)), ["KeyError  the kit has no TYPE row"]),
-], ids=["gain refused", "channel missing", "beam switch", "sn leaves folder",
-        "beam not json", "not a number", "missing board", "unknown name", "kit without type"])
+    (_old_beam_table, ["warning  old format v1.0.0: loading converts it", "board_1 common_db is None, not a number",
+                       "at TX beam 3"]),
+], ids=["cali cell", "cali end", "cali sn", "cali dr", "cali board", "cali name", "kit cell", "kit offsets",
+        "kit devtype", "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
+        "beam not json", "beam old format"])
 def test_a_problem_is_reported_with_its_reason(files, tmp_path, capsys, spoil, expected):
-    status, out, _ = run_tool(capsys, "check", spoil(files))
-    assert status == 1 and all(text in out for text in expected), out
+    target = spoil(files)
+    args = target if isinstance(target, list) else [target]
+    before = args[0].read_bytes()
+    status, out, _ = run_tool(capsys, "check", *args)
+    texts = [text(args[0]) if callable(text) else text for text in expected]
+    assert status == 1 and all(text in out for text in texts), out
+    assert args[0].read_bytes() == before                           # checking never changes the file
+    assert str(files) in out and "vexcore-tables-" not in out      # the user's path, not the private copy's
     assert not list(tmp_path.glob("**/*escaped*"))
-
-
-def test_an_old_beam_table_converts_and_its_unset_common_gains_are_named(files, capsys):
-    # Conversion leaves every board's common_db null for the user to fill: the
-    # converted channel beams cannot pass a gain check until then.
-    path = files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json"
-    channels = [{"channel": ch, "sw": 0, "db": 4.0, "deg": 10 * ch} for ch in range(1, 17)]
-    path.write_text(json.dumps({"version": "v1.0.0", "RX_beam_list": [],
-                                "TX_beam_list": [{"beamId": 3, "beam_type": 1, "channel_config": channels}]}))
-    before = path.read_bytes()
-    status, out, _ = run_tool(capsys, "check", path)
-    assert status == 1 and "warning  old format v1.0.0: loading converts it" in out
-    assert "board_1 common_db is None, not a number" in out and "at TX beam 3" in out and path.read_bytes() == before
 
 
 def test_a_folder_with_one_bad_table_fails_in_text_and_json(files, capsys):
@@ -174,8 +166,6 @@ def test_a_file_with_many_problems_lists_twenty_and_counts_the_rest(files, capsy
     status, out, _ = run_tool(capsys, "check", path)
     assert status == 1 and out.count("db 50 is outside the RX DR") == 20
     assert "... and 10 more problems (--json lists them all)" in out
-    status, out, _ = run_tool(capsys, "check", "--json", path)
-    assert len(json.loads(out)["files"][0]["problems"]) == 30
 
 
 def test_progress_goes_to_stderr_and_the_environment_and_loggers_are_left_alone(files, capsys, monkeypatch):

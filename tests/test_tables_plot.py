@@ -1,5 +1,4 @@
 """vexcore-tables plot and the array factor behind its beam patterns."""
-import json
 import math
 import os
 import struct
@@ -79,26 +78,6 @@ def test_plot_writes_a_png_of_reasonable_size(files, tmp_path, capsys, target, a
     data = out_path.read_bytes()
     assert data[:8] == b"\x89PNG\r\n\x1a\n" and data[12:16] == b"IHDR"
     assert struct.unpack(">II", data[16:24]) == pixels and 10_000 < len(data) < 1_000_000
-
-
-def test_the_pattern_of_a_channel_beam_peaks_where_its_phases_point(files):
-    from vexcore.tables import beam, plot
-
-    table = json.loads((files / BEAM).read_text(encoding="utf-8"))
-    phases = pattern.steering_phases(pattern.positions(16, (5.0, 5.0), (4, 4)), FREQ, 24.0, -10.0)
-    for i, phase in enumerate(phases):
-        table["TX"]["2"]["channel_config"]["board_%d" % (i // 4 + 1)]["channel_%d" % (i % 4 + 1)] = \
-            {"sw": 0, "db": 1.0, "deg": phase}
-    (files / BEAM).write_text(json.dumps(table), encoding="utf-8")
-    loaded = beam.load(str(files / BEAM))
-    entry = loaded.beam(beam.RFMode.TX, 2).RetData
-
-    class Options:
-        grid, offset_step = None, plot.DEFAULT_OFFSET_STEP_DEG
-
-    inputs = plot._pattern_inputs(entry, plot._channels(entry, loaded), loaded.kit.record, loaded,
-                                  beam.RFMode.TX, Options)
-    assert (inputs.theta, inputs.phi) == (24.0, -10.0)
 
 
 @pytest.mark.parametrize("args, without_kit, message", [

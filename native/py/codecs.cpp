@@ -175,9 +175,13 @@ struct CsvReader::Impl {
 
 std::string_view CsvReader::Impl::without_nul(std::string_view line) {
     if (!drop_nul || line.find('\0') == std::string_view::npos) return line;
-    line_copy.clear();
+    // `line` may itself point into line_copy (a line that had to be copied to
+    // UTF-8 first), so the result is built aside before it replaces the copy.
+    std::string kept;
+    kept.reserve(line.size());
     for (char c : line)
-        if (c != '\0') line_copy.push_back(c);
+        if (c != '\0') kept.push_back(c);
+    line_copy = std::move(kept);
     return line_copy;
 }
 

@@ -17,6 +17,7 @@ locking serialises the writers.
 import json
 import os
 import sqlite3
+import time
 
 from vexcore.QRVUtils import _Utils
 
@@ -56,6 +57,22 @@ def database_path():
     return os.environ.get(DB_ENV) or os.path.join(_Utils._get_files_dir(), DB_FILE_NAME)
 
 
+def _use_write_ahead_log(connection):
+    """Write-ahead logging lets readers work beside one writer. Switching to it (on
+    a new database, where two processes may arrive at once) fails with "database
+    is locked" at once instead of waiting for the other connection, so it is
+    retried for as long as any other statement would wait."""
+    deadline = time.monotonic() + BUSY_TIMEOUT_S
+    while True:
+        try:
+            connection.execute("PRAGMA journal_mode=WAL")
+            return
+        except sqlite3.OperationalError as exc:
+            if "locked" not in str(exc) or time.monotonic() > deadline:
+                raise
+            time.sleep(0.01)
+
+
 def connect(path=None):
     """An open connection with the schema in place (sqlite3.Error when unreachable)."""
     path = path or database_path()
@@ -65,7 +82,7 @@ def connect(path=None):
         raise sqlite3.OperationalError("unable to open database file: folder %s does not exist" % folder)
     connection = sqlite3.connect(path, timeout=BUSY_TIMEOUT_S, isolation_level=None)
     try:
-        connection.execute("PRAGMA journal_mode=WAL")
+        _use_write_ahead_log(connection)
         connection.executescript(_SCHEMA)
     except sqlite3.Error:
         connection.close()
