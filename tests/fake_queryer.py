@@ -12,25 +12,15 @@ import types
 SERVICE_NAME = "vexcore.db.QRVDBQueryer"
 
 
-class Call:
-    def __init__(self, table, payload, query_cmd):
-        self.table = table
-        self.payload_object = payload
-        self.payload = copy.deepcopy(payload)
-        self.query_cmd = query_cmd
-
-
 class FakeService:
     """Replies come from `replies` (consumed in order) or, when it is empty, from
-    `answer(call)`, which by default answers from `data`: a mapping from
-    (category, dotted key) to value, the way a table database would."""
+    `data`: a mapping from (category, dotted key) to value, the way a table database would."""
 
     def __init__(self):
         self.tables = []
         self.calls = []
         self.replies = []
         self.data = {}
-        self.answer = self.answer_from_data
         self.module = types.ModuleType(SERVICE_NAME)
         self.module.DBQueryer = self.make_queryer
 
@@ -40,7 +30,8 @@ class FakeService:
 
         class Queryer:
             def queryDB(self, payload, queryCmd=None):
-                call = Call(table_name, payload, queryCmd)
+                call = types.SimpleNamespace(table=table_name, payload_object=payload,
+                                             payload=copy.deepcopy(payload), query_cmd=queryCmd)
                 service.calls.append(call)
                 if service.replies:
                     return service.replies.pop(0)
@@ -48,7 +39,7 @@ class FakeService:
 
         return Queryer()
 
-    def answer_from_data(self, call):
+    def answer(self, call):
         if call.query_cmd == "getMultiData":
             answers = {name: self.lookup(p) for name, p in call.payload.items()}
             return {"code": 0, "data": answers}

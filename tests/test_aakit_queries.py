@@ -66,8 +66,10 @@ def test_list_callback_failures_become_its_error_result(kits, caplog, callback):
     assert failure.getMessage() == "getAAKitList exception" and failure.exc_info is not None
 
 
-def test_list_reports_a_kit_file_without_type_as_its_error(tm, files_dir, caplog):
+def test_a_kit_file_without_type_fails_parse_and_is_the_error_of_the_list(tm, files_dir, caplog):
     write_kit(files_dir, OFFICIAL, kit_type=None)
+    with pytest.raises(KeyError, match="TYPE"):
+        tm.AAKitTableManager(LITE, 4, support_dev=[LITE]).parse()
     ret = tm.AAKitTableManager(LITE, 4, support_dev=[LITE]).getAAKitList()
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_AAKIT, "getAAKitList exception")
     assert caplog.records[-1].exc_info[0] is KeyError
@@ -103,22 +105,18 @@ def test_info_chooses_name_then_whole_table_then_selection(kits, name, local, se
     assert data is (kits._AAKitTable if expected == "table" else kits._AAKitTable[expected])
 
 
-def test_info_without_selection_asks_for_one(kits, caplog):
+def test_info_without_a_selection_or_on_a_kit_that_is_gone(kits, files_dir, caplog):
     ret = kits.getAAKitInfo()
     message = "Fail to getAAKitInfo, please call selectAAKit() first"
     assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, message, None)
     assert records(caplog, "AAKitTbl") == [("ERROR", message)]
-
-
-def test_info_on_a_kit_that_is_gone_is_an_exception_result(kits, files_dir, caplog):
     kits._selectAAKit("Other")
     (files_dir / "AAKIT_Other.csv").unlink()
     kits.parse()
     for ret in (kits.getAAKitInfo(), kits.getAAKitInfo("Unknown")):
         assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, "getAAKitInfo exception", None)
     failures = [r for r in caplog.records if r.exc_info]
-    assert [r.getMessage() for r in failures] == ["getAAKitInfo exception"] * 2
-    assert all(r.exc_info[0] is KeyError for r in failures)
+    assert [(r.getMessage(), r.exc_info[0]) for r in failures] == [("getAAKitInfo exception", KeyError)] * 2
 
 
 # ------------------------------------------------------------- custom names --
@@ -151,10 +149,14 @@ def test_full_name_reads_the_real_clock_in_the_local_zone(tm, files_dir):
     ("2024022923595999+0000", True),
     ("20240301123045ab+0800", True),
     ("2024030112304512+0800+ignored", True),
+    ("2024030112304512+08:00", True),
     ("20240301123045+0800", False),
     ("2024030112304512-0500", False),
     ("2024030112304512+", False),
     ("2023022912304512+0800", False),
+    ("2024133112304512+0800", False),
+    ("2024030124304512+0800", False),
+    ("2024030112306012+0800", False),
     ("0000030112304512+0800", False),
     ("2024030112304512+2400", False),
     ("2024 30112304512+0800", False),

@@ -1,10 +1,8 @@
-"""Calibration tables under damaged files and careless arguments.
+"""Calibration tables under damaged files, careless arguments and odd service replies.
 
 Damaged files are read side by side with the pure-Python peer kept with the
-benchmarks: both must reach the same verdict, the same table and the same export,
-and the queries that follow must agree. Anything else the manager is handed (wrong
-types, odd objects, odd service replies) must still give a result, or only the
-exception its contract lets out.
+benchmarks: verdict, table, export and the queries that follow must agree. Anything
+else must still give a result, or only the exception its contract lets out.
 """
 import itertools
 import json

@@ -1,12 +1,9 @@
-"""No public operation leaks a reference or an object, on its success path or its
-failure paths.
+"""No public operation leaks a reference or an object, on its success or failure paths.
 
-Each operation runs three rounds of a few hundred calls after a warm-up. A
-reference leaked per call would raise the reference count of the objects involved
-(the arguments, None, True, False) by at least the number of calls in every round;
-a leaked object would raise the interpreter's count of allocated memory blocks by
-as much. The loggers stay at DEBUG and format every record (tracebacks included),
-so the logging paths run too, but nothing is kept.
+A reference leaked per call raises the reference count of the objects involved
+(the arguments, None, True, False) by the number of calls in every round; a leaked
+object raises the count of allocated memory blocks as much. The loggers stay at
+DEBUG and format every record (tracebacks included) but keep nothing.
 """
 import gc
 import logging

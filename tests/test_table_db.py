@@ -37,11 +37,15 @@ def test_template_must_be_a_dict(tm, service, temp):
     assert service.tables == []
 
 
-def test_setters_write_into_the_creators_template(db, template, service):
+def test_setters_write_into_the_creators_template_which_list_requests_send(db, template, service):
     assert db.setFreq(27.5).RetCode == RetCode.OK
     assert db.setAAKitName("AAKIT_X").RetData is None
     assert template == {"sn": "K5350R019-28", "frequency": 27.5, "AAKIT_NAME": "AAKIT_X"}
     assert service.calls == []
+    service.replies.append({"code": 0, "data": {"Freq": [27.5, 28.0]}})
+    assert db.getTableList("Freq").RetData == [27.5, 28.0]
+    (call,) = service.calls
+    assert call.query_cmd == "getFreqList" and call.payload_object is template
 
 
 @pytest.mark.parametrize("cause", ["missing module", "queryer fails"])
@@ -99,13 +103,6 @@ def test_reply_data_is_unwrapped_only_when_it_holds_one_key(db, service, data, e
     service.replies.append({"code": 0, "data": data})
     ret = db.query("VER")
     assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected)
-
-
-def test_table_list_sends_the_template_itself_with_the_list_command(db, service, template):
-    service.replies.append({"code": 0, "data": {"Freq": [27.5, 28.0]}})
-    assert db.getTableList("Freq").RetData == [27.5, 28.0]
-    (call,) = service.calls
-    assert call.query_cmd == "getFreqList" and call.payload_object is template
 
 
 # ------------------------------------------------------------- multi-query --
