@@ -70,6 +70,26 @@ def test_module_globals_are_looked_up_when_used(tm, restore_module_globals):
         tm.fake_ic_check(1, 2, 3)
 
 
+def test_a_replaced_json_reads_the_table_files(tm, files_dir, restore_module_globals):
+    # Table files are decoded natively only while the module's json.loads is the
+    # standard one; a host's replacement gets the file's text.
+    manager = tm.BeamPatternTableManager("SN1", 9, 8, (1, 1, 4), None)
+    manager._updateFreq(28.0, {"TX": 20.0, "RX": 10.0}, [[6.5]] * 2, [[5.5]] * 2)
+    assert manager._load(28.0, "").RetData == {"VERSION": "v2.0.0", "SN": "SN1", "DEV_TYPE": 9, "FREQ": 28.0,
+                                                "AAKIT_NAME": "", "TX": {}, "RX": {}}
+    texts = []
+
+    class HostJson:
+        @staticmethod
+        def loads(text):
+            texts.append(text)
+            return {"VERSION": "v2.0.0", "TX": {"1": "host"}, "RX": {}}
+
+    tm.json = HostJson
+    assert manager._load(28.0, "").RetData["TX"] == {"1": "host"}
+    assert texts == [(files_dir / "BeamTable" / "Beam_Configuration_SN1_28GHz.json").read_text()]
+
+
 def test_subclass_overrides_are_dispatched(tm, service):
     class Sub(tm._QRVTableDB):
         def _QRVTableDB__returnDB(self, db_info):

@@ -13,7 +13,6 @@ import threading
 
 import pytest
 
-from aakit_samples import LITE, STAMP, kit_rows, write_rows
 from beam_helpers import COMDR, Hooks, channel_beam, make_manager
 from calibration_sample import SN as CALI_SN, make_sample
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
@@ -112,27 +111,3 @@ def test_one_calibration_manager_parsed_and_queried_by_threads(tm, files_dir):
     run_threads(work)
     assert set(outcomes) <= {RetCode.OK, "table being rebuilt"}
     assert cali._CaliTable == sample.expected
-
-
-def test_kit_files_saved_by_threads_always_read_whole(tm, files_dir):
-    names = ["Kit%d_%s" % (i, STAMP) for i in range(THREADS - 1)]
-    for name in names:
-        write_rows(files_dir / ("AAKIT_%s.csv" % name), kit_rows(name, kit_type=1))
-    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
-    assert kits.parse().RetCode == RetCode.OK
-    reader = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
-    tables = []
-
-    def work(index):
-        for n in range(ROUNDS):
-            if index == THREADS - 1:
-                assert reader.parse().RetCode == RetCode.OK
-                tables.append(dict(reader._AAKitTable))
-            else:
-                kits._AAKitTable[names[index]]["OFFSET_TX"] = [n] * 4
-                assert kits.saveAAKitFile(names[index]).RetCode == RetCode.OK
-
-    run_threads(work)
-    # A reader never met a half-written kit file: every kit was read, complete.
-    assert all(sorted(t) == names and all(len(r) == 7 for r in t.values()) for t in tables)
-    assert sorted(p.name for p in files_dir.iterdir()) == sorted("AAKIT_%s.csv" % n for n in names)
