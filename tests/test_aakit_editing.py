@@ -33,12 +33,6 @@ def new_kit(kits, name="Mine", tx=(1, 2, 3, 4), **kwargs):
     return kits.setAAKitInfo(name, [4.0, 4.5], [-40.0, 40.0], [0, 0], list(tx), [4, 3, 2, 1], **kwargs)
 
 
-def saved_kit(kits):
-    name = new_kit(kits).RetData
-    assert kits.saveAAKitFile(name).RetCode == RetCode.OK
-    return name
-
-
 def kit_files(*names):
     return sorted("AAKIT_%s.csv" % name for name in names)
 
@@ -96,7 +90,9 @@ def test_an_existing_name_is_skipped_as_official_and_updated_in_place_as_custom(
 
 
 def test_update_with_a_new_name_renames_the_kit_file_if_there_is_one(kits, files_dir, caplog):
-    ret = new_kit(kits, saved_kit(kits), tx=(5, 5, 5, 5), newKitName="Renamed")
+    name = new_kit(kits).RetData
+    assert kits.saveAAKitFile(name).RetCode == RetCode.OK
+    ret = new_kit(kits, name, tx=(5, 5, 5, 5), newKitName="Renamed")
     new_name = "Renamed_" + SECOND_STAMP
     assert ret.RetData == new_name and list(kits._AAKitTable) == [OFFICIAL, new_name]
     assert sorted(os.listdir(files_dir)) == kit_files(OFFICIAL, new_name)
@@ -148,19 +144,6 @@ def test_refusals_change_nothing_and_say_why(kits, files_dir, caplog, operation,
     assert ({name: dict(kit) for name, kit in kits._AAKitTable.items()}, sorted(os.listdir(files_dir))) == before
 
 
-# ------------------------------------------------------------------ delete ---
-
-def test_delete_removes_a_custom_kit_and_its_file_but_not_the_selection(kits, files_dir, caplog):
-    caplog.set_level(logging.INFO)
-    name = saved_kit(kits)
-    kits._selectAAKit(name)
-    caplog.clear()
-    assert kits.deleteAAKitInfo(name).RetCode == RetCode.OK
-    assert list(kits._AAKitTable) == [OFFICIAL] and kits._aakit_name == name
-    assert sorted(os.listdir(files_dir)) == kit_files(OFFICIAL)
-    assert records(caplog, "AAKitTbl") == [("INFO", "Deleted %s" % (files_dir / ("AAKIT_%s.csv" % name)))]
-
-
 # -------------------------------------------------------------------- save ---
 
 def test_save_writes_the_kit_as_csv_writer_does(kits, files_dir):
@@ -176,13 +159,16 @@ def test_save_writes_the_kit_as_csv_writer_does(kits, files_dir):
     assert data == expected.getvalue().encode() and data.count(b"\r\n") == 8
 
 
-def test_save_uses_the_selected_kit_and_logs_the_path(kits, files_dir, caplog):
+def test_save_without_a_name_takes_the_selection_which_a_delete_leaves(kits, files_dir, caplog):
     caplog.set_level(logging.INFO)
-    kits._selectAAKit(OFFICIAL)
-    path = files_dir / ("AAKIT_%s.csv" % OFFICIAL)
-    path.unlink()
+    name = new_kit(kits).RetData
+    kits._selectAAKit(name)
+    path = files_dir / ("AAKIT_%s.csv" % name)
     assert kits.saveAAKitFile().RetCode == RetCode.OK and path.exists()
-    assert records(caplog, "AAKitTbl") == [("INFO", "Ready to save %s" % path)]
+    assert kits.deleteAAKitInfo(name).RetCode == RetCode.OK
+    assert list(kits._AAKitTable) == [OFFICIAL] and kits._aakit_name == name
+    assert sorted(os.listdir(files_dir)) == kit_files(OFFICIAL)
+    assert records(caplog, "AAKitTbl") == [("INFO", "Ready to save %s" % path), ("INFO", "Deleted %s" % path)]
 
 
 def test_callbacks_take_over_storage_even_for_names_no_file_could_carry(kits, files_dir, caplog):

@@ -32,14 +32,21 @@ def test_select_a_known_kit_or_clear_with_an_empty_name(kits, caplog):
 
 # ------------------------------------------------------------------ listing --
 
-def test_list_parses_only_when_empty_or_forced_and_keeps_the_selection(tm, files_dir):
+def test_list_parses_through_an_overridden_parse_only_when_empty_or_forced(tm, files_dir):
+    class Counting(tm.AAKitTableManager):
+        parses = 0
+
+        def parse(self):
+            Counting.parses += 1
+            return super().parse()
+
     write_kit(files_dir, OFFICIAL)
-    manager = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    manager = Counting(LITE, 4, support_dev=[LITE])
     assert manager.getAAKitList().RetData == [OFFICIAL]
     manager._selectAAKit(OFFICIAL)
     write_kit(files_dir, "Later", tx=(9, 9, 9, 9))
     assert manager.getAAKitList().RetData == [OFFICIAL]
-    assert manager.getAAKitList(True).RetData == ["Later", OFFICIAL]
+    assert manager.getAAKitList(True).RetData == ["Later", OFFICIAL] and Counting.parses == 2
     assert manager._aakit_name == OFFICIAL and manager.getAAKitInfo().RetData == record()
 
 
@@ -70,20 +77,6 @@ def test_list_failures_become_its_error_result(tm, files_dir, caplog, callback, 
     # parse itself lets the KeyError out.
     with pytest.raises(KeyError, match="TYPE"):
         kits.parse()
-
-
-def test_list_calls_an_overridden_parse(tm, files_dir):
-    class Counting(tm.AAKitTableManager):
-        parses = 0
-
-        def parse(self):
-            Counting.parses += 1
-            return RetType()
-
-    manager = Counting(LITE, 4, support_dev=[LITE])
-    manager.getAAKitList()
-    manager.getAAKitList()
-    assert Counting.parses == 2 and manager._AAKitTable == {}
 
 
 # ------------------------------------------------------------------ details --

@@ -46,34 +46,30 @@ def typed(table):
 
 # ------------------------------------------------------------ a good table --
 
-def test_realistic_table_parses_exports_and_reads_back(tm, files_dir, sample, caplog):
+def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch, sample, caplog):
     caplog.set_level(logging.INFO, logger="CaliTbl")
-    # Non-ASCII text is exported as it stands, not escaped.
-    sample.expected["REALVER"] = "2.1.0-Überprüft"
-    rows = replace_rows(sample.rows, "REALVER", [["REALVER", "2.1.0-Überprüft"]])
-    m, ret = parse_rows(tm, files_dir, sample, rows, exportToJson=True)
-    path = files_dir / (SN + "_28.0GHz.csv")
-    assert ret == OK and m.path_cali == str(path)
-    assert typed(m._CaliTable) == typed(sample.expected)
-    assert m._CaliTable["BOARD_1"]["TX"]["TEMPADC"] is m._CaliTable["BOARD_1"]["RX"]["TEMPADC"]
-    assert records(caplog, "CaliTbl") == [("INFO", "Cali file path: %s" % path), ("INFO", "%s parsing done" % path)]
-    exported = files_dir / (SN + "_28.0GHz.json")
-    assert exported.read_text(encoding="utf-8") == json.dumps(m._CaliTable, ensure_ascii=False, indent=4)
-    fresh = manager(tm)
-    assert outcome(fresh.parseRawJson()) == OK
-    assert typed(fresh._CaliTable) == typed(sample.expected) and fresh._freq_list == [28.0]
-
-
-def test_export_renames_every_table_kind_in_the_path(tm, tmp_path, monkeypatch, sample):
-    # (the temporary folder is named after the test, so the test name avoids the word)
+    # The export renames every "csv" in the path (the temporary folder is named
+    # after the test, so the test name avoids the word).
     csv_folder, json_folder = tmp_path / "csvfiles", tmp_path / "jsonfiles"
     csv_folder.mkdir()
     json_folder.mkdir()
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(csv_folder))
-    sample.write(csv_folder, freq="28")
-    assert outcome(manager(tm).parse(exportToJson=True)) == OK
-    assert json.loads((json_folder / (SN + "_28GHz.json")).read_text()) == sample.expected
+    # Non-ASCII text is exported as it stands, not escaped.
+    sample.expected["REALVER"] = "2.1.0-Überprüft"
+    rows = replace_rows(sample.rows, "REALVER", [["REALVER", "2.1.0-Überprüft"]])
+    path = sample.write(csv_folder, freq="28", rows=rows)
+    m = manager(tm)
+    assert outcome(m.parse(exportToJson=True)) == OK and m.path_cali == str(path)
+    assert typed(m._CaliTable) == typed(sample.expected)
+    assert m._CaliTable["BOARD_1"]["TX"]["TEMPADC"] is m._CaliTable["BOARD_1"]["RX"]["TEMPADC"]
+    assert records(caplog, "CaliTbl") == [("INFO", "Cali file path: %s" % path), ("INFO", "%s parsing done" % path)]
+    exported = json_folder / (SN + "_28GHz.json")
+    assert exported.read_text(encoding="utf-8") == json.dumps(m._CaliTable, ensure_ascii=False, indent=4)
     assert not list(csv_folder.glob("*.json"))
+    monkeypatch.setenv("VEXCORE_FILES_DIR", str(json_folder))
+    fresh = manager(tm)
+    assert outcome(fresh.parseRawJson()) == OK
+    assert typed(fresh._CaliTable) == typed(sample.expected) and fresh._freq_list == [28.0]
 
 
 def test_a_new_frequency_retargets_and_drops_the_caches(tm, files_dir, sample):

@@ -45,7 +45,8 @@ def test_dr_of_all_modes_or_one(m, sample, caplog, mode, key):
 def test_board_ranges_per_mode_and_board_are_read_once(m, sample, caplog, kind):
     caplog.set_level(logging.DEBUG, logger="CaliTbl")
     ret = getattr(m, "get" + kind)()
-    assert (ret.RetCode, ret.RetData) == (RetCode.OK, [[board(sample, b)[mode][kind] for b in BOARDS] for mode in MODES])
+    expected = [[board(sample, b)[mode][kind] for b in BOARDS] for mode in MODES]
+    assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected)
     m._CaliTable.clear()                       # the cache alone answers now
     assert getattr(m, "get" + kind)().RetData is ret.RetData
     for mode, index in ((RFMode.RX, 0), (0, 3), (1, -1)):
@@ -159,7 +160,7 @@ def stored_values(sample, b, chip, arm, mode, gain, phase):
         "%s_%d_%s" % (mode, int(float(gain)), phase)]
 
 
-def test_common_arm_data_for_steps_gathered_over_boards(m, sample):
+def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gain(m, sample):
     arms = m._searchComStepDR(1, "TX", -5, 0, None) + m._searchComStepDR(2, "TX", -5, 0, None)
     channels, gains, phases = [1, 2, 3, 4], [float(g) for g in GAINS], [int(p) for p in PHASES]
     data = m._getComData("TX", 2, 1, channels, gains, phases, arms + [9])      # steps without data are left out
@@ -167,15 +168,11 @@ def test_common_arm_data_for_steps_gathered_over_boards(m, sample):
     for arm in (2, 3):
         assert data["COM_%d" % arm] == [stored_values(sample, 2, 1, arm, "TX", g, p)[ch - 1]
                                         for ch, g, p in zip(channels, GAINS, PHASES)]
-
-
-def test_common_arm_data_is_cached_per_chip_and_matched_by_integer_gain(m, sample):
-    m._getComData("TX", 4, 1, [1], [0], [0], [1])
-    m._CaliTable.clear()
+    m._CaliTable.clear()                       # the cache alone answers now
     for gain in ("-2.0", -2, "-2", -2.7):
-        assert m._getComData("TX", 4, 1, [3], [gain], [270], [3]) == {
-            "COM_3": [stored_values(sample, 4, 1, 3, "TX", -2, 270)[2]]}
-    assert list(m._CalibrationTableManager__allComDataMap) == ["BOARD_4"]
+        assert m._getComData("TX", 2, 1, [3], [gain], [270], [3]) == {
+            "COM_3": [stored_values(sample, 2, 1, 3, "TX", -2, 270)[2]]}
+    assert list(m._CalibrationTableManager__allComDataMap) == ["BOARD_2"]
 
 
 @pytest.mark.parametrize("channel, gain, phase, error", [

@@ -110,7 +110,7 @@ def test_held_back_queries_go_out_as_one_multi_query_in_the_order_added(db, serv
     assert list(call.payload_object) == ["query-0", "query-1", "query-2"]
 
 
-def test_a_failed_multi_query_keeps_every_held_back_query(db, service):
+def test_a_failed_multi_query_keeps_every_held_back_query_until_cleaned(db, service):
     db.query("VER", applySetting=False)
     service.replies.append("connection refused")
     with pytest.raises(Exception) as caught:
