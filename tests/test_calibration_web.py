@@ -66,19 +66,17 @@ def test_common_arm_data_is_asked_once_per_board(m, service):
 
 
 @pytest.mark.parametrize("reply, code, message", DB_ERRORS)
-@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR", "queryCaliTableVer", "getFrequencyList"])
-def test_database_failures_become_the_result(m, service, caplog, call, reply, code, message):
+@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR", "queryCaliTableVer", "getFrequencyList", "_getTC"])
+def test_database_failures_become_the_result(tm, m, service, caplog, call, reply, code, message):
     service.replies.append(reply)
-    ret = getattr(m, call)()
+    if call == "_getTC":                        # internal queries let the database error reach their caller
+        with pytest.raises(tm.QRVTableDBError) as caught:
+            m._getTC()
+        ret = caught.value.ret
+    else:
+        ret = getattr(m, call)()
+        assert records(caplog, "CaliTbl") == [("ERROR", "Exception: %r" % ret)]
     assert (ret.RetCode, ret.RetMsg) == (code, message)
-    assert records(caplog, "CaliTbl") == [("ERROR", "Exception: %r" % ret)]
-
-
-def test_database_failures_reach_callers_of_internal_queries(tm, m, service):
-    service.replies.append(SERVER_DOWN)
-    with pytest.raises(tm.QRVTableDBError) as caught:
-        m._getTC()
-    assert (caught.value.ret.RetCode, caught.value.ret.RetMsg) == DB_ERRORS[0][1:]
 
 
 def test_parse_with_a_failing_database(m, service, caplog):
