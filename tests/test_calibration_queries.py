@@ -9,16 +9,13 @@ from conftest import records
 from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
 
 BOARDS = range(1, 5)
+SAMPLE = make_sample()
+DR = SAMPLE.expected["DR"]
 
 
 @pytest.fixture
-def sample():
-    return make_sample()
-
-
-@pytest.fixture
-def m(tm, files_dir, sample):
-    sample.write(files_dir)
+def m(tm, files_dir):
+    SAMPLE.write(files_dir)
     manager = tm.CalibrationTableManager(SN, 28, tm.fake_rf_layout)
     assert manager.parse().RetCode == RetCode.OK
     return manager
@@ -30,22 +27,50 @@ def board(sample, b):
 
 # ------------------------------------------------------------------- DR ---
 
-@pytest.mark.parametrize("mode, key", [(None, None), (RFMode.TX, "TX"), (1, "RX"), (5, ValueError)])
-def test_dr_of_all_modes_or_one(m, sample, caplog, mode, key):
-    ret = m.getDR(mode)
-    if key is ValueError:
-        assert (ret.RetCode, ret.RetMsg, caplog.records[-1].exc_info[0]) == (RetCode.ERROR, "getDR exception", key)
+def result(ret):
+    return ret.RetCode, ret.RetMsg, ret.RetData
+
+
+def offsets(mode, b):
+    stored = SAMPLE.expected["BOARD_%d" % b][mode]["OFFSET_CHIP_1"]
+    return [stored["CHANNEL_%d" % ch] for ch in range(1, 5)]
+
+
+# A query of the parsed sample and its answer, or the exception it lets out.
+@pytest.mark.parametrize("query, expected", [
+    (lambda m: result(m.getDR()), (RetCode.OK, "", DR)),
+    (lambda m: result(m.getDR(RFMode.TX)), (RetCode.OK, "", DR["TX"])),
+    (lambda m: result(m.getDR(1)), (RetCode.OK, "", DR["RX"])),
+    (lambda m: result(m.getDR(5)), (RetCode.ERROR, "getDR exception", None)),
+    (lambda m: m._getBoardsOffset(2), [offsets("TX", 2)]),         # transmit offsets of the first chip by default
+    (lambda m: m._getBoardsOffset((4, 2), "RX", 1), [offsets("RX", 4), offsets("RX", 2)]),
+    (lambda m: m._getBoardsOffset(range(1, 3), "TX", 1), [offsets("TX", 1), offsets("TX", 2)]),
+    (lambda m: m._getBoardsOffset([1, 5]), KeyError),              # no such board
+    (lambda m: m._getBoardsOffset(1, "TX", 2), KeyError),          # no such chip
+    (lambda m: m._searchComStepDR(0, "TX", -5, 0, None), IndexError),      # boards count from 1
+    (lambda m: m._searchComStepDR(-1, "TX", -5, 0, None), IndexError),
+    (lambda m: m._searchComStepDR(5, "TX", -5, 0, None), IndexError),
+    (lambda m: m._getComData("TX", 1, 1, [1, 2], [0], [0, 0], [1]), ValueError),   # lists of unequal length
+    (lambda m: m._getComData("TX", 1, 1, [0], [0], [0], [1]), IndexError),         # channels count from 1
+    (lambda m: m._getComData("TX", 1, 1, [5], [0], [0], [1]), IndexError),
+    (lambda m: m._getComData("TX", 1, 1, [1], [1], [0], [1]), KeyError),           # no such gain step
+    (lambda m: m._getComData("TX", 1, 1, [1], [0], [45], [1]), KeyError),          # no such phase step
+])
+def test_query_answers_or_lets_out_its_error(m, query, expected):
+    if isinstance(expected, type):
+        with pytest.raises(expected):
+            query(m)
     else:
-        assert (ret.RetCode, ret.RetData) == (RetCode.OK, sample.expected["DR"][key] if key else sample.expected["DR"])
+        assert query(m) == expected
 
 
 # ---------------------------------------------------------- COMDR / ELEDR ---
 
 @pytest.mark.parametrize("kind", ["COMDR", "ELEDR"])
-def test_board_ranges_per_mode_and_board_are_read_once(m, sample, caplog, kind):
+def test_board_ranges_per_mode_and_board_are_read_once(m, caplog, kind):
     caplog.set_level(logging.DEBUG, logger="CaliTbl")
     ret = getattr(m, "get" + kind)()
-    expected = [[board(sample, b)[mode][kind] for b in BOARDS] for mode in MODES]
+    expected = [[board(SAMPLE, b)[mode][kind] for b in BOARDS] for mode in MODES]
     assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected)
     m._CaliTable.clear()                       # the cache alone answers now
     assert getattr(m, "get" + kind)().RetData is ret.RetData
@@ -95,34 +120,12 @@ def test_dual_polarization_ranges_per_polarization(tm, files_dir, caplog):
     assert records(caplog, "CaliTbl")[-1] == ("WARNING", "DR not support for STANDBY mode")
 
 
-# ---------------------------------------------------------- board offsets ---
-
-def offsets(sample, mode, b, chip=1):
-    stored = board(sample, b)[mode]["OFFSET_CHIP_%d" % chip]
-    return [stored["CHANNEL_%d" % ch] for ch in range(1, 5)]
-
-
-@pytest.mark.parametrize("args, mode, boards", [
-    ((2,), "TX", [2]),                      # one board, transmit offsets of the first chip by default
-    (((4, 2), "RX", 1), "RX", [4, 2]),
-    ((range(1, 3), "TX", 1), "TX", [1, 2]),
-    (([1, 5],), "TX", KeyError),            # no such board
-    ((1, "TX", 2), "TX", KeyError),         # no such chip
-])
-def test_offsets_of_one_or_several_boards(m, sample, args, mode, boards):
-    if boards is KeyError:
-        with pytest.raises(KeyError):
-            m._getBoardsOffset(*args)
-    else:
-        assert m._getBoardsOffset(*args) == [offsets(sample, mode, b) for b in boards]
-
-
-def test_offsets_are_cached_and_handed_out_as_copies(m, sample):
+def test_offsets_are_cached_and_handed_out_as_copies(m):
     m._getBoardsOffset(2)
     m._CaliTable.clear()
     answer = m._getBoardsOffset([2])
     answer[0][0] = 999                         # a caller's change stays with the caller
-    assert m._getBoardsOffset(2) == [offsets(sample, "TX", 2)]
+    assert m._getBoardsOffset(2) == [offsets("TX", 2)]
 
 
 # ------------------------------------------------------- common-arm steps ---
@@ -147,41 +150,23 @@ def test_steps_split_by_polarization(m, tm):
     assert m._searchComStepDR(1, "TX", -5, -1, 0) == [1]
 
 
-@pytest.mark.parametrize("bad_board", [0, -1, 5])
-def test_steps_of_a_board_out_of_range(m, bad_board):
-    with pytest.raises(IndexError):
-        m._searchComStepDR(bad_board, "TX", -5, 0, None)
-
-
 # ------------------------------------------------------- common-arm data ---
 
-def stored_values(sample, b, chip, arm, mode, gain, phase):
-    return sample.expected["BOARD_%d" % b]["DATA_CHIP_%d" % chip]["COM_%d" % arm][
+def stored_values(b, chip, arm, mode, gain, phase):
+    return SAMPLE.expected["BOARD_%d" % b]["DATA_CHIP_%d" % chip]["COM_%d" % arm][
         "%s_%d_%s" % (mode, int(float(gain)), phase)]
 
 
-def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gain(m, sample):
+def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gain(m):
     arms = m._searchComStepDR(1, "TX", -5, 0, None) + m._searchComStepDR(2, "TX", -5, 0, None)
     channels, gains, phases = [1, 2, 3, 4], [float(g) for g in GAINS], [int(p) for p in PHASES]
     data = m._getComData("TX", 2, 1, channels, gains, phases, arms + [9])      # steps without data are left out
     assert list(data) == ["COM_2", "COM_3"]
     for arm in (2, 3):
-        assert data["COM_%d" % arm] == [stored_values(sample, 2, 1, arm, "TX", g, p)[ch - 1]
+        assert data["COM_%d" % arm] == [stored_values(2, 1, arm, "TX", g, p)[ch - 1]
                                         for ch, g, p in zip(channels, GAINS, PHASES)]
     m._CaliTable.clear()                       # the cache alone answers now
     for gain in ("-2.0", -2, "-2", -2.7):
         assert m._getComData("TX", 2, 1, [3], [gain], [270], [3]) == {
-            "COM_3": [stored_values(sample, 2, 1, 3, "TX", -2, 270)[2]]}
+            "COM_3": [stored_values(2, 1, 3, "TX", -2, 270)[2]]}
     assert list(m._CalibrationTableManager__allComDataMap) == ["BOARD_2"]
-
-
-@pytest.mark.parametrize("channel, gain, phase, error", [
-    ([1, 2], [0], [0, 0], ValueError),
-    ([0], [0], [0], IndexError),
-    ([5], [0], [0], IndexError),
-    ([1], [1], [0], KeyError),
-    ([1], [0], [45], KeyError),
-])
-def test_bad_data_requests(m, channel, gain, phase, error):
-    with pytest.raises(error):
-        m._getComData("TX", 1, 1, channel, gain, phase, [1])
