@@ -7,14 +7,13 @@ OFFICIAL = "QRVLAB-2x2_LITE_28_IDEAL"
 LITE = 12
 
 
-def kit_rows(name, dev_type=LITE, kit_type=0, tx=(0, 1, 2, 3), rx=(3, 2, 1, 0),
-             spacing=("5", "5"), steer_h=("-45", "45"), steer_v=("-30", "30")):
+def kit_rows(name, dev_type=LITE, kit_type=0, tx=(0, 1, 2, 3), rx=(3, 2, 1, 0), spacing=("5", "5")):
     rows = [["AAKIT_NAME", name]]
     if dev_type is not None:
         rows.append(["DEV_TYPE", dev_type])
     if kit_type is not None:
         rows.append(["TYPE", kit_type])
-    rows += [["SPACING", *spacing], ["STEERING_H", *steer_h], ["STEERING_V", *steer_v],
+    rows += [["SPACING", *spacing], ["STEERING_H", "-45", "45"], ["STEERING_V", "-30", "30"],
              ["OFFSET_TX", *tx], ["OFFSET_RX", *rx]]
     return rows
 
@@ -34,10 +33,10 @@ def write_kit(directory, name, file_stem=None, **fields):
     return write_rows(directory / ("AAKIT_%s.csv" % (file_stem or name)), kit_rows(name, **fields))
 
 
-def record(dev_type=LITE, kit_type=0, tx=(0, 1, 2, 3), rx=(3, 2, 1, 0)):
+def record(kit_type=0, tx=(0, 1, 2, 3)):
     """The record the parser makes of kit_rows() with the same arguments."""
-    return {"DEV_TYPE": dev_type, "TYPE": kit_type, "SPACING": [5.0, 5.0], "STEERING_H": [-45.0, 45.0],
-            "STEERING_V": [-30.0, 30.0], "OFFSET_TX": list(tx), "OFFSET_RX": list(rx)}
+    return {"DEV_TYPE": LITE, "TYPE": kit_type, "SPACING": [5.0, 5.0], "STEERING_H": [-45.0, 45.0],
+            "STEERING_V": [-30.0, 30.0], "OFFSET_TX": list(tx), "OFFSET_RX": [3, 2, 1, 0]}
 
 
 def pinned_clock(*moments):
