@@ -19,17 +19,6 @@ def kits(tm, files_dir):
     return manager
 
 
-# ---------------------------------------------------------------- selection --
-
-def test_select_a_known_kit_or_clear_with_an_empty_name(kits, caplog):
-    assert kits._selectAAKit("Other").RetCode == RetCode.OK and kits._aakit_name == "Other"
-    ret = kits._selectAAKit("Missing")
-    message = "There is NOT matched AAKit name: Missing"
-    assert (ret.RetCode, ret.RetMsg, kits._aakit_name) == (RetCode.ERROR_BF_NO_AAKIT, message, "Other")
-    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
-    assert kits._selectAAKit("").RetCode == RetCode.OK and kits._aakit_name == ""
-
-
 # ------------------------------------------------------------------ listing --
 
 def test_list_parses_through_an_overridden_parse_only_when_empty_or_forced(tm, files_dir):
@@ -90,17 +79,22 @@ def test_list_failures_become_its_error_result(tm, files_dir, caplog, callback, 
     ("Other", False, "", "Other"),
 ])
 def test_info_chooses_name_then_whole_table_then_selection(kits, name, local, selected, expected):
-    kits._selectAAKit(selected)
+    assert kits._selectAAKit(selected).RetCode == RetCode.OK and kits._aakit_name == selected
     data = kits.getAAKitInfo(name, local).RetData
     assert data is (kits._AAKitTable if expected == "table" else kits._AAKitTable[expected])
 
 
-def test_info_without_a_selection_or_on_a_kit_that_is_gone(kits, files_dir, caplog):
+MISSING = "There is NOT matched AAKit name: Missing"
+
+
+def test_unknown_names_and_info_without_a_selection_or_on_a_kit_that_is_gone(kits, files_dir, caplog):
     ret = kits.getAAKitInfo()
     message = "Fail to getAAKitInfo, please call selectAAKit() first"
     assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.ERROR_BF_AAKIT, message, None)
-    assert records(caplog, "AAKitTbl") == [("ERROR", message)]
     kits._selectAAKit("Other")
+    ret = kits._selectAAKit("Missing")
+    assert (ret.RetCode, ret.RetMsg, kits._aakit_name) == (RetCode.ERROR_BF_NO_AAKIT, MISSING, "Other")
+    assert records(caplog, "AAKitTbl") == [("ERROR", message), ("ERROR", MISSING)]
     (files_dir / "AAKIT_Other.csv").unlink()
     kits.parse()
     for ret in (kits.getAAKitInfo(), kits.getAAKitInfo("Unknown")):
