@@ -20,6 +20,10 @@ def kit_rows(name, dev_type=LITE, kit_type=0, tx=(0, 1, 2, 3), rx=(3, 2, 1, 0),
 
 
 def write_rows(path, rows):
+    """Writes the rows as csv.writer does; bytes are written as they are."""
+    if isinstance(rows, bytes):
+        path.write_bytes(rows)
+        return path
     with open(path, "w", newline="", encoding="utf-8") as f:
         csv.writer(f).writerows(rows)
     return path

@@ -29,18 +29,6 @@ def kits(clock, files_dir):
     return manager
 
 
-class Recorder:
-    """A web-mode callback that records its calls (keywords only) and answers with `answer`."""
-
-    def __init__(self, answer=None):
-        self.calls = []
-        self.answer = answer if answer is not None else RetType()
-
-    def __call__(self, **kwargs):
-        self.calls.append(kwargs)
-        return self.answer
-
-
 def new_kit(kits, name="Mine", tx=(1, 2, 3, 4), **kwargs):
     return kits.setAAKitInfo(name, [4.0, 4.5], [-40.0, 40.0], [0, 0], list(tx), [4, 3, 2, 1], **kwargs)
 
@@ -91,7 +79,7 @@ def test_new_custom_kit_is_kept_under_a_stamped_name_with_the_callers_lists(kits
     assert list(kits._AAKitTable) == [OFFICIAL, "Mine_" + STAMP, "Mine_" + SECOND_STAMP]
 
 
-def test_official_kits_from_the_database_are_stored_once_under_their_name(kits, caplog):
+def test_an_existing_name_is_skipped_as_official_and_updated_in_place_as_custom(kits, files_dir, caplog):
     caplog.set_level(logging.DEBUG)
     assert new_kit(kits, "Official2", custom=0).RetData == "Official2"
     assert kits._AAKitTable["Official2"]["TYPE"] == 0
@@ -100,17 +88,14 @@ def test_official_kits_from_the_database_are_stored_once_under_their_name(kits, 
     assert (ret.RetCode, ret.RetData, kits._AAKitTable) == (RetCode.OK, OFFICIAL, before)
     assert records(caplog, "AAKitTbl") == [("DEBUG", "WEB-VEX loaded official AAKit"),
                                            ("WARNING", "Duplicated official AAKit case -> skip it")]
-
-
-def test_custom_set_of_an_existing_name_updates_that_record_in_place(kits, files_dir):
+    # A custom set updates the record even of a kit loaded as official, and writes no file.
     kit = kits._AAKitTable[OFFICIAL]
-    ret = new_kit(kits, OFFICIAL, tx=(7, 7, 7, 7))
-    assert ret.RetData == OFFICIAL and kits._AAKitTable == {OFFICIAL: kit}
+    assert new_kit(kits, OFFICIAL, tx=(7, 7, 7, 7)).RetData == OFFICIAL and kits._AAKitTable[OFFICIAL] is kit
     assert kit["TYPE"] == 1 and kit["OFFSET_TX"] == [7, 7, 7, 7]
     assert sorted(os.listdir(files_dir)) == kit_files(OFFICIAL)
 
 
-def test_update_with_a_new_name_renames_the_kit_file(kits, files_dir):
+def test_update_with_a_new_name_renames_the_kit_file_if_there_is_one(kits, files_dir, caplog):
     ret = new_kit(kits, saved_kit(kits), tx=(5, 5, 5, 5), newKitName="Renamed")
     new_name = "Renamed_" + SECOND_STAMP
     assert ret.RetData == new_name and list(kits._AAKitTable) == [OFFICIAL, new_name]
@@ -118,10 +103,7 @@ def test_update_with_a_new_name_renames_the_kit_file(kits, files_dir):
     again = type(kits)(LITE, 4, support_dev=[LITE])
     again.parse()
     assert again._AAKitTable[new_name]["OFFSET_TX"] == [5, 5, 5, 5]
-
-
-def test_failed_rename_during_update_is_logged(kits, caplog):
-    # The kit was never saved, so its old file cannot be deleted.
+    # A kit never saved has no old file to delete: the failed rename is logged.
     assert new_kit(kits, new_kit(kits).RetData, newKitName="Unsaved").RetCode == RetCode.OK
     assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
 
@@ -207,15 +189,20 @@ def test_callbacks_take_over_storage_even_for_names_no_file_could_carry(kits, fi
     caplog.set_level(logging.INFO)
     (files_dir / ("AAKIT_%s.csv" % OFFICIAL)).unlink()
     record = kits._AAKitTable["a/b"] = dict(kits._AAKitTable[OFFICIAL], TYPE=1)
-    callback = Recorder(RetType(RetCode.ERROR_DB_FEEDBACK, "db says no"))
-    assert kits.saveAAKitFile("a/b", callback, context="ignored") is callback.answer
-    assert kits.deleteAAKitInfo("a/b", callback) is callback.answer
-    assert callback.calls == [{"func_name": "saveAAKitFile", "kitName": "a/b", "check": False, "context": record},
-                              {"func_name": "deleteAAKitInfo", "kitName": "a/b", "check": False}]
-    assert callback.calls[0]["context"] is record and "a/b" not in kits._AAKitTable
+    calls, answer = [], RetType(RetCode.ERROR_DB_FEEDBACK, "db says no")
+
+    def callback(**kwargs):                     # web mode passes keywords only
+        calls.append(kwargs)
+        return answer
+
+    assert kits.saveAAKitFile("a/b", callback, context="ignored") is answer
+    assert kits.deleteAAKitInfo("a/b", callback) is answer
+    assert calls == [{"func_name": "saveAAKitFile", "kitName": "a/b", "check": False, "context": record},
+                     {"func_name": "deleteAAKitInfo", "kitName": "a/b", "check": False}]
+    assert calls[0]["context"] is record and "a/b" not in kits._AAKitTable
     assert records(caplog, "AAKitTbl") == [("INFO", "Forward to saving AAKit"), ("INFO", "Forward to deleting AAKit")]
     # A callback's success is answered with a result of our own.
-    callback.answer = RetType()
+    answer = RetType()
     ret = kits.saveAAKitFile(OFFICIAL, callback)
-    assert ret.RetCode == RetCode.OK and ret is not callback.answer
+    assert ret.RetCode == RetCode.OK and ret is not answer
     assert os.listdir(files_dir) == []

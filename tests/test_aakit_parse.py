@@ -8,6 +8,7 @@ from hypothesis import HealthCheck, given, settings, strategies as st
 
 from aakit_samples import LITE, OFFICIAL, STAMP, MOMENT, kit_rows, pinned_clock, record, write_kit, write_rows
 from conftest import records
+from fuzz_support import baseline_module
 from vexcore.QRVPublic import RetCode
 
 
@@ -23,41 +24,29 @@ def test_constructor_keeps_the_callers_device_list_and_uses_the_files_folder(tm,
     assert kits._AAKitTableManager__defaultDir == files_dir        # the folder argument is not used
     assert kits._AAKitTableManager__supportDevs is devs
     assert kits._AAKitTableManager__fieldlimit["OFFSET_TX"] == 32    # channels x polarizations
-
-
-def test_web_mode_resolves_no_directory_and_parses_nothing(tm, files_dir):
+    # In web mode no folder is resolved and parse reads nothing.
     write_kit(files_dir, OFFICIAL)
-    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE], web_client_id="client")
-    assert not hasattr(kits, "_AAKitTableManager__defaultDir")
-    assert kits.parse().RetCode == RetCode.OK
-    assert kits._AAKitTable == {}
+    web = tm.AAKitTableManager(LITE, 4, support_dev=[LITE], web_client_id="client")
+    assert not hasattr(web, "_AAKitTableManager__defaultDir")
+    assert web.parse().RetCode == RetCode.OK and web._AAKitTable == {}
 
 
 # -------------------------------------------------------------- file search --
 
-def test_table_path_lists_kit_files_sorted(tm, files_dir):
-    for stem in ["b", "a", "C", "a_1"]:
-        write_kit(files_dir, stem)
-    for other in ["AAKIT.csv", "AAKIT_x.txt", "aakit_y.csv", "KIT_z.csv"]:
-        (files_dir / other).write_text("AAKIT_NAME,z\n")
-    found = manager(tm)._getAAKitTablePath()
-    assert found == [str(files_dir / ("AAKIT_%s.csv" % s)) for s in ["C", "a", "a_1", "b"]]
-
-
-def test_brackets_in_the_directory_name_are_not_a_pattern(tm, tmp_path, monkeypatch):
+def test_kit_files_are_found_sorted_in_a_folder_whose_name_is_no_pattern(tm, tmp_path, monkeypatch, caplog):
     directory = tmp_path / "kits[1]*"
     directory.mkdir()
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(directory))
-    write_kit(directory, OFFICIAL)
-    assert manager(tm)._getAAKitTablePath() == [str(directory / ("AAKIT_%s.csv" % OFFICIAL))]
-
-
-def test_no_kit_file_is_an_error(tm, files_dir, caplog):
-    (files_dir / "AAKIT.csv").write_text("AAKIT_NAME,never\n")
+    for other in ["AAKIT.csv", "AAKIT_x.txt", "aakit_y.csv", "KIT_z.csv"]:
+        (directory / other).write_text("AAKIT_NAME,z\n")
     ret = manager(tm).parse()
-    message = "'%s' does not exist any AAKit table" % files_dir
+    message = "'%s' does not exist any AAKit table" % directory
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_NO_AAKIT, message)
     assert records(caplog, "AAKitTbl") == [("ERROR", message)]
+    for stem in ["b", "a", "C", "a_1"]:
+        write_kit(directory, stem)
+    found = manager(tm)._getAAKitTablePath()
+    assert found == [str(directory / ("AAKIT_%s.csv" % s)) for s in ["C", "a", "a_1", "b"]]
 
 
 # ---------------------------------------------------------------- reading --
@@ -73,65 +62,54 @@ def test_kit_files_become_records_and_a_later_file_of_the_same_kit_wins(tm, file
     assert records(caplog, "AAKitTbl") == [("INFO", "Parsing (%s)%s done" % (OFFICIAL, path)) for path in paths]
 
 
-@pytest.mark.parametrize("rows, stored", [
-    ([["", "1", "2"]], {"": [1.0, 2.0]}),
-    ([["STEER", "1", "2"]], {"STEER": [1.0, 2.0]}),
-    ([["_V", "-1.5", "2e1", "ignored", "x"]], {"_V": [-1.5, 20.0]}),
-    ([["OFFSET", " 7 ", "-1", "1_0", "+2"]], {"OFFSET": [7, -1, 10, 2]}),
-    ([["TX", "1", "2", "3", "99999999999999999999999"]], {"TX": [1, 2, 3, 99999999999999999999999]}),
-    ([["SPACINGS", "1"], ["COMMENT", "x"], [], ["TYPE", "-3"]], {"TYPE": -3}),
-])
-def test_row_keys_are_matched_as_the_format_allows(tm, files_dir, rows, stored):
-    write_rows(files_dir / "AAKIT_k.csv", [["AAKIT_NAME", "k"], ["TYPE", "0"]] + rows)
-    kits = manager(tm)
-    assert kits.parse().RetCode == RetCode.OK
-    assert kits._AAKitTable == {"k": {"TYPE": 0, **stored}}
-
-
+K = [["AAKIT_NAME", "k"], ["TYPE", "0"]]
 SKIP = "Skip {path} due to parsing exception"
 
 
-@pytest.mark.parametrize("stem, rows, level, message", [
-    ("wrong_dev", kit_rows("a", dev_type=9), "WARNING", "Skip {path}, due to dev type(9) not match"),
-    ("kit_type_2", kit_rows("b", kit_type=2), "ERROR", "Unknown custom type: 2"),
-    ("short_tx", kit_rows("c", tx=(1, 2, 3)), "ERROR", "OFFSET_TX: number of channel:3 not equal to 4"),
-    ("no_name", kit_rows("e")[1:], "ERROR", "Skip {path} due to unknown file"),
-    ("empty_name", kit_rows(""), "ERROR", "Skip {path} due to unknown file"),
-    # malformed: logged with the exception
-    ("one_spacing", kit_rows("f", spacing=("5",)), IndexError, SKIP),
-    ("text_spacing", kit_rows("h", spacing=("five", "5")), ValueError, SKIP),
-    ("float_offset", kit_rows("i", tx=(1, 2, 3, "4.0")), ValueError, SKIP),
-    ("name_row_without_value", [["AAKIT_NAME"]] + kit_rows("k")[1:], IndexError, SKIP),
-    ("undecodable", b"AAKIT_NAME,\xff\xfe\n", UnicodeDecodeError, SKIP),
+@pytest.mark.parametrize("rows, stored, level, message", [
+    # Row keys are matched by containment in the field names, as the format allows.
+    (K + [["", "1", "2"]], {"": [1.0, 2.0]}, None, None),
+    (K + [["STEER", "1", "2"]], {"STEER": [1.0, 2.0]}, None, None),
+    (K + [["_V", "-1.5", "2e1", "ignored", "x"]], {"_V": [-1.5, 20.0]}, None, None),
+    (K + [["OFFSET", " 7 ", "-1", "1_0", "+2"]], {"OFFSET": [7, -1, 10, 2]}, None, None),
+    (K + [["TX", "1", "2", "3", "99999999999999999999999"]], {"TX": [1, 2, 3, 99999999999999999999999]}, None, None),
+    (K + [["SPACINGS", "1"], ["COMMENT", "x"], [], ["TYPE", "-3"]], {"TYPE": -3}, None, None),
+    # Refused files are skipped with their message.
+    (kit_rows("k", dev_type=9), None, "WARNING", "Skip {path}, due to dev type(9) not match"),
+    (kit_rows("k", kit_type=2), None, "ERROR", "Unknown custom type: 2"),
+    (kit_rows("k", tx=(1, 2, 3)), None, "ERROR", "OFFSET_TX: number of channel:3 not equal to 4"),
+    (kit_rows("k")[1:], None, "ERROR", "Skip {path} due to unknown file"),
+    (kit_rows(""), None, "ERROR", "Skip {path} due to unknown file"),
+    # Malformed files: logged with the exception.
+    (kit_rows("k", spacing=("5",)), None, IndexError, SKIP),
+    (kit_rows("k", spacing=("five", "5")), None, ValueError, SKIP),
+    (kit_rows("k", tx=(1, 2, 3, "4.0")), None, ValueError, SKIP),
+    ([["AAKIT_NAME"]] + kit_rows("k")[1:], None, IndexError, SKIP),
+    (b"AAKIT_NAME,\xff\xfe\n", None, UnicodeDecodeError, SKIP),
 ])
-def test_refused_files_are_skipped_with_their_message_while_good_ones_load(tm, files_dir, caplog, stem, rows,
-                                                                           level, message):
-    path = files_dir / ("AAKIT_%s.csv" % stem)
-    if isinstance(rows, bytes):
-        path.write_bytes(rows)
-    else:
-        write_rows(path, rows)
+def test_each_file_is_read_or_skipped_with_its_message_while_others_load(tm, files_dir, caplog, rows, stored,
+                                                                         level, message):
+    path = write_rows(files_dir / "AAKIT_k.csv", rows)
     write_kit(files_dir, OFFICIAL)
     kits = manager(tm)
     assert kits.parse().RetCode == RetCode.OK
-    assert list(kits._AAKitTable) == [OFFICIAL]
-    if isinstance(level, str):
-        assert (level, message.format(path=path)) in records(caplog, "AAKitTbl")
+    assert kits._AAKitTable == {OFFICIAL: record(), **({} if stored is None else {"k": {"TYPE": 0, **stored}})}
+    problems = [r for r in caplog.records if r.levelno >= logging.WARNING]
+    if level is None:
+        assert problems == []
+    elif isinstance(level, str):
+        assert [(r.levelname, r.getMessage()) for r in problems] == [(level, message.format(path=path))]
     else:
-        (failure,) = [r for r in caplog.records if r.levelno == logging.ERROR]
-        assert (failure.getMessage(), failure.exc_info[0]) == (message.format(path=path), level)
+        assert [(r.getMessage(), r.exc_info[0]) for r in problems] == [(message.format(path=path), level)]
 
 
-def test_default_support_dev_skips_every_typed_kit(tm, files_dir, caplog):
+def test_default_support_dev_skips_every_typed_kit_but_not_an_untyped_one(tm, files_dir, caplog):
     paths = [write_kit(files_dir, name, dev_type=dev) for name, dev in [("a", LITE), ("b", 9)]]
     ret = tm.AAKitTableManager(LITE, 4).parse()
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_NO_AAKIT, "No available AAKit table here")
     assert records(caplog, "AAKitTbl") == [
         ("WARNING", "Skip %s, due to dev type(%d) not match" % (path, dev)) for path, dev in zip(paths, [LITE, 9])
     ] + [("ERROR", "No available AAKit table here")]
-
-
-def test_a_kit_without_device_type_is_accepted(tm, files_dir):
     write_kit(files_dir, OFFICIAL, dev_type=None)
     kits = tm.AAKitTableManager(LITE, 4)
     assert kits.parse().RetCode == RetCode.OK
@@ -146,32 +124,32 @@ def clock(tm, restore_module_globals):
     return tm
 
 
-@pytest.mark.parametrize("old_name", ["MyKit", "My_Kit", "My_Kit_20240301123045+0800", "Kit_2024030112304512-0500"])
-def test_old_format_custom_kit_is_renamed_on_disk_and_in_the_table(clock, files_dir, caplog, old_name):
-    caplog.set_level(logging.INFO)
-    write_kit(files_dir, old_name, kit_type=1)
+@pytest.mark.parametrize("name, kit_type, stored", [
+    ("MyKit", 1, "MyKit_" + STAMP),
+    ("My_Kit", 1, "My_Kit_" + STAMP),
+    ("My_Kit_20240301123045+0800", 1, "My_Kit_20240301123045+0800_" + STAMP),
+    ("Kit_2024030112304512-0500", 1, "Kit_2024030112304512-0500_" + STAMP),
+    ("Mine_" + STAMP, 1, "Mine_" + STAMP),
+    ("My_Kit", 0, "My_Kit"),                    # official kits keep any name
+])
+def test_custom_kits_are_renamed_to_the_stamped_format_on_disk_and_in_the_table(clock, files_dir, caplog, name,
+                                                                                kit_type, stored):
+    caplog.set_level(logging.DEBUG)
+    written = write_kit(files_dir, name, kit_type=kit_type).read_bytes()
     kits = manager(clock)
     assert kits.parse().RetCode == RetCode.OK
-    new_name = old_name + "_" + STAMP
-    assert kits._AAKitTable == {new_name: record(kit_type=1)}
-    assert os.listdir(files_dir) == ["AAKIT_%s.csv" % new_name]
-    assert records(caplog, "AAKitTbl")[1:3] == [("INFO", "Invalid custom AAKit name(old format): %s" % old_name),
-                                                ("INFO", " -> new custom AAKit name(new format): %s" % new_name)]
+    assert kits._AAKitTable == {stored: record(kit_type=kit_type)}
+    assert os.listdir(files_dir) == ["AAKIT_%s.csv" % stored]
+    log = records(caplog, "AAKitTbl")
+    if stored == name:
+        assert (files_dir / ("AAKIT_%s.csv" % name)).read_bytes() == written
+        assert (("DEBUG", "Valid custom AAKit name") in log) is (kit_type == 1)
+    else:
+        at = log.index(("INFO", "Invalid custom AAKit name(old format): %s" % name))
+        assert log[at + 1] == ("INFO", " -> new custom AAKit name(new format): %s" % stored)
     again = manager(clock)
     again.parse()
     assert again._AAKitTable == kits._AAKitTable
-
-
-def test_stamped_custom_kit_and_official_kits_keep_their_names(clock, files_dir, caplog):
-    caplog.set_level(logging.DEBUG)
-    write_kit(files_dir, "Mine_" + STAMP, kit_type=1)
-    write_kit(files_dir, "Official", kit_type=0)
-    before = {p: p.read_bytes() for p in files_dir.iterdir()}
-    kits = manager(clock)
-    kits.parse()
-    assert list(kits._AAKitTable) == ["Mine_" + STAMP, "Official"]
-    assert {p: p.read_bytes() for p in files_dir.iterdir()} == before
-    assert ("DEBUG", "Valid custom AAKit name") in records(caplog, "AAKitTbl")
 
 
 @pytest.mark.parametrize("stem, name, kept", [
@@ -188,27 +166,9 @@ def test_failed_rename_is_logged_and_parsing_goes_on(clock, files_dir, caplog, s
     assert sorted(os.listdir(files_dir)) == sorted(["AAKIT_%s.csv" % stem, "AAKIT_%s.csv" % OFFICIAL])
 
 
-# ------------------------------------------- rows exactly as csv.reader reads
+# ----------------------------------------- rows as the pure-Python peer reads them --
 
-def rows_as_python_reads_them(path, total_ch):
-    """The record csv.reader plus the row rules make of one file; None when it is skipped."""
-    record = {"TYPE": 0}
-    try:
-        with open(path) as f:
-            for row in csv.reader(f):
-                if not row or row[0] in ("AAKIT_NAME", "TYPE"):
-                    continue
-                key = row.pop(0)
-                if key in "STEERING_H" or key in "STEERING_V":
-                    record[key] = [float(row[0]), float(row[1])]
-                elif key in "OFFSET_TX" or key in "OFFSET_RX":
-                    if len(row) != total_ch:
-                        return None
-                    record[key] = [int(v) for v in row]
-    except (ValueError, IndexError, csv.Error):
-        return None
-    return record
-
+PEER = baseline_module("aakit")
 
 NUMBER = st.integers(-300, 300).map(str)
 # Numbers as a hand-edited or exported file may hold them: plain, quoted, padded,
@@ -223,22 +183,19 @@ LINE_END = st.sampled_from(["\n", "\r\n", "\r"])
 
 @settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(rows=st.lists(ROW, max_size=6), line_end=LINE_END)
-def test_kit_rows_are_read_as_csv_reader_reads_them(tm, files_dir, rows, line_end):
+def test_kit_rows_are_read_as_the_python_peer_reads_them(tm, files_dir, rows, line_end):
     # Rows are joined by hand, so quotes, NUL and line breaks inside cells reach
     # the reader raw, as a hand-edited file would have them.
     lines = ["AAKIT_NAME,K", "TYPE,0"] + [",".join([key] + cells) for key, cells in rows]
-    path = files_dir / "AAKIT_k.csv"
-    path.write_bytes(line_end.join(lines).encode())
-    kits = tm.AAKitTableManager(LITE, 3, support_dev=[LITE])
-    kits.parse()
-    expected = rows_as_python_reads_them(path, 3)
-    assert kits._AAKitTable == ({} if expected is None else {"K": expected})
+    (files_dir / "AAKIT_k.csv").write_bytes(line_end.join(lines).encode())
+    kits, peer = (make(LITE, 3, support_dev=[LITE]) for make in (tm.AAKitTableManager, PEER.AAKitTableManager))
+    assert (kits.parse().RetCode, kits._AAKitTable) == (peer.parse().RetCode, peer._AAKitTable)
 
 
 @pytest.mark.parametrize("offsets, loads", [(["1", "2", "3", "4"], True), (["1", "2", "3", "0000000000004"], False)])
 def test_csv_field_size_limit_applies_to_plain_lines_too(tm, files_dir, caplog, offsets, loads):
     # The whole offset line is longer than the limit; only a single long field is refused.
-    write_rows(files_dir / "AAKIT_k.csv", [["AAKIT_NAME", "k"], ["TYPE", "0"], ["OFFSET_TX"] + offsets])
+    write_rows(files_dir / "AAKIT_k.csv", K + [["OFFSET_TX"] + offsets])
     kits, previous = manager(tm), csv.field_size_limit(12)
     try:
         kits.parse()

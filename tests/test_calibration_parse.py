@@ -99,14 +99,12 @@ def test_parse_of_a_handed_in_file_object(tm, files_dir, sample, caplog):
     assert outcome(m.parse(fileObject=io.StringIO(sample.text()), exportToJson=True)) == PARSE_EXCEPTION
 
 
-def test_missing_file_and_broken_export(tm, files_dir, caplog):
+def test_missing_file(tm, files_dir, caplog):
     m = manager(tm)
     assert outcome(m.parse()) == (RetCode.ERROR_BF_CALI_PATH, "Can not find file for Cali table")
     assert records(caplog, "CaliTbl") == [("ERROR", "Can not find file for Cali table")]
+    # (a damaged export gives the same error: the JSON fuzz test reads those)
     assert outcome(m.parseRawJson()) == (RetCode.ERROR_BF_CALI_PARSE, "cali file error")
-    (files_dir / (SN + "_28.0GHz.json")).write_text('{"VER": "2.1.0",')
-    assert outcome(manager(tm).parseRawJson()) == (RetCode.ERROR_BF_CALI_PARSE, "cali file error")
-    assert isinstance(caplog.records[-1].exc_info[1], json.JSONDecodeError)
 
 
 # --------------------------------------------------------------- bad files --
@@ -124,13 +122,6 @@ DATA_ROW = next(r for r in make_sample().rows if r[:1] == ["DATA"])
 def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, bad_row):
     assert parse_rows(tm, files_dir, sample, replace_rows(sample.rows, bad_row[0], [bad_row]))[1] == PARSE_EXCEPTION
     assert caplog.records[-1].levelname == "ERROR" and caplog.records[-1].exc_info is not None
-
-
-def test_invalid_utf8_is_a_parse_exception(tm, files_dir, sample, caplog):
-    path = sample.write(files_dir)
-    path.write_bytes(path.read_bytes().replace(b"REALVER,2.1.0-7", b"REALVER,2.1.0-\xff"))
-    assert outcome(manager(tm).parse()) == PARSE_EXCEPTION
-    assert caplog.records[-1].exc_info[0] is UnicodeDecodeError
 
 
 def test_a_file_without_end_is_broken_though_every_row_was_stored(tm, files_dir, sample, caplog):
@@ -155,21 +146,17 @@ def test_harmless_noise_changes_nothing(tm, files_dir, sample, damage):
 
 # ------------------------------------------------------------ header check --
 
-def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample):
-    m, ret = parse_rows(tm, files_dir, sample, replace_rows(sample.rows, "SN", [["SN", "OTHER"]]), exportToJson=True)
-    assert ret == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Wrong SN!")
-    assert not list(files_dir.glob("*.json"))                     # a refused table is not exported
+@pytest.mark.parametrize("sn, leave_out, expected, exported", [
+    ("OTHER", (), (RetCode.ERROR_BF_CALI_INCOMPLTE, "Wrong SN!"), False),   # a refused table is not exported
+    ("OTHER", ("COMDR", "ELEDR"), OK, True),       # without range rows the header is never checked
+    (SN, ("FCENTER",), PARSE_EXCEPTION, True),     # a header missing at the first range row fails the check itself
+])
+def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, sn, leave_out, expected, exported):
+    rows = [r for r in replace_rows(sample.rows, "SN", [["SN", sn]]) if r[:1] not in [[k] for k in leave_out]]
+    m, ret = parse_rows(tm, files_dir, sample, rows, exportToJson=True)
+    assert ret == expected and bool(list(files_dir.glob("*.json"))) is exported
     assert "OFFSET_CHIP_1" in m._CaliTable["BOARD_1"]["TX"]       # rows before the check are kept
     assert "COMDR" not in m._CaliTable["BOARD_1"]["TX"]
-
-
-@pytest.mark.parametrize("sn, leave_out, expected", [
-    ("OTHER", ("COMDR", "ELEDR"), OK),           # never checked
-    (SN, ("FCENTER",), PARSE_EXCEPTION),         # a header missing at the first range row fails the check itself
-])
-def test_header_check_needs_range_rows_and_a_whole_header(tm, files_dir, sample, sn, leave_out, expected):
-    rows = [r for r in replace_rows(sample.rows, "SN", [["SN", sn]]) if r[:1] not in [[k] for k in leave_out]]
-    assert parse_rows(tm, files_dir, sample, rows)[1] == expected
 
 
 def test_repeated_rows_merge_value_by_value(tm, files_dir, sample):

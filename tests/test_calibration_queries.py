@@ -24,35 +24,19 @@ def m(tm, files_dir, sample):
     return manager
 
 
-@pytest.fixture
-def dual(tm, files_dir):
-    return tm.CalibrationTableManager("K5120R077-28", 28, lambda: (1, 1, 4), support_polar=True)
-
-
 def board(sample, b):
     return sample.expected["BOARD_%d" % b]
 
 
 # ------------------------------------------------------------------- DR ---
 
-@pytest.mark.parametrize("mode", [None, RFMode.TX, 1])
-def test_dr_of_all_modes_or_one(m, sample, mode):
+@pytest.mark.parametrize("mode, key", [(None, None), (RFMode.TX, "TX"), (1, "RX"), (5, ValueError)])
+def test_dr_of_all_modes_or_one(m, sample, caplog, mode, key):
     ret = m.getDR(mode)
-    expected = sample.expected["DR"]
-    assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected if mode is None else expected[RFMode(mode).name])
-
-
-def test_dr_of_an_unknown_mode_is_an_error(m, caplog):
-    ret = m.getDR(5)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR, "getDR exception")
-    assert caplog.records[-1].exc_info[0] is ValueError
-
-
-@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR"])
-def test_missing_table_entries_reach_the_caller(tm, files_dir, call):
-    empty = tm.CalibrationTableManager(SN, 28, tm.fake_rf_layout)
-    with pytest.raises(KeyError):
-        getattr(empty, call)()
+    if key is ValueError:
+        assert (ret.RetCode, ret.RetMsg, caplog.records[-1].exc_info[0]) == (RetCode.ERROR, "getDR exception", key)
+    else:
+        assert (ret.RetCode, ret.RetData) == (RetCode.OK, sample.expected["DR"][key] if key else sample.expected["DR"])
 
 
 # ---------------------------------------------------------- COMDR / ELEDR ---
@@ -71,10 +55,11 @@ def test_board_ranges_per_mode_and_board_are_read_once(m, sample, caplog, kind):
     assert log[-1] == ("DEBUG", "Fetch %s from cache" % kind)
 
 
-def test_a_board_missing_from_the_table_is_not_cached(m):
-    del m._CaliTable["BOARD_3"]
+@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR"])
+def test_missing_entries_reach_the_caller_and_nothing_is_cached(m, call):
+    del m._CaliTable["DR"], m._CaliTable["BOARD_3"]
     with pytest.raises(KeyError):
-        m.getCOMDR()
+        getattr(m, call)()
     assert m._CalibrationTableManager__allXXXDR is None
 
 
@@ -94,7 +79,8 @@ def test_temperature_compensation_as_integers_per_board_and_chip(tm, files_dir, 
 
 # ----------------------------------------------------- dual polarization ---
 
-def test_dual_polarization_ranges_per_polarization(dual, tm, caplog):
+def test_dual_polarization_ranges_per_polarization(tm, files_dir, caplog):
+    dual = tm.CalibrationTableManager("K5120R077-28", 28, lambda: (1, 1, 4), support_polar=True)
     cali = tm.moss_cali
     assert dual.getDR().RetData is cali["DR"]
     assert dual.getDR(CellRFMode.RX).RetData == cali["DR"]["RX"]
@@ -119,9 +105,15 @@ def offsets(sample, mode, b, chip=1):
     ((2,), "TX", [2]),                      # one board, transmit offsets of the first chip by default
     (((4, 2), "RX", 1), "RX", [4, 2]),
     ((range(1, 3), "TX", 1), "TX", [1, 2]),
+    (([1, 5],), "TX", KeyError),            # no such board
+    ((1, "TX", 2), "TX", KeyError),         # no such chip
 ])
 def test_offsets_of_one_or_several_boards(m, sample, args, mode, boards):
-    assert m._getBoardsOffset(*args) == [offsets(sample, mode, b) for b in boards]
+    if boards is KeyError:
+        with pytest.raises(KeyError):
+            m._getBoardsOffset(*args)
+    else:
+        assert m._getBoardsOffset(*args) == [offsets(sample, mode, b) for b in boards]
 
 
 def test_offsets_are_cached_and_handed_out_as_copies(m, sample):
@@ -130,13 +122,6 @@ def test_offsets_are_cached_and_handed_out_as_copies(m, sample):
     answer = m._getBoardsOffset([2])
     answer[0][0] = 999                         # a caller's change stays with the caller
     assert m._getBoardsOffset(2) == [offsets(sample, "TX", 2)]
-
-
-def test_offsets_of_a_missing_board_or_chip(m):
-    with pytest.raises(KeyError):
-        m._getBoardsOffset([1, 5])
-    with pytest.raises(KeyError):
-        m._getBoardsOffset(1, "TX", 2)
 
 
 # ------------------------------------------------------- common-arm steps ---
