@@ -111,9 +111,9 @@ def test_dual_polarization_ranges_per_polarization(tm, files_dir, caplog):
     assert dual.getDR().RetData is cali["DR"]
     assert dual.getDR(CellRFMode.RX).RetData == cali["DR"]["RX"]
     assert dual.getDR(RFMode.TX).RetData == cali["DR"]["TX"]
-    assert dual.getCOMDR().RetData == [[{p: cali["BOARD_1"][mode][p]["COMDR"] for p in ("HORIZON", "VERTICAL")}]
-                                       for mode in MODES]
-    assert dual.getELEDR().RetData == [[{"HORIZON": 7.0, "VERTICAL": 7.5}], [{"HORIZON": 4.0, "VERTICAL": 5.5}]]
+    for kind in ("COMDR", "ELEDR"):
+        assert getattr(dual, "get" + kind)().RetData == [
+            [{p: cali["BOARD_1"][mode][p][kind] for p in ("HORIZON", "VERTICAL")}] for mode in MODES]
     assert dual._getTC() == [[[8, 3, 2, 11], [8, 3, 2, 11]]]
     ret = dual.getDR(CellRFMode.STANDBY)
     assert (ret.RetCode, ret.RetMsg, ret.RetData) == (RetCode.OK, "DR not support for STANDBY mode", None)
