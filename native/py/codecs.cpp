@@ -316,6 +316,9 @@ public:
     // content (and raises on failure).
     struct Sink {
         virtual void take(std::string& buffer) = 0;
+
+    protected:
+        ~Sink() = default;   // never deleted through this interface
     };
 
     JsonEncoder(std::string& out, int indent) : out_(out), indent_(indent > 0 ? indent : 0) {}
