@@ -18,6 +18,7 @@ SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
 .PHONY: all install check test demo bench bench-quick sanitize clean
+.PHONY: web bench-web
 
 all: test
 
@@ -73,6 +74,38 @@ sanitize: $(SAN_VENV)/.tools
 	status=$$?; \
 	if ls $(SAN_REPORT).* >/dev/null 2>&1; then cat $(SAN_REPORT).*; exit 1; fi; \
 	exit $$status
+
+# The web front end: its extra and the browser tests' tools in both test environments,
+# and Debian's Chromium with its driver on the machine (installed when missing).
+WEB_TOOLS := "starlette>=0.37" "uvicorn>=0.29" "jinja2>=3.1" "python-multipart>=0.0.9" "httpx2" "selenium>=4.20"
+BROWSER   := /usr/bin/chromium /usr/bin/chromedriver
+
+$(BROWSER):
+	command -v apt-get >/dev/null || { echo "the browser tests need Debian's chromium and chromium-driver"; exit 1; }
+	$$(test "$$(id -u)" = 0 || echo sudo) sh -c 'apt-get update -q && \
+	    DEBIAN_FRONTEND=noninteractive apt-get install -y -q chromium chromium-driver'
+
+$(VENV)/.web: $(VENV)/.tools $(BROWSER)
+	$(PY) -m pip install -q $(WEB_TOOLS)
+	touch $@
+
+$(SAN_VENV)/.web: $(SAN_VENV)/.tools $(BROWSER)
+	$(SAN_PY) -m pip install -q $(WEB_TOOLS)
+	touch $@
+
+check: $(VENV)/.web
+sanitize: $(SAN_VENV)/.web
+
+# Speed of the front end's pages on the largest device, beside reading the table alone.
+bench-web: install $(VENV)/.web
+	$(PY) bench/bench_web.py
+
+# The front end on the demonstration data, prepared in build/web on first use (edits
+# made in the browser stay until `rm -rf build/web`). Open http://127.0.0.1:8000/
+web: install $(VENV)/.web
+	test -d build/web || env -u VEXCORE_FILES_DIR -u VEXCORE_DB $(PY) -m vexcore.web.demo build/web
+	cd build/web && env -u VEXCORE_DB VEXCORE_FILES_DIR=$(abspath build/web/files) \
+	    $(abspath $(PY)) -m vexcore.web --db files/vexcore_tables.db
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)

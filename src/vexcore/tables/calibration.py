@@ -91,6 +91,17 @@ def load_export(path, layout=None):
     return result
 
 
+def from_manager(manager, sn, freq, layout, where="database"):
+    """The same queries and range checks as a file's check, on a manager that already
+    answers for its table (in web mode: from the table database)."""
+    result = Calibration(where, kinds.CALIBRATION)
+    result.sn, result.freq, result.layout = sn, freq, tuple(layout)
+    _run_queries(result, manager)
+    _check_ranges(result)
+    result.summary = "%s at %s GHz, layout %s" % (sn, kinds.frequency_text(freq), "x".join(map(str, layout)))
+    return result
+
+
 def _identity(path, result):
     named = kinds.calibration_name(path)
     if named:
