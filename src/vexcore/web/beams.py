@@ -245,6 +245,7 @@ async def save_beam(request):
         return await _render_beam(request, where, session, mode, beam_id, session.beam(mode, beam_id), 409,
                                   CONFLICT)
     log.warning("%s beam %d of %s refused: %s %s", mode.name, beam_id, where.key, ret.RetCode.name, ret.RetMsg)
+    detail = "" if detail in ret.RetMsg else detail        # a steered beam's hook message is the result
     fresh = await in_thread(where.session)
     return await _render_beam(request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), 422,
                               ret.RetMsg, _field_of(ret.RetMsg + " " + detail), detail)

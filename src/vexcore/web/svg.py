@@ -109,7 +109,7 @@ def _ticks(low, high):
 
 def heat_map(rows, row_labels, column_labels, title, low, high, cell=22):
     """A grid of numbers as coloured cells (blue low, red high), each with its value."""
-    width = 70 + cell * max(1, len(column_labels))
+    width = max(360, 70 + cell * max(1, len(column_labels)))
     height = 40 + cell * max(1, len(rows))
     show_text = cell >= 18
     parts = []
