@@ -24,8 +24,11 @@ def _browser():
     options.binary_location = "/usr/bin/chromium"
     for flag in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,1000"):
         options.add_argument(flag)
+    # The browser is not ours to sanitize: under `make sanitize` it must not inherit the
+    # preloaded sanitizer runtimes.
+    env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "ASAN_OPTIONS", "UBSAN_OPTIONS")}
     try:
-        return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        return webdriver.Chrome(service=Service("/usr/bin/chromedriver", env=env), options=options)
     except Exception as error:                    # the reason must show, whatever Selenium raised
         pytest.fail("headless Chromium could not start (Debian's chromium and chromium-driver are needed; "
                     "`make check` installs them): %s" % error)

@@ -70,7 +70,8 @@ def test_downloads_are_json(client):
 
 POSTS = [("/devices/upload", {}), ("/kits", {"name": "K"}), ("/kits/%s/rename" % KIT, {"new_name": "X"}),
          ("/kits/%s/delete" % KIT, {}), (BEAMS + "/TX/1" + Q, {"action": "save"}),
-         (BEAMS + "/import" + Q, {}), (BEAMS + "/import-confirm" + Q, {"token": "x"})]
+         (BEAMS + "/import" + Q, {}), (BEAMS + "/import-confirm" + Q, {"token": "x"}),
+         ("/calibration/%s/%s/reload" % (SN, FREQ), {})]
 
 
 @pytest.mark.parametrize("url, data", POSTS)
@@ -108,6 +109,7 @@ def test_upload_stores_a_good_file_and_refuses_a_bad_one_whole(client):
     assert "K5350R019-77" not in client.get("/devices").text
     good = post(client, "/devices/upload", files={"file": ("K5350R019-77_28GHz.csv", calibration_text("K5350R019-77"))})
     assert good.status_code == 303 and "K5350R019-77" in client.get("/devices").text
+    assert post(client, "/calibration/K5350R019-77/28/reload").status_code == 303
 
 
 def test_upload_size_is_limited(db):

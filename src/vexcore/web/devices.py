@@ -27,7 +27,8 @@ def routes():
     return [Route("/devices", devices_page),
             Route("/devices/upload", upload, methods=["POST"]),
             Route("/calibration/{sn}/{freq}", calibration_page),
-            Route("/calibration/{sn}/{freq}/export.json", calibration_export)]
+            Route("/calibration/{sn}/{freq}/export.json", calibration_export),
+            Route("/calibration/{sn}/{freq}/reload", reload_calibration, methods=["POST"])]
 
 
 async def devices_page(request):
@@ -131,3 +132,12 @@ async def calibration_export(request):
     name = "%s_%sGHz.json" % (re.sub(r"[^A-Za-z0-9._+-]", "_", sn), kinds.frequency_text(frequency))
     return Response(json.dumps(table, ensure_ascii=False, indent=2), media_type="application/json",
                     headers={"Content-Disposition": 'attachment; filename="%s"' % name})
+
+
+async def reload_calibration(request):
+    """Drops the kept answers, so the next page reads the database again (after an import
+    made outside the front end)."""
+    sn, frequency = _device(request)
+    await form_of(request, request.app.state.settings["upload_limit"])
+    managers.forget_calibration(sn, frequency)
+    return RedirectResponse("/calibration/%s/%s" % (quote(sn), kinds.frequency_text(frequency)), 303)

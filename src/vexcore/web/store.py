@@ -89,8 +89,9 @@ def calibration_layout(sn, frequency):
     """(boards, ICs per board, channels per IC) of a stored calibration table, or None.
 
     The table does not state its layout, and the managers need it before they can ask
-    anything per board: boards are the BOARD_n sections present (found by bisection),
-    ICs and channels those of board 1's transmit offsets.
+    anything per board: boards are the BOARD_n sections holding a common-arm range
+    (found by bisection; temperature rows number boards x ICs sections, so a section
+    alone does not make a board), ICs and channels those of board 1's transmit offsets.
     """
     first = _query(sn, frequency, "BOARD_1", ["TX"])
     if not first:
@@ -98,12 +99,15 @@ def calibration_layout(sn, frequency):
     chips = [section for key, section in first["TX"].items() if key.startswith("OFFSET_CHIP_")]
     if not chips:
         return None
+
+    def is_board(number):
+        return _query(sn, frequency, "BOARD_%d" % number, ["TX.COMDR"]) is not None
     low, high = 1, 2
-    while _query(sn, frequency, "BOARD_%d" % high, ["TX"]):
+    while is_board(high):
         low, high = high, high * 2
     while high - low > 1:                       # board `low` exists, board `high` does not
         middle = (low + high) // 2
-        low, high = (middle, high) if _query(sn, frequency, "BOARD_%d" % middle, ["TX"]) else (low, middle)
+        low, high = (middle, high) if is_board(middle) else (low, middle)
     return low, len(chips), len(chips[0])
 
 
