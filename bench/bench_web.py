@@ -82,7 +82,13 @@ def main(argv=None):
     parser.add_argument("--reps", type=int, default=7)
     parser.add_argument("--keep", help="build the data in this folder and keep it")
     args = parser.parse_args(argv)
-    folder = args.keep or tempfile.mkdtemp(prefix="vexcore-bench-web-")
+    if args.keep:
+        return run(args, args.keep)
+    with tempfile.TemporaryDirectory(prefix="vexcore-bench-web-") as folder:
+        return run(args, folder)
+
+
+def run(args, folder):
     db = os.path.join(folder, "files", "vexcore_tables.db")
     if os.path.exists(db):                      # a kept folder: its data is used again
         os.environ["VEXCORE_FILES_DIR"] = os.path.dirname(db)
