@@ -7,6 +7,7 @@ reload through the front end, because a large device asks the database many
 questions for them.
 """
 import dataclasses
+import functools
 import hashlib
 import json
 import threading
@@ -127,8 +128,13 @@ class BeamSession:
         if ret.RetCode != RetCode.OK:
             raise Refusal("The beam table could not be loaded: %s %s" % (ret.RetCode.name, ret.RetMsg), 500)
         self.table = self.manager._BeamTable
-        self.revision = revision(self.table)
         self.num_beam = num_beam
+
+    @functools.cached_property
+    def revision(self):
+        """The loaded table's fingerprint (costs a serialisation of the table: only pages
+        with a form, and saves, ask for it)."""
+        return revision(self.table)
 
     def beam(self, mode, beam_id):
         ret = self.manager.getBeamPattern(mode, beam_id)
