@@ -183,16 +183,18 @@ def peak_direction(weights, points, freq):
     k = 2 * math.pi / wavelength_mm(freq)
     angles = [-90 + SEARCH_STEP_DEG * i for i in range(int(180 / SEARCH_STEP_DEG) + 1)]
     sines = [math.sin(math.radians(a)) for a in angles]
-    rows = {}                                     # y -> [(x, weight)]
+    rows = {}                                     # y -> ([x], [weight]) of the elements in that row
     for w, (x, y) in zip(weights, points):
-        rows.setdefault(y, []).append((x, w))
+        xs, ws = rows.setdefault(y, ([], []))
+        xs.append(x)
+        ws.append(w)
     ys = list(rows)
-    xs = sorted({x for x, _ in points})
+    xs_all = sorted({x for x, _ in points})
     row_phases = [[cmath.exp(1j * k * y * s) for y in ys] for s in sines]      # per phi
     sums_per_theta = []
     for st in sines:
-        column = {x: cmath.exp(1j * k * x * st) for x in xs}
-        sums_per_theta.append([sum(w * column[x] for x, w in rows[y]) for y in ys])
+        column = {x: cmath.exp(1j * k * x * st) for x in xs_all}
+        sums_per_theta.append([sum(map(mul, ws, map(column.__getitem__, xs))) for xs, ws in rows.values()])
     best = (-1.0, 0.0, 0.0)
     for phi, phases in zip(angles, row_phases):        # phi first: the first of equal peaks wins
         for theta, row_sums in zip(angles, sums_per_theta):
