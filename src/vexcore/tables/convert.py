@@ -6,9 +6,9 @@ result to where the user asked. The input is never changed unless --in-place is 
 and an existing output is never overwritten without --force.
 """
 import os
-import tempfile
 
 import vexcore.qrvdev.QRVTableManager as tm
+from vexcore.qrvdev.QRVTableManager import _codec
 
 from . import beam, calibration, kinds
 from .check import print_problem
@@ -72,16 +72,12 @@ def _failed(result, out):
 
 
 def _write(target, data, replace_allowed):
-    """Writes `data` to `target` through a temporary file, so a failure leaves no half file."""
-    if os.path.exists(target) and not replace_allowed:
+    """Writes `data` to `target` as the managers write their tables: atomically, a
+    replaced file keeping its mode, a new one getting the mode the umask gives, a
+    symbolic link followed so that the file it names is replaced."""
+    if os.path.lexists(target) and not replace_allowed:
         raise ToolError("%s exists; give --force to replace it" % target)
-    folder = os.path.dirname(os.path.abspath(target))
-    handle, temporary = tempfile.mkstemp(dir=folder, prefix=".vexcore-tables-")
     try:
-        with os.fdopen(handle, "wb") as f:
-            f.write(data)
-        os.replace(temporary, target)
-    except BaseException:
-        if os.path.exists(temporary):
-            os.remove(temporary)
-        raise
+        _codec.write_file_atomic(target, data)
+    except OSError as error:
+        raise ToolError("cannot write %s: %s" % (target, error.strerror or error)) from error
