@@ -1,6 +1,7 @@
 """Shared fixtures: the installed module, an isolated files directory, log capture."""
 import os
 import sysconfig
+import time
 
 import pytest
 
@@ -28,6 +29,14 @@ def files_dir(tmp_path, monkeypatch):
     directory.mkdir()
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(directory))
     return directory
+
+
+@pytest.fixture
+def time_zone(monkeypatch):
+    """time_zone(tz): the process's local time zone is tz until the test ends."""
+    yield lambda tz: (monkeypatch.setenv("TZ", tz), time.tzset())
+    monkeypatch.undo()
+    time.tzset()
 
 
 @pytest.fixture

@@ -3,7 +3,6 @@ import csv
 import datetime
 import logging
 import os
-import time
 
 import pytest
 from hypothesis import HealthCheck, given, settings, strategies as st
@@ -170,14 +169,6 @@ def test_failed_rename_is_logged_parsing_goes_on_and_the_file_stays(clock, files
     log = records(caplog, "AAKitTbl")
     assert ("ERROR", "Rename file failed") in log and any(reason in message for _, message in log)
     assert sorted(os.listdir(files_dir)) == sorted(["AAKIT_%s.csv" % stem, "AAKIT_%s.csv" % OFFICIAL])
-
-
-@pytest.fixture
-def time_zone(monkeypatch):
-    """time_zone(tz): the process's local zone is tz until the test ends."""
-    yield lambda tz: (monkeypatch.setenv("TZ", tz), time.tzset())
-    monkeypatch.undo()
-    time.tzset()
 
 
 def test_west_of_utc_a_custom_kit_is_renamed_at_every_parse_until_its_name_is_as_long_as_files_take(
