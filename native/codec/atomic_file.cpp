@@ -261,9 +261,13 @@ int AtomicFile::give_name() {
 int AtomicFile::commit() {
     if (fd_ < 0) return EBADF;
     int err = 0;
-    // Root replacing another account's table keeps that account as the owner
-    // (best effort: anyone else cannot give files away, and needs not).
-    if (keep_owner_ && (owner_ != ::geteuid() || group_ != ::getegid())) (void)::fchown(fd_, owner_, group_);
+    // A replaced table keeps its owner and group, so the account that could read
+    // it still can: root can give the file away, anyone else only its group (best
+    // effort: a group the writer is not in stays the writer's).
+    if (keep_owner_ && ::geteuid() == 0 && (owner_ != 0 || group_ != ::getegid()))
+        (void)::fchown(fd_, owner_, group_);
+    else if (keep_owner_ && group_ != ::getegid())
+        (void)::fchown(fd_, static_cast<uid_t>(-1), group_);
     if (::fchmod(fd_, mode_) != 0) err = errno;
     if (err == 0 && ::fsync(fd_) != 0) err = errno;
     if (err == 0 && unnamed_) err = give_name();

@@ -920,13 +920,13 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
         if (ret_failed(deleted)) return deleted;
         return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
     }
+    // The new file's text first: a record that cannot be written (a field
+    // missing) is refused before anything is on disk.
+    const std::string text = kit_file_text(new_name, getitem(getattr(self, k_table), new_name));
     const std::string journal = folder + "/" + codec::owned_name("rename", "AAKIT");
     const std::string entries = codec::base_of(removed_file) + "\n" + new_base + "\n";
     int err = codec::write_file_atomic(journal, entries);
-    if (err == 0) {
-        std::string text = kit_file_text(new_name, getitem(getattr(self, k_table), new_name));
-        err = codec::write_file_atomic(new_file, text);
-    }
+    if (err == 0) err = codec::write_file_atomic(new_file, text);
     if (err != 0) {
         ::unlink(journal.c_str());
         return refuse("%s", str(std::strerror(err)));
