@@ -191,9 +191,10 @@ std::string fs_bytes(nb::handle path) {
     return std::string(PyBytes_AS_STRING(encoded.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.ptr())));
 }
 
+// A path with NUL names no file (the system would read only the part before it).
 bool file_exists(const std::string& path) {
     struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
+    return path.find('\0') == std::string::npos && ::lstat(path.c_str(), &st) == 0;
 }
 
 bool same_file(const std::string& a, const std::string& b) {
@@ -592,8 +593,10 @@ bool read_journal(const std::string& path, RenameJournal& journal) {
     if (second == std::string::npos) return false;
     journal.removed = text.substr(0, first);
     journal.written = text.substr(first + 1, second - first - 1);
-    return !journal.removed.empty() && !journal.written.empty() &&
-           journal.removed.find('/') == std::string::npos && journal.written.find('/') == std::string::npos;
+    auto plain_name = [](const std::string& name) {
+        return !name.empty() && name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    };
+    return plain_name(journal.removed) && plain_name(journal.written);
 }
 
 // What a process killed while saving or renaming a kit left in the files

@@ -8,11 +8,10 @@ and an existing output is never overwritten without --force.
 import os
 
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.qrvdev.QRVTableManager import _codec
 
 from . import beam, calibration, kinds
 from .check import print_problem
-from .common import ToolError
+from .common import ToolError, write_file
 from .sandbox import Sandbox, collected_logs
 
 
@@ -72,12 +71,6 @@ def _failed(result, out):
 
 
 def _write(target, data, replace_allowed):
-    """Writes `data` to `target` as the managers write their tables: atomically, a
-    replaced file keeping its mode, a new one getting the mode the umask gives, a
-    symbolic link followed so that the file it names is replaced."""
     if os.path.lexists(target) and not replace_allowed:
         raise ToolError("%s exists; give --force to replace it" % target)
-    try:
-        _codec.write_file_atomic(target, data)
-    except OSError as error:
-        raise ToolError("cannot write %s: %s" % (target, error.strerror or error)) from error
+    write_file(target, data)

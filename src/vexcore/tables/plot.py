@@ -6,12 +6,14 @@
   vertical cut through the beam's direction, with the kit's steering limits marked
   (geometry, angles and excitation as described in vexcore.tables.pattern).
 """
+import io
 import math
+import os
 
 from vexcore.QRVPublic import BeamType, RFMode, RetCode
 
 from . import beam, calibration, kinds, pattern
-from .common import ToolError, as_number, unwrap
+from .common import ToolError, as_number, unwrap, write_file
 
 INSTALL_HINT = "plot needs matplotlib: pip install 'vexcore[plot]' (or pip install matplotlib)"
 DEFAULT_OFFSET_STEP_DEG = 360.0 / 64          # one step of a 6-bit phase shifter
@@ -30,8 +32,12 @@ def run(options, out):
     else:
         raise ToolError("plot draws calibration and beam tables; %s is %s"
                         % (options.path, "a %s table" % kind if kind else "neither"))
-    figure.savefig(options.out, dpi=options.dpi)
+    # Drawn in memory and written as the tables are, so an interrupted run
+    # leaves no half picture.
+    picture = io.BytesIO()
+    figure.savefig(picture, format=os.path.splitext(str(options.out))[1][1:].lower() or None, dpi=options.dpi)
     pyplot.close(figure)
+    write_file(options.out, picture.getvalue())
     out.line("wrote %s" % options.out)
     return 0
 
