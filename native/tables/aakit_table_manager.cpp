@@ -20,14 +20,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 #include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace vex::tables {
 namespace {
@@ -944,7 +945,8 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     } else {
         deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
     }
-    if (ret_failed(deleted)) ::unlink(new_file.c_str());    // the old file is still the kit
+    // A delete that failed and left the old file: that file is still the kit.
+    if (ret_failed(deleted) && file_exists(removed_file)) ::unlink(new_file.c_str());
     codec::sync_folder(folder);
     ::unlink(journal.c_str());
     if (ret_failed(deleted)) return deleted;
