@@ -1,0 +1,88 @@
+"""One process of the table database's load test (test_db_load.py).
+
+    python db_load_worker.py ROLE DATABASE COUNT CALIBRATION_FILE TAG
+
+ROLE "open": COUNT web-mode device opens, each answer compared with file mode's.
+ROLE "import": COUNT imports of the calibration file (replacing the stored table).
+ROLE "save": COUNT saves of one beam table whose every beam carries TAG and the
+iteration, each followed by a load that must find one writer's whole table.
+Prints one JSON line: {"done": n, "errors": [...], "latencies": [seconds per unit]}.
+"""
+import json
+import sys
+import time
+
+from vexcore.db.upload import import_calibration_files
+from vexcore.db.web_tables import BeamTableStore
+
+SN, FREQ, KIT = "K5350R019-28", 28, "KIT"
+BEAMS = 16
+
+
+def device_open(tm, web):
+    """What a driver asks when it opens a device, in its order."""
+    manager = tm.CalibrationTableManager(SN, FREQ, tm.fake_rf_layout, web_client_id="1" if web else None)
+    answers = [manager.getFrequencyList().RetData if web else None, manager.parse(FREQ).RetCode,
+               manager.getDR().RetData, manager.getCOMDR().RetData, manager.getELEDR().RetData, manager._getTC()]
+    for mode in ("TX", "RX"):
+        answers.append(manager._getBoardsOffset(list(range(1, manager._num_board + 1)), mode, 1))
+    return answers
+
+
+def run_opens(count, database):
+    import vexcore.qrvdev.QRVTableManager as tm
+    expected = device_open(tm, web=False)
+    expected[4] = [[limit[0] for limit in per_mode] for per_mode in expected[4]]   # web unwraps [x]
+    for _ in range(count):
+        answers = device_open(tm, web=True)
+        got = [answers[1]] + answers[2:]
+        if got != [expected[1]] + expected[2:]:
+            yield "device open answered %r" % (got,)
+        else:
+            yield None
+
+
+def run_imports(count, database, path):
+    for _ in range(count):
+        import_calibration_files([path], db_path=database)
+        yield None
+
+
+def run_saves(count, database, tag):
+    store = BeamTableStore(SN, database)
+    for i in range(count):
+        table = store("_load", freq=FREQ, aakit=KIT, devtype=9).RetData
+        if table is None:
+            yield "load failed"
+            continue
+        mark = "%s-%d" % (tag, i)
+        table["TX"] = {str(b): {"beam_description": mark, "beam_type": 0} for b in range(1, BEAMS + 1)}
+        ret = store("saveToBeamTableFile", new_table=table)
+        seen = {beam["beam_description"] for beam in store("_load", freq=FREQ, aakit=KIT, devtype=9).RetData["TX"].values()}
+        yield None if ret.RetMsg == "" and len(seen) == 1 else "save %r, then found beams of %s" % (ret, sorted(seen))
+
+
+def main(role, database, count, path, tag):
+    import os
+    os.environ["VEXCORE_DB"] = database
+    units = {"open": lambda: run_opens(count, database), "import": lambda: run_imports(count, database, path),
+             "save": lambda: run_saves(count, database, tag)}[role]()
+    errors, latencies = [], []
+    start = time.perf_counter()
+    while True:
+        try:
+            error = next(units)
+        except StopIteration:
+            break
+        except Exception as exc:   # any escape is a failure of the unit, reported, and the run goes on
+            error = "%s: %s" % (type(exc).__name__, exc)
+        now = time.perf_counter()
+        latencies.append(now - start)
+        start = now
+        if error:
+            errors.append(error)
+    print(json.dumps({"done": len(latencies), "errors": errors, "latencies": latencies}))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4], sys.argv[5])
