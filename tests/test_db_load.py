@@ -8,6 +8,7 @@ import shutil
 import sqlite3
 import subprocess
 import sys
+import time
 
 import vexcore.samples as samples
 from vexcore.QRVPublic import RetCode
@@ -49,6 +50,7 @@ def test_queries_during_a_server_outage_fail_cleanly_and_recover(tm, pg_server, 
     manager = tm.CalibrationTableManager("K5350R019-28", 28, tm.fake_rf_layout, web_client_id="1")
     before = manager.getDR().RetData
     pg_server.stop()
+    time.sleep(service.FRESH_S)      # until then the process answers from its copy of the table
     try:
         during = [manager.getDR(), manager.getCOMDR()]
         assert [(r.RetCode, r.RetMsg) for r in during] == [(RetCode.ERROR_DB_SERVER, "DB server connection error")] * 2

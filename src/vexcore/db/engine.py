@@ -202,6 +202,7 @@ class Engine:
         self._pool = _Pool(self._connect, self._usable)
         self._schema_ready = False
         self.schema_note = None   # what the schema check found or did, for `migrate`
+        self.tables = {}          # the query service's copies of stored tables (see QRVDBQueryer)
         self._schema_lock = threading.Lock()
 
     def reading(self):

@@ -23,6 +23,7 @@ TABLES = (
         name TEXT NOT NULL PRIMARY KEY, value TEXT NOT NULL)""",
     """CREATE TABLE IF NOT EXISTS calibration_table (
         sn TEXT NOT NULL, frequency DOUBLE PRECISION NOT NULL, version TEXT, entries INTEGER NOT NULL,
+        generation INTEGER NOT NULL DEFAULT 0,
         PRIMARY KEY (sn, frequency))""",
     """CREATE TABLE IF NOT EXISTS calibration_entry (
         sn TEXT NOT NULL, frequency DOUBLE PRECISION NOT NULL, category TEXT NOT NULL, name TEXT NOT NULL,
