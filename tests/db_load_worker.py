@@ -1,6 +1,6 @@
 """One process of the table database's load test (test_db_load.py).
 
-    python db_load_worker.py ROLE DATABASE COUNT CALIBRATION_FILE TAG
+    python db_load_worker.py ROLE DATABASE COUNT CALIBRATION_FILE TAG [BOARDS,ICS,CHANNELS]
 
 ROLE "open": COUNT web-mode device opens, each answer compared with file mode's.
 ROLE "import": COUNT imports of the calibration file (replacing the stored table).
@@ -19,9 +19,10 @@ SN, FREQ, KIT = "K5350R019-28", 28, "KIT"
 BEAMS = 16
 
 
-def device_open(tm, web):
-    """What a driver asks when it opens a device, in its order."""
-    manager = tm.CalibrationTableManager(SN, FREQ, tm.fake_rf_layout, web_client_id="1" if web else None)
+def device_open(tm, web, layout=None):
+    """What a driver asks when it opens a device, in its order (the sample's layout by default)."""
+    manager = tm.CalibrationTableManager(SN, FREQ, (lambda: layout) if layout else tm.fake_rf_layout,
+                                         web_client_id="1" if web else None)
     answers = [manager.getFrequencyList().RetData if web else None, manager.parse(FREQ).RetCode,
                manager.getDR().RetData, manager.getCOMDR().RetData, manager.getELEDR().RetData, manager._getTC()]
     for mode in ("TX", "RX"):
@@ -29,12 +30,16 @@ def device_open(tm, web):
     return answers
 
 
-def run_opens(count, database):
+def run_opens(count, database, layout):
     import vexcore.qrvdev.QRVTableManager as tm
-    expected = device_open(tm, web=False)
+    expected = device_open(tm, False, layout)
     expected[4] = [[limit[0] for limit in per_mode] for per_mode in expected[4]]   # web unwraps [x]
+    return _opens(tm, count, layout, expected)     # the clock starts after this set-up
+
+
+def _opens(tm, count, layout, expected):
     for _ in range(count):
-        answers = device_open(tm, web=True)
+        answers = device_open(tm, True, layout)
         got = [answers[1]] + answers[2:]
         if got != [expected[1]] + expected[2:]:
             yield "device open answered %r" % (got,)
@@ -62,10 +67,10 @@ def run_saves(count, database, tag):
         yield None if ret.RetMsg == "" and len(seen) == 1 else "save %r, then found beams of %s" % (ret, sorted(seen))
 
 
-def main(role, database, count, path, tag):
+def main(role, database, count, path, tag, layout=None):
     import os
     os.environ["VEXCORE_DB"] = database
-    units = {"open": lambda: run_opens(count, database), "import": lambda: run_imports(count, database, path),
+    units = {"open": lambda: run_opens(count, database, layout), "import": lambda: run_imports(count, database, path),
              "save": lambda: run_saves(count, database, tag)}[role]()
     errors, latencies = [], []
     start = time.perf_counter()
@@ -85,4 +90,5 @@ def main(role, database, count, path, tag):
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4], sys.argv[5])
+    main(*sys.argv[1:3], int(sys.argv[3]), *sys.argv[4:6],
+         tuple(int(n) for n in sys.argv[6].split(",")) if len(sys.argv) > 6 else None)

@@ -14,13 +14,14 @@ The database is ``$VEXCORE_DB`` (a path, ``sqlite:///path`` or
 SDK files directory; see `vexcore.db.engine`. Connections are pooled per process.
 
 A device open asks hundreds of small questions about one table (each board's ranges,
-temperature compensation, offsets). The first query of a table in a process reads the
-table's small rows (up to SMALL_ROW bytes: every entry but the register data) in one
-statement, with the table's generation; later queries are answered from that copy and
-read only the large rows they ask for. The copy is checked against the stored
-generation once it is older than FRESH_S seconds, so a table imported by another
-station is seen within that time (at once in the importing process), and one device
-open never sees half of an old table and half of a new one.
+temperature compensation, offsets). A query reads the small rows (up to SMALL_ROW
+bytes: every entry but the register data) of its category ("GENERAL" or one board) in
+one indexed statement and keeps them; once CATEGORY_READS categories of a table were
+read (a device open walking its boards), the rest of its small rows come in one
+statement. Later queries are answered from that copy and read only the large rows
+they ask for. The copy belongs to one generation of the stored table and is checked
+against it once it is older than FRESH_S seconds, so a table imported by another
+station is seen within that time (at once in the importing process).
 """
 import json
 import threading
@@ -40,6 +41,7 @@ GENERAL = "GENERAL"
 BOARD_PREFIX = "BOARD_"
 FRESH_S = 1.0
 SMALL_ROW = 4096
+CATEGORY_READS = 8
 KEPT_TABLES = 16
 
 
@@ -175,23 +177,30 @@ def _refusal_for_missing(db, sn, frequency):
 
 
 class _TableCopy:
-    """The small rows of one stored table as read at one generation: {category:
+    """What this process has read of one stored table at one generation: {category:
     {name: content text, or None for a large row read when asked}}, in stored order."""
 
-    __slots__ = ("generation", "checked", "categories")
+    __slots__ = ("generation", "checked", "categories", "complete", "reads")
 
-    def __init__(self, generation, rows):
+    def __init__(self, generation):
         self.generation, self.checked = generation, time.monotonic()
-        self.categories = {}
-        for category, name, content in rows:
-            self.categories.setdefault(category, {})[name] = content
+        self.categories, self.complete, self.reads = {}, False, 0
 
 
 _copy_lock = threading.Lock()
 
 
+def _keep(tables, key, copy):
+    with _copy_lock:
+        if key not in tables and len(tables) >= KEPT_TABLES:
+            tables.clear()
+        tables[key] = copy
+    return copy
+
+
 def _table_copy(db, sn, frequency):
-    """The process's copy of table (sn, frequency), re-read when the stored one changed."""
+    """The process's copy of table (sn, frequency), checked against the stored
+    generation when older than FRESH_S."""
     tables = db.engine.tables
     copy = tables.get((sn, frequency))
     if copy is not None and time.monotonic() - copy.checked < FRESH_S:
@@ -204,15 +213,38 @@ def _table_copy(db, sn, frequency):
     if copy is not None and copy.generation == row[0]:
         copy.checked = time.monotonic()
         return copy
-    rows = db.execute("SELECT category, name, CASE WHEN length(content) <= ? THEN content END "
-                      "FROM calibration_entry WHERE sn = ? AND frequency = ? ORDER BY category, position",
-                      (SMALL_ROW, sn, frequency)).fetchall()
-    copy = _TableCopy(row[0], rows)
-    with _copy_lock:
-        if len(tables) >= KEPT_TABLES:
-            tables.clear()
-        tables[(sn, frequency)] = copy
-    return copy
+    return _keep(tables, (sn, frequency), _TableCopy(row[0]))
+
+
+_SMALL_ROWS = ("SELECT e.category, e.name, CASE WHEN length(e.content) <= ? THEN e.content END, t.generation "
+               "FROM calibration_entry e JOIN calibration_table t ON t.sn = e.sn AND t.frequency = e.frequency "
+               "WHERE e.sn = ? AND e.frequency = ?")
+
+
+def _section(db, copy, sn, frequency, category):
+    """The rows of `category` as the copy holds them (read on first use), or None when
+    the table has no such category. After CATEGORY_READS categories (a device open
+    walking its boards) the rest of the table's small rows are read in one statement."""
+    section = copy.categories.get(category)
+    if section is not None or copy.complete:
+        return section
+    copy.reads += 1
+    whole = copy.reads > CATEGORY_READS
+    if whole:
+        rows = db.execute(_SMALL_ROWS + " ORDER BY e.category, e.position", (SMALL_ROW, sn, frequency)).fetchall()
+    else:
+        rows = db.execute(_SMALL_ROWS + " AND e.category = ? ORDER BY e.position",
+                          (SMALL_ROW, sn, frequency, category)).fetchall()
+    if not rows:
+        return None
+    if rows[0][3] != copy.generation:   # imported again meanwhile: start a copy of the new table
+        copy = _keep(db.engine.tables, (sn, frequency), _TableCopy(rows[0][3]))
+    categories = {}
+    for row_category, name, content, _ in rows:
+        categories.setdefault(row_category, {})[name] = content
+    copy.categories.update(categories)
+    copy.complete = whole
+    return categories.get(category)
 
 
 def _content(db, sn, frequency, category, name, content):
@@ -230,12 +262,13 @@ def _value(db, sn, frequency, category, key):
     copy = _table_copy(db, sn, frequency)
     where = _table_name(sn, frequency)
     parts = str(key).split(".")
-    if category == GENERAL and parts[0] in copy.categories and parts[0] != GENERAL:
-        category, parts = parts[0], parts[1:]
-        if not parts:    # a whole board
-            return {name: _content(db, sn, frequency, category, name, content)
-                    for name, content in copy.categories[category].items()}
-    section = copy.categories.get(category)
+    if category == GENERAL and parts[0].startswith(BOARD_PREFIX):
+        board = _section(db, copy, sn, frequency, parts[0])
+        if board is not None:
+            category, parts = parts[0], parts[1:]
+            if not parts:    # a whole board
+                return {name: _content(db, sn, frequency, category, name, content) for name, content in board.items()}
+    section = _section(db, copy, sn, frequency, category)
     if section is None:
         raise QueryRefused(UNKNOWN_CATEGORY, "%s: unknown category %s (key %s)" % (where, category, key))
     if parts[0] not in section:
