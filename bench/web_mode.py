@@ -23,7 +23,6 @@ import json
 import os
 import random
 import statistics
-import subprocess
 import sys
 import tempfile
 import time
@@ -105,23 +104,14 @@ def measure_engine(tm, name, database, table_path, reps):
 
 def load_run(database, table_path, files_dir, opens=8, each=10):
     env = dict(os.environ, VEXCORE_FILES_DIR=files_dir, VEXCORE_DB=database)
-    layout = ",".join(map(str, LAYOUT))
     roles = [("open", opens, each), ("import", 2, 2), ("save", 2, 20)]
-    start = time.perf_counter()
-    workers = [(role, subprocess.Popen([sys.executable, os.path.join(TESTS, "db_load_worker.py"), role, database,
-                                        str(count), table_path, "%s%d" % (role, n), layout],
-                                       stdout=subprocess.PIPE, text=True, env=env))
-               for role, processes, count in roles for n in range(processes)]
-    reports = {}
-    for role, process in workers:
-        out, _ = process.communicate(timeout=600)
-        reports.setdefault(role, []).append(json.loads(out))
-    wall = time.perf_counter() - start
+    reports, _ = db_load_worker.run_processes(roles, database, table_path, env, LAYOUT)
+    wall = max(sum(r["latencies"]) for r in reports["open"])      # until the last device open ended
     latencies = sorted(x for r in reports["open"] for x in r["latencies"])
     errors = sum(len(r["errors"]) for rs in reports.values() for r in rs)
     return {"opens": len(latencies), "wall_s": wall, "opens_per_s": len(latencies) / wall, "errors": errors,
-            "p50_s": latencies[len(latencies) // 2], "p99_s": latencies[min(len(latencies) - 1,
-                                                                            int(len(latencies) * 0.99))]}
+            "p50_s": latencies[len(latencies) // 2],
+            "p99_s": latencies[min(len(latencies) - 1, int(len(latencies) * 0.99))]}
 
 
 def ms(seconds):

@@ -6,9 +6,13 @@ ROLE "open": COUNT web-mode device opens, each answer compared with file mode's.
 ROLE "import": COUNT imports of the calibration file (replacing the stored table).
 ROLE "save": COUNT saves of one beam table whose every beam carries TAG and the
 iteration, each followed by a load that must find one writer's whole table.
-Prints one JSON line: {"done": n, "errors": [...], "latencies": [seconds per unit]}.
+After its set-up a process prints "ready" and waits for a line on its input, so
+that all of them start at once; then it prints one JSON line: {"done": n, "errors":
+[...], "latencies": [seconds per unit]}. `run_processes` runs a set of them.
 """
 import json
+import os
+import subprocess
 import sys
 import time
 
@@ -68,11 +72,12 @@ def run_saves(count, database, tag):
 
 
 def main(role, database, count, path, tag, layout=None):
-    import os
     os.environ["VEXCORE_DB"] = database
     units = {"open": lambda: run_opens(count, database, layout), "import": lambda: run_imports(count, database, path),
              "save": lambda: run_saves(count, database, tag)}[role]()
     errors, latencies = [], []
+    print("ready", flush=True)
+    sys.stdin.readline()
     start = time.perf_counter()
     while True:
         try:
@@ -87,6 +92,37 @@ def main(role, database, count, path, tag, layout=None):
         if error:
             errors.append(error)
     print(json.dumps({"done": len(latencies), "errors": errors, "latencies": latencies}))
+
+
+def run_processes(roles, database, path, env, layout=None, timeout=600):
+    """Runs (role, processes, units each) at once; returns ({role: [report, ...]},
+    seconds from the common start to the last report)."""
+    extra = [",".join(map(str, layout))] if layout else []
+    workers = [(role, subprocess.Popen([sys.executable, os.path.abspath(__file__), role, database, str(count), path,
+                                        "%s%d" % (role, n), *extra], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                       text=True, env=env))
+               for role, processes, count in roles for n in range(processes)]
+    try:
+        for role, process in workers:
+            line = process.stdout.readline()
+            if line != "ready\n":
+                raise RuntimeError("%s worker did not start: %r" % (role, line))
+        start = time.perf_counter()
+        for _, process in workers:
+            process.stdin.write("go\n")
+            process.stdin.flush()
+        reports = {}
+        for role, process in workers:
+            out, _ = process.communicate(timeout=timeout)
+            if process.returncode != 0:
+                raise RuntimeError("%s worker failed with status %d" % (role, process.returncode))
+            reports.setdefault(role, []).append(json.loads(out))
+        return reports, time.perf_counter() - start
+    finally:
+        for _, process in workers:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
 
 
 if __name__ == "__main__":

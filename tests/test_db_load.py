@@ -2,12 +2,9 @@
 
 Bounded: a few seconds per engine, every process on this machine, servers on loopback.
 """
-import json
 import os
 import shutil
 import sqlite3
-import subprocess
-import sys
 import time
 
 import vexcore.samples as samples
@@ -16,7 +13,8 @@ from vexcore.db import QRVDBQueryer as service
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import BeamTableStore
 
-WORKER = os.path.join(os.path.dirname(__file__), "db_load_worker.py")
+from db_load_worker import run_processes
+
 SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
 ROLES = [("open", 8, 6), ("import", 2, 4), ("save", 2, 12)]      # role, processes, units each
 
@@ -24,14 +22,10 @@ ROLES = [("open", 8, 6), ("import", 2, 4), ("save", 2, 12)]      # role, process
 def test_opens_imports_and_saves_at_once_lose_nothing(database, files_dir):
     shutil.copy(SAMPLE, files_dir)
     import_calibration_files([SAMPLE], db_path=database)
-    env = dict(os.environ, VEXCORE_FILES_DIR=str(files_dir), PYTHONPATH=os.path.dirname(__file__))
-    workers = [(role, count, subprocess.Popen([sys.executable, WORKER, role, database, str(count), SAMPLE,
-                                               "%s%d" % (role, n)], stdout=subprocess.PIPE, text=True, env=env))
-               for role, processes, count in ROLES for n in range(processes)]
-    for role, count, process in workers:
-        out, _ = process.communicate(timeout=180)
-        report = json.loads(out)
-        assert (process.returncode, report["errors"], report["done"]) == (0, [], count), role
+    env = dict(os.environ, VEXCORE_FILES_DIR=str(files_dir))
+    reports, _ = run_processes(ROLES, database, SAMPLE, env, timeout=180)
+    for role, _, count in ROLES:
+        assert [(r["errors"], r["done"]) for r in reports[role]] == [([], count)] * len(reports[role]), role
     with service.transaction(database) as db:
         assert service.damaged_tables(db) == []
         assert service.calibration_index(db) == [("K5350R019-28", 28.0, "2.1.0")]
