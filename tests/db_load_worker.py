@@ -68,7 +68,8 @@ def run_saves(count, database, tag):
         mark = "%s-%d" % (tag, i)
         table["TX"] = {str(b): {"beam_description": mark, "beam_type": 0} for b in range(1, BEAMS + 1)}
         ret = store("saveToBeamTableFile", new_table=table)
-        seen = {beam["beam_description"] for beam in store("_load", freq=FREQ, aakit=KIT, devtype=9).RetData["TX"].values()}
+        stored = store("_load", freq=FREQ, aakit=KIT, devtype=9).RetData
+        seen = {beam["beam_description"] for beam in stored["TX"].values()}
         yield None if ret.RetMsg == "" and len(seen) == 1 else "save %r, then found beams of %s" % (ret, sorted(seen))
 
 

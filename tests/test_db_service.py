@@ -2,11 +2,14 @@
 concurrent writers, web callbacks, the command line."""
 import subprocess
 import sys
+import threading
 
 import pytest
 
 from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer as service
+from vexcore.db import engine as engines
+from vexcore.db import schema
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
 
 from pg_server import PASSWORD
@@ -58,6 +61,31 @@ def test_refused_queries_carry_code_and_message(queryer, request_, command, code
     assert reply["code"] == code and words in reply["message"]
 
 
+def test_threads_share_a_few_kept_connections_and_one_schema_check(queryer, database, monkeypatch):
+    engines.close_engines()
+    checks = []
+    real_ensure = schema.ensure
+    monkeypatch.setattr(schema, "ensure", lambda *args: checks.append(1) or real_ensure(*args))
+    pool = service.open_engine(database)._pool
+    made, real_connect = [], pool._connect
+    pool._connect = lambda: made.append(1) or real_connect()
+    answers = []
+
+    def ask():
+        for n in range(40):
+            asked = (["TX.COMDR"], "BOARD_1") if n % 2 else (["VER"], "GENERAL")
+            answers.append(queryer.queryDB(payload(*asked)))
+
+    threads = [threading.Thread(target=ask) for _ in range(6)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert sorted(map(str, answers)) == sorted(map(str, [{"code": 0, "data": {"VER": "2.1.0"}},
+                                                         {"code": 0, "data": {"TX.COMDR": [-3.0, 4.0]}}] * 120))
+    assert len(checks) == 1 and 1 <= len(made) <= 6
+
+
 def test_lists_and_multi_queries(queryer):
     assert queryer.queryDB({"sn": "SN-A", "frequency": 28}, queryCmd="getFreqList") == {"code": 0, "data": [27.5, 28.0]}
     held = {"query-0": payload(["VER"]), "query-1": payload(["VER"], frequency=27.5)}
@@ -90,7 +118,8 @@ def test_unreachable_database_answers_with_a_string_without_password(tmp_path, w
     assert isinstance(reply, str) and "unreachable" in reply and PASSWORD not in reply
     if "://" in where:
         assert "vexcore:***@127.0.0.1:1/x" in reply
-        run = subprocess.run([sys.executable, "-m", "vexcore.db", "--db", where, "list"], capture_output=True, text=True)
+        run = subprocess.run([sys.executable, "-m", "vexcore.db", "--db", where, "list"],
+                             capture_output=True, text=True)
         assert run.returncode == 2 and len(run.stderr.splitlines()) == 1 and PASSWORD not in run.stderr
 
 

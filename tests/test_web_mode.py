@@ -85,7 +85,8 @@ def test_first_release_database_is_upgraded_with_nothing_lost(tm, files_dir, tmp
 
 
 @pytest.mark.parametrize("ask", [lambda m: m._getTC(), lambda m: m._getBoardsOffset([1], "TX", 1),
-                                 lambda m: m._getBoardCOMDR(0, 0), lambda m: m._searchComStepDR(1, "TX", -4.0, -1.0, None)],
+                                 lambda m: m._getBoardCOMDR(0, 0),
+                                 lambda m: m._searchComStepDR(1, "TX", -4.0, -1.0, None)],
                          ids=["_getTC", "_getBoardsOffset", "_getBoardCOMDR", "_searchComStepDR"])
 def test_damaged_row_reaches_the_manager_as_database_error(tm, stocked, database, ask):
     with service.transaction(database) as db:
