@@ -1,11 +1,13 @@
 """The query service on both engines: reply shapes, refusals, damaged rows, reachability,
 concurrent writers, web callbacks, the command line."""
+import os
 import subprocess
 import sys
 import threading
 
 import pytest
 
+import vexcore.samples as samples
 from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db import engine as engines
@@ -176,6 +178,10 @@ def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
     bad.write_text("VER,2.1.0\nEND\n")
     run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", str(bad)], capture_output=True, text=True)
     assert run.returncode == 1 and "{SN}_{Freq}GHz.csv" in run.stderr
+    sample = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
+    run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", sample], capture_output=True, text=True)
+    assert run.stdout == "imported %s: K5350R019-28 at 28 GHz into %s\n" % (sample, service.shown_name())
+    assert PASSWORD not in run.stdout and run.returncode == 0 and ("***" in run.stdout) == ("postgresql" in run.stdout)
     missing = str(tmp_path / "SN-A_28GHz.csv")
     run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", missing], capture_output=True, text=True)
     assert (run.returncode, run.stderr) == (1, "refused %s: No such file or directory\n" % missing)
