@@ -351,6 +351,33 @@ def open_engine(spec=None):
     return engine
 
 
+_inherited = []
+
+
+def _forget_parent_engines():
+    """In a forked child: the parent's pooled connections share its sockets and files.
+    They are kept referenced and never used or closed here; a PostgreSQL socket gets
+    /dev/null in its place, so that whatever the child's exit does to the connection
+    cannot end the parent's session."""
+    engines = list(_engines.values())
+    _engines.clear()
+    _inherited.extend(engines)
+    for engine in engines:
+        if isinstance(engine, PostgresEngine):
+            for connection in engine._pool._idle:
+                try:
+                    null = os.open(os.devnull, os.O_RDWR)
+                    os.dup2(null, connection.fileno())
+                    os.close(null)
+                except (OSError, ValueError):
+                    pass
+        engine._pool._idle = []
+        engine._pool._lock = threading.Lock()
+
+
+os.register_at_fork(after_in_child=_forget_parent_engines)
+
+
 def close_engines():
     """Closes every pooled connection of this process (engines reconnect when used again)."""
     with _engines_lock:
