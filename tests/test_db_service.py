@@ -86,6 +86,9 @@ def test_threads_share_a_few_kept_connections_and_one_schema_check(queryer, data
     assert sorted(map(str, answers)) == sorted(map(str, [{"code": 0, "data": {"VER": "2.1.0"}},
                                                          {"code": 0, "data": {"TX.COMDR": [-3.0, 4.0]}}] * 120))
     assert len(checks) == 1 and 1 <= len(made) <= 6
+    with service.connect(database) as db:        # a session outside a transaction, given back at the end
+        assert db.execute("SELECT COUNT(*) FROM calibration_table").fetchone()[0] == 2
+    assert len(made) <= 6
 
 
 def test_lists_and_multi_queries(queryer):

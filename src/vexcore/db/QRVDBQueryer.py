@@ -27,7 +27,7 @@ import json
 import threading
 import time
 
-from vexcore.db.engine import DB_ENV, DB_FILE_NAME, DatabaseError, database_spec, open_engine  # noqa: F401
+from vexcore.db.engine import DB_ENV, DB_FILE_NAME, DatabaseError, database_name, open_engine  # noqa: F401
 
 # Codes of refused queries.
 UNKNOWN_SN = 1
@@ -55,7 +55,7 @@ class QueryRefused(Exception):
 
 def database_path():
     """The database in use: $VEXCORE_DB, else the file in the SDK files directory."""
-    return database_spec()
+    return database_name()
 
 
 def connect(path=None):

@@ -4,7 +4,7 @@ import sys
 
 from vexcore.db import QRVDBQueryer
 from vexcore.db.QRVDBQueryer import DatabaseError
-from vexcore.db.engine import Location, database_spec
+from vexcore.db.engine import Location, database_name
 from vexcore.db.upload import UploadError, import_calibration_files
 
 
@@ -76,7 +76,7 @@ def main(argv=None):
         print("table database unreachable: %s" % error, file=sys.stderr)
         return 2
     except Exception as error:   # one line for the user, never a traceback
-        where = Location(database_spec(args.db))
+        where = Location(database_name(args.db))
         print("%s: %s: %s" % (where.shown, type(error).__name__, where.scrub(error)), file=sys.stderr)
         return 2
 

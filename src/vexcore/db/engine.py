@@ -45,20 +45,20 @@ class Location:
     """A parsed database name: `kind` "sqlite" or "postgresql", `target` the file path
     or connection URL, `shown` the text for messages (password hidden)."""
 
-    def __init__(self, spec):
+    def __init__(self, name):
         self.secret = None
-        if spec.startswith(("postgresql://", "postgres://")):
-            self.kind, self.target = "postgresql", spec
-            parts = urllib.parse.urlsplit(spec)
+        if name.startswith(("postgresql://", "postgres://")):
+            self.kind, self.target = "postgresql", name
+            parts = urllib.parse.urlsplit(name)
             if parts.password:
                 self.secret = urllib.parse.unquote(parts.password)
                 netloc = parts.netloc.replace(":" + parts.password + "@", ":***@", 1)
                 self.shown = urllib.parse.urlunsplit(parts._replace(netloc=netloc))
             else:
-                self.shown = spec
+                self.shown = name
         else:
             # "sqlite:///" + path, as in other tools: sqlite:///rel.db, sqlite:////abs.db.
-            path = spec[len("sqlite:///"):] if spec.startswith("sqlite:///") else spec
+            path = name[len("sqlite:///"):] if name.startswith("sqlite:///") else name
             self.kind, self.target = "sqlite", os.path.abspath(path)
             self.shown = self.target
 
@@ -71,9 +71,9 @@ class Location:
         return text
 
 
-def database_spec(spec=None):
-    """The database named by `spec`, else $VEXCORE_DB, else the SDK files directory's file."""
-    return spec or os.environ.get(DB_ENV) or os.path.join(_Utils._get_files_dir(), DB_FILE_NAME)
+def database_name(name=None):
+    """The database named by `name`, else $VEXCORE_DB, else the SDK files directory's file."""
+    return name or os.environ.get(DB_ENV) or os.path.join(_Utils._get_files_dir(), DB_FILE_NAME)
 
 
 # -------------------------------------------------------------------- pool --
@@ -142,6 +142,13 @@ class Session:
         if self.raw is not None:
             self.engine._pool.release(self.raw, True)
             self.raw = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, exc_type, exc, tb):
+        self.close()
+        return False
 
 
 class _Use:
@@ -336,16 +343,16 @@ _engines = {}
 _engines_lock = threading.Lock()
 
 
-def open_engine(spec=None):
-    """The engine of the database named by `spec` (see `database_spec`), one per process."""
-    spec = database_spec(spec)
-    key = (os.getpid(), spec if "://" in spec else os.path.abspath(spec))
+def open_engine(name=None):
+    """The engine of the database named by `name` (see `database_name`), one per process."""
+    name = database_name(name)
+    key = (os.getpid(), name if "://" in name else os.path.abspath(name))
     engine = _engines.get(key)
     if engine is None:
         with _engines_lock:
             engine = _engines.get(key)
             if engine is None:
-                location = Location(spec)
+                location = Location(name)
                 engine = (PostgresEngine if location.kind == "postgresql" else SqliteEngine)(location)
                 _engines[key] = engine
     return engine
