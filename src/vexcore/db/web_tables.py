@@ -37,7 +37,7 @@ def _failure_as_result(code, what):
                 return RetType(code, "%s: table database unreachable: %s" % (what, error))
             except QueryRefused as refused:
                 return RetType(code, "%s: %s" % (what, refused))
-            except ValueError as error:       # json's decode error included
+            except json.JSONDecodeError as error:
                 return RetType(code, "%s: stored table does not decode (%s)" % (what, error))
         run.__name__, run.__doc__ = step.__name__, step.__doc__
         return run
