@@ -9,6 +9,7 @@ import glob
 import os
 import pwd
 import shutil
+import signal
 import socket
 import subprocess
 import tempfile
@@ -57,12 +58,18 @@ class PostgresServer:
         command = [os.path.join(self.bin, command[0]), *command[1:]]
         if self.as_postgres:
             command = ["runuser", "-u", "postgres", "--", *command]
-        done = subprocess.run(command, capture_output=True, text=True, timeout=timeout, cwd=self.folder,
-                              env=server_environment())
-        if done.returncode != 0:
-            raise RuntimeError("%s failed (%d): %s" % (" ".join(command), done.returncode,
-                                                       (done.stderr or done.stdout).strip()[-800:]))
-        return done
+        # A session of its own, so that a command that hangs is ended with everything it started.
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                   cwd=self.folder, env=server_environment(), start_new_session=True)
+        try:
+            out, err = process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            process.communicate()
+            raise RuntimeError("%s did not finish within %d s" % (" ".join(command), timeout)) from None
+        if process.returncode != 0:
+            raise RuntimeError("%s failed (%d): %s" % (" ".join(command), process.returncode,
+                                                       (err or out).strip()[-800:]))
 
     def start(self):
         if not os.path.exists(self.data):
