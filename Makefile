@@ -36,7 +36,7 @@ install: $(VENV)/.tools
 test: check sanitize
 
 # The whole suite on the release build only: the quick loop while developing.
-check: install
+check: install $(VENV)/.postgres
 	$(PY) -m pytest $(PYTEST_ARGS) tests
 
 # The demonstration runs in build/demo, prepared from the bundled sample tables.
@@ -62,7 +62,7 @@ $(SAN_VENV)/.tools: pyproject.toml
 # process aborts) and are printed, failing the run, whatever pytest's status.
 SAN_REPORT := $(abspath build/sanitize)/report
 
-sanitize: $(SAN_VENV)/.tools
+sanitize: $(SAN_VENV)/.tools $(SAN_VENV)/.postgres
 	$(SAN_PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/sanitize \
 	    -Ccmake.build-type=RelWithDebInfo -Ccmake.define.VEX_SANITIZE=ON .
 	rm -f $(SAN_REPORT).*
@@ -73,6 +73,28 @@ sanitize: $(SAN_VENV)/.tools
 	status=$$?; \
 	if ls $(SAN_REPORT).* >/dev/null 2>&1; then cat $(SAN_REPORT).*; exit 1; fi; \
 	exit $$status
+
+# The table database's tests run on PostgreSQL too: a throwaway cluster made with
+# Debian's server binaries (installed here when initdb is missing) and the
+# [postgres] extra in each test environment.
+PG_BIN_DIR ?= /usr/lib/postgresql/15/bin
+POSTGRES_EXTRA := "psycopg[binary]>=3.1"
+
+.PHONY: postgres-server
+postgres-server:
+	@test -x $(PG_BIN_DIR)/initdb || command -v initdb >/dev/null || \
+	    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq postgresql; }
+
+$(VENV)/.postgres: $(VENV)/.tools | postgres-server
+	$(PY) -m pip install -q $(POSTGRES_EXTRA)
+	touch $@
+
+$(SAN_VENV)/.postgres: $(SAN_VENV)/.tools | postgres-server
+	$(SAN_PY) -m pip install -q $(POSTGRES_EXTRA)
+	touch $@
+
+bench-web: install $(VENV)/.postgres
+	$(PY) bench/web_mode.py
 
 clean:
 	rm -rf build $(VENV) $(SAN_VENV)
