@@ -4,6 +4,9 @@ import os
 from vexcore.QRVPublic import RetCode as _RetCode
 
 _UNSET = object()
+_OK = _RetCode.OK
+_FIELDS = (("code", "RetCode"), ("msg", "RetMsg"), ("data", "RetData"))
+_LONG_NAMES = frozenset(long for _, long in _FIELDS)
 
 
 class RetType:
@@ -11,29 +14,40 @@ class RetType:
 
     Accepted forms: ``RetType()``, ``RetType(code, msg)``, ``RetType(code, data=x)``,
     ``RetType(data=x)``, ``RetType(msg=text)``; the fields may also be given by
-    their attribute names (``RetCode=``, ``RetMsg=``, ``RetData=``).
+    their attribute names (``RetCode=``, ``RetMsg=``, ``RetData=``), but not both ways.
     """
 
     __slots__ = ("RetCode", "RetMsg", "RetData")
 
-    def __init__(self, code=_UNSET, msg=_UNSET, data=_UNSET, *,
-                 RetCode=_UNSET, RetMsg=_UNSET, RetData=_UNSET):
-        self.RetCode = _pick("code", code, "RetCode", RetCode, _RetCode.OK)
-        self.RetMsg = _pick("msg", msg, "RetMsg", RetMsg, "")
-        self.RetData = _pick("data", data, "RetData", RetData, None)
+    # Every operation builds one of these, so construction is kept to the bare minimum:
+    # the attribute-name keywords arrive in `aliases` (an empty dict on the usual path,
+    # which is cheaper than three keyword-only parameters) and are resolved elsewhere.
+    def __init__(self, code=_UNSET, msg=_UNSET, data=_UNSET, **aliases):
+        if aliases:
+            code, msg, data = _resolve_aliases(code, msg, data, aliases)
+        self.RetCode = _OK if code is _UNSET else code
+        self.RetMsg = "" if msg is _UNSET else msg
+        self.RetData = None if data is _UNSET else data
 
     def __repr__(self):
         return "RetType(RetCode=%s, RetMsg=%r, RetData=%r)" % (self.RetCode, self.RetMsg, self.RetData)
 
 
-def _pick(short, short_value, long, long_value, default):
-    if short_value is not _UNSET and long_value is not _UNSET:
-        raise TypeError("RetType() got values for both '%s' and '%s'" % (short, long))
-    if short_value is not _UNSET:
-        return short_value
-    if long_value is not _UNSET:
-        return long_value
-    return default
+def _resolve_aliases(code, msg, data, aliases):
+    """The fields given by attribute name merged with the short ones; each field one way only."""
+    for name in aliases:
+        if name not in _LONG_NAMES:
+            # What Python itself says of an unknown keyword, before looking at any value.
+            raise TypeError("RetType.__init__() got an unexpected keyword argument '%s'" % name)
+    values = [code, msg, data]
+    for position, (short, long) in enumerate(_FIELDS):
+        value = aliases.get(long, _UNSET)
+        if value is _UNSET:
+            continue
+        if values[position] is not _UNSET:
+            raise TypeError("RetType() got values for both '%s' and '%s'" % (short, long))
+        values[position] = value
+    return values
 
 
 class _Utils:
