@@ -514,7 +514,7 @@ void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
 }
 
 nb::object no_kit_error(const Log& log, nb::handle msg) {
-    nb::object ret = RetType()(RetCode("ERROR_BF_NO_AAKIT"), nb::arg("RetMsg") = msg);
+    nb::object ret = ret_error_named("ERROR_BF_NO_AAKIT", msg);
     log.error(getattr(ret, k_RetMsg));
     return ret;
 }

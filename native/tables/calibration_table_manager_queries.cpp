@@ -66,12 +66,12 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
         if (from_database) return database(self).attr(k_query)("DR");
         return ret_data(getitem(table_of(self), k_DR));
     }
-    nb::object mode = (dual ? cell_rf_mode() : RFMode())(rf_mode);
+    nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
         logger_of(self).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
-    nb::object name = getattr(mode, k_name);
+    nb::object name = enum_fields(mode).name;
     if (from_database) return database(self).attr(k_query)(pair_list(k_DR, name));
     return ret_data(getitem(getitem(table_of(self), k_DR), name));
 }
@@ -176,7 +176,7 @@ nb::object ranges_of(nb::handle self, nb::handle kind) {
     Log log = logger_of(self);
     nb::object cache = getattr(self, k_allXXXDR);
     if (!cache.is_none()) {
-        log.debug(str("Fetch %s from cache"), kind);
+        log.debug("Fetch %s from cache", kind);
         return getitem(cache, kind);
     }
     cache = build_range_cache(self);
