@@ -6,8 +6,8 @@ peer (bench/baseline), same interpreter, same process, on the small data set (4 
     python bench/micro.py --docs          also writes the table into docs/benchmarks.md
 
 Each call is timed in a compiled loop (timeit) of many calls; the samples of the two sides
-alternate, and the minimum of many short samples is kept, which is the least disturbed by
-the other processes of a shared machine. Both sides build their results with the same
+alternate, and the minimum of many short samples (about a millisecond) is kept, which is
+the least disturbed by the other processes of a shared machine. Both sides build their results with the same
 `vexcore.QRVUtils.RetType` the SDK supplies, and both get the same driver hooks.
 
 For every call the table also shows where the module's time goes: the share spent entering
@@ -121,11 +121,18 @@ def time_per_call(stmt, ns, number):
     return timer.timeit(number) / number
 
 
-def measure(call, spaces, reps, number):
-    """Min of `reps` samples of `number` calls per side, the sides taken in turn."""
+def calls_per_sample(stmt, spaces, sample_s):
+    """How many calls make a sample of about sample_s on the slower side (at least 10):
+    samples shorter than a scheduler time slice are often left undisturbed on a busy
+    machine, and the minimum keeps such a sample."""
+    slowest = max(min(time_per_call(stmt, ns, 100) for _ in range(3)) for ns in spaces.values())
+    return max(10, int(sample_s / slowest))
+
+
+def measure(call, spaces, reps, sample_s):
+    """Min of `reps` short samples per side, the sides taken in turn."""
     fingerprints = {kind: digest(outcome(eval(call.stmt, dict(ns)))) for kind, ns in spaces.items()}
-    for ns in spaces.values():
-        time_per_call(call.stmt, ns, max(number // 10, 1))   # warm caches and branch predictors alike
+    number = calls_per_sample(call.stmt, spaces, sample_s)
     samples = {kind: [] for kind in spaces}
     order = list(spaces)
     for rep in range(reps):
@@ -133,6 +140,7 @@ def measure(call, spaces, reps, number):
             samples[kind].append(time_per_call(call.stmt, spaces[kind], number))
     call.results = {kind: {"min_s": min(s), "samples_s": s} for kind, s in samples.items()}
     call.results["same_result"] = len(set(fingerprints.values())) == 1
+    call.results["calls_per_sample"] = number
 
 
 # What a module call spends besides its own work, each timed alone in the module's namespace:
@@ -143,10 +151,13 @@ def measure(call, spaces, reps, number):
 COST_STATEMENTS = {"ret": "fake_ic_check(0, 0, 1)", "log": "logger.isEnabledFor(10)"}
 
 
-def cost_floors(ns, reps, number):
+def cost_floors(ns, reps, sample_s):
     ns = dict(ns, logger=logging.getLogger("BeamTbl"))
-    return {name: min(time_per_call(stmt, ns, number) for _ in range(reps))
-            for name, stmt in COST_STATEMENTS.items()}
+    floors = {}
+    for name, stmt in COST_STATEMENTS.items():
+        number = calls_per_sample(stmt, {MODULE: ns}, sample_s)
+        floors[name] = min(time_per_call(stmt, ns, number) for _ in range(reps))
+    return floors
 
 
 def ratio(call):
@@ -183,9 +194,10 @@ def rows(result):
 
 def markdown(result):
     m = result["machine"]
-    head = ("Measured on %s CPUs (%s), Python %s, %s; minimum of %d samples of %d calls per side, "
-            "sides interleaved." % (m["nproc"], m["cpu_model"], m["python"], result["created"],
-                                     result["settings"]["reps"], result["settings"]["number"]))
+    head = ("Measured on %s CPUs (%s), Python %s, %s; per call and side the minimum of %d samples "
+            "of about %g ms each, the sides interleaved; the small data set (4 boards x 1 IC x 4 channels)."
+            % (m["nproc"], m["cpu_model"], m["python"], result["created"], result["settings"]["reps"],
+               result["settings"]["sample_s"] * 1e3))
     return head + "\n\n" + report.markdown_table(HEADERS, rows(result))
 
 
@@ -205,14 +217,15 @@ def write_docs(table):
 def parse_args(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="few calls per sample (smoke test)")
-    parser.add_argument("--reps", type=int, default=None, help="samples per side (default 10, quick 2)")
-    parser.add_argument("--number", type=int, default=None, help="calls per sample (default 20000, quick 200)")
+    parser.add_argument("--reps", type=int, default=None, help="samples per side (default 41, quick 3)")
+    parser.add_argument("--sample-ms", type=float, default=None,
+                        help="milliseconds one sample lasts about (default 1, quick 0.1)")
     parser.add_argument("--only", nargs="+", help="titles (or beginnings of titles) of the calls to run")
     parser.add_argument("--out", type=Path, default=None, help="results JSON (default bench/results/micro.json)")
     parser.add_argument("--docs", action="store_true", help="write the table into docs/benchmarks.md")
     args = parser.parse_args(argv)
-    args.reps = args.reps or (2 if args.quick else 10)
-    args.number = args.number or (200 if args.quick else 20_000)
+    args.reps = args.reps or (3 if args.quick else 41)
+    args.sample_s = (args.sample_ms or (0.1 if args.quick else 1.0)) / 1e3
     args.out = args.out or RESULTS / ("micro-quick.json" if args.quick else "micro.json")
     return args
 
@@ -233,17 +246,18 @@ def run(args):
         records = []
         for call in selected(args.only):
             print("  %s" % call.title, file=sys.stderr, flush=True)
-            measure(call, spaces, args.reps, args.number)
+            measure(call, spaces, args.reps, args.sample_s)
             records.append(call)
-        floors = cost_floors(spaces[MODULE], args.reps, args.number)
+        floors = cost_floors(spaces[MODULE], args.reps, args.sample_s)
     finally:
         shutil.rmtree(workdir, ignore_errors=True)
     return {"created": datetime.datetime.now().isoformat(timespec="seconds"), "machine": report.machine(),
-            "module": tm.__file__, "settings": {"reps": args.reps, "number": args.number, "data": "small"},
+            "module": tm.__file__, "settings": {"reps": args.reps, "sample_s": args.sample_s, "data": "small"},
             "floors_s": floors,
             "calls": [{"title": c.title, "stmt": c.stmt, "target": c.target, "speedup": ratio(c),
                        "module_s": c.results[MODULE]["min_s"], "python_s": c.results[PYTHON]["min_s"],
                        "same_result": c.results["same_result"], "share": share(c, floors),
+                       "calls_per_sample": c.results["calls_per_sample"],
                        "samples_s": {k: c.results[k]["samples_s"] for k in (MODULE, PYTHON)}}
                       for c in records]}
 

@@ -253,7 +253,8 @@ void remember_stock_result_type(nb::handle cls) {
         stock.members[i] = Py_NewRef(reinterpret_cast<PyObject*>(member));
         stock.offsets[i] = member->d_member->offset;
     }
-    // RetType(), called the ordinary way, gives the default fields.
+    // RetType(), called the ordinary way, gives the default fields (constants of the
+    // record's own module, which are not a host's to replace).
     nb::object prototype = cls();
     for (int i = 0; i < 3; ++i) stock.defaults[i] = getattr(prototype, *k_fields[i]).release().ptr();
     stock.no_args = PyTuple_New(0);

@@ -295,9 +295,8 @@ nb::object cache_level(nb::handle parent, nb::handle key) {
 // One board's offsets, from the cache or loaded into it. Callers get a copy, so
 // changing a returned list cannot change later answers.
 nb::object board_offsets(nb::handle self, nb::handle mode_cache, nb::handle mode_name, nb::handle board_number,
-                         nb::handle chip) {
+                         nb::handle chip_name) {
     nb::object board = board_key(board_number);
-    nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
     nb::object board_cache = dict_get(mode_cache, board);
     nb::object cached = board_cache.is_valid() ? dict_get(board_cache, chip_name) : nb::object();
     if (!cached.is_valid()) {
@@ -325,8 +324,10 @@ nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mod
         setattr(self, k_allOffset, cache);
     }
     nb::object mode_cache = cache_level(cache, rf_mode_str);
+    nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
     nb::list result;
-    for (nb::handle b : board_numbers(boards)) result.append(board_offsets(self, mode_cache, rf_mode_str, b, chip));
+    for (nb::handle b : board_numbers(boards))
+        result.append(board_offsets(self, mode_cache, rf_mode_str, b, chip_name));
     return result;
 }
 
