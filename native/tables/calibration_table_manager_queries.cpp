@@ -60,12 +60,12 @@ nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
 // ------------------------------------------------------------------- DR ---
 
 nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
-    bool dual = dual_polarization(self);
-    bool from_database = !dual && truthy(getattr(self, k_web_mode));
     if (rf_mode.is_none()) {
-        if (from_database) return database(self).attr(k_query)("DR");
+        if (uses_database(self)) return database(self).attr(k_query)("DR");
         return ret_data(getitem(table_of(self), k_DR));
     }
+    bool dual = dual_polarization(self);
+    bool from_database = !dual && truthy(getattr(self, k_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
         logger_of(self).warning(str("DR not support for STANDBY mode"));
