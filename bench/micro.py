@@ -31,7 +31,7 @@ ROOT = HERE.parent
 sys.path.insert(0, str(HERE))
 
 import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
-from vexcore.QRVPublic import BeamType, RFMode  # noqa: E402
+from vexcore.QRVPublic import BeamType, RetCode, RFMode  # noqa: E402
 from vexcore.QRVUtils import RetType  # noqa: E402
 
 import gen_data  # noqa: E402
@@ -76,6 +76,7 @@ def calls():
         Call("UD parse(), file in the page cache", "ud.parse()", 1.5, ("ret", "log")),
         Call("getUDDeltaFreq()", "ud.getUDDeltaFreq()", 1.5, ("ret",)),
         Call("fake_ic_check(0, 0, 1): RetType(data=1) built by a call", "fake_ic_check(0, 0, 1)", 1.5, ("ret",)),
+        Call("RetType(data=1) from Python: the SDK's record / a plain record class", "Record(data=1)", 1.5),
     ]
 
 
@@ -83,6 +84,17 @@ def calls():
 
 def peer_fake_ic_check(a, b, c):
     return RetType(data=c)
+
+
+class PlainRecord:
+    """The record a pure-Python implementation could have of its own: three fields, no
+    attribute-name keywords, no checks."""
+    __slots__ = ("RetCode", "RetMsg", "RetData")
+
+    def __init__(self, code=RetCode.OK, msg="", data=None):
+        self.RetCode = code
+        self.RetMsg = msg
+        self.RetData = data
 
 
 def namespace(flavour, ws):
@@ -101,12 +113,13 @@ def namespace(flavour, ws):
             "TX": RFMode.TX, "BEAM": BeamType.BEAM, "KIT": m["kit_name"], "BOARDS": [1, 2],
             "STORED": m["channel_beam_id"], "STEERED": m["steered_beam_id"],
             "STEER": {"db": 1.5, "theta": 12, "phi": -6}, "FILTER_TX": flavour.mode_filter.TX,
-            "fake_ic_check": tm.fake_ic_check if flavour.kind == MODULE else peer_fake_ic_check}
+            "fake_ic_check": tm.fake_ic_check if flavour.kind == MODULE else peer_fake_ic_check,
+            "Record": RetType if flavour.kind == MODULE else PlainRecord}
 
 
 def outcome(value):
     """What must match across the sides: the result's fields, or the bare value."""
-    if isinstance(value, RetType):
+    if isinstance(value, (RetType, PlainRecord)):
         return [str(value.RetCode), value.RetMsg, value.RetData]
     return value
 

@@ -5,8 +5,6 @@ from vexcore.QRVPublic import RetCode as _RetCode
 
 _UNSET = object()
 _OK = _RetCode.OK
-_FIELDS = (("code", "RetCode"), ("msg", "RetMsg"), ("data", "RetData"))
-_LONG_NAMES = frozenset(long for _, long in _FIELDS)
 
 
 class RetType:
@@ -21,33 +19,34 @@ class RetType:
 
     # Every operation builds one of these, so construction is kept to the bare minimum:
     # the attribute-name keywords arrive in `aliases` (an empty dict on the usual path,
-    # which is cheaper than three keyword-only parameters) and are resolved elsewhere.
+    # which is cheaper than three keyword-only parameters) and are looked at only when
+    # given, here rather than in a helper, as a call would cost more than the checks.
     def __init__(self, code=_UNSET, msg=_UNSET, data=_UNSET, **aliases):
         if aliases:
-            code, msg, data = _resolve_aliases(code, msg, data, aliases)
+            long_code = aliases.pop("RetCode", _UNSET)
+            long_msg = aliases.pop("RetMsg", _UNSET)
+            long_data = aliases.pop("RetData", _UNSET)
+            if aliases:
+                # What Python itself says of an unknown keyword, before looking at any value.
+                raise TypeError("RetType.__init__() got an unexpected keyword argument '%s'" % next(iter(aliases)))
+            if long_code is not _UNSET:
+                if code is not _UNSET:
+                    raise TypeError("RetType() got values for both 'code' and 'RetCode'")
+                code = long_code
+            if long_msg is not _UNSET:
+                if msg is not _UNSET:
+                    raise TypeError("RetType() got values for both 'msg' and 'RetMsg'")
+                msg = long_msg
+            if long_data is not _UNSET:
+                if data is not _UNSET:
+                    raise TypeError("RetType() got values for both 'data' and 'RetData'")
+                data = long_data
         self.RetCode = _OK if code is _UNSET else code
         self.RetMsg = "" if msg is _UNSET else msg
         self.RetData = None if data is _UNSET else data
 
     def __repr__(self):
         return "RetType(RetCode=%s, RetMsg=%r, RetData=%r)" % (self.RetCode, self.RetMsg, self.RetData)
-
-
-def _resolve_aliases(code, msg, data, aliases):
-    """The fields given by attribute name merged with the short ones; each field one way only."""
-    for name in aliases:
-        if name not in _LONG_NAMES:
-            # What Python itself says of an unknown keyword, before looking at any value.
-            raise TypeError("RetType.__init__() got an unexpected keyword argument '%s'" % name)
-    values = [code, msg, data]
-    for position, (short, long) in enumerate(_FIELDS):
-        value = aliases.get(long, _UNSET)
-        if value is _UNSET:
-            continue
-        if values[position] is not _UNSET:
-            raise TypeError("RetType() got values for both '%s' and '%s'" % (short, long))
-        values[position] = value
-    return values
 
 
 class _Utils:
