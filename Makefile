@@ -17,7 +17,7 @@ PYTEST_ARGS := -q --hypothesis-seed=$(HYPOTHESIS_SEED)
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
-.PHONY: all install check test demo bench bench-quick sanitize clean
+.PHONY: all install check test demo bench bench-quick bench-micro sanitize clean
 
 all: test
 
@@ -50,6 +50,11 @@ bench: install
 
 bench-quick: install
 	$(PY) bench/run.py --quick
+
+# The small calls a driver makes on every beam switch, beside the pure-Python peer;
+# the table goes into docs/benchmarks.md.
+bench-micro: install
+	$(PY) bench/micro.py --docs
 
 # AddressSanitizer + UndefinedBehaviorSanitizer build in its own environment.
 $(SAN_VENV)/.tools: pyproject.toml

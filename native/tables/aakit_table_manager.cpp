@@ -627,7 +627,7 @@ void recover_files(nb::handle self, const Log& log) {
 }
 
 nb::object no_kit_error(const Log& log, nb::handle msg) {
-    nb::object ret = RetType()(RetCode("ERROR_BF_NO_AAKIT"), nb::arg("RetMsg") = msg);
+    nb::object ret = ret_error_named("ERROR_BF_NO_AAKIT", msg);
     log.error(getattr(ret, k_RetMsg));
     return ret;
 }
@@ -647,8 +647,14 @@ nb::object parse(nb::handle self) {
 
 // ============================================================ selection ====
 
+// kit_name != "": a str answers by its length, anything else compares as Python would.
+bool names_a_kit(nb::handle kit_name) {
+    if (PyUnicode_CheckExact(kit_name.ptr())) return PyUnicode_GET_LENGTH(kit_name.ptr()) != 0;
+    return compare(kit_name, k_empty, Py_NE);
+}
+
 nb::object select_aakit(nb::handle self, nb::handle kit_name) {
-    if (compare(kit_name, k_empty, Py_NE)) {
+    if (names_a_kit(kit_name)) {
         nb::object kit = dict_get(getattr(self, k_table), kit_name);
         if (!kit.is_valid() || kit.is_none()) {
             nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
@@ -687,7 +693,8 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
     static const Name not_selected{"Fail to getAAKitInfo, please call selectAAKit() first"};
     static const Name failed{"getAAKitInfo exception"};
     nb::object ret = ret_ok();
-    Log log = logger_of(self);
+    // The logger is looked up only when there is something to log: this query is on
+    // every beam switch.
     guard(
         [&]() -> nb::object {
             nb::object table = getattr(self, k_table);
@@ -700,7 +707,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
                     setattr(ret, k_RetMsg, not_selected);
-                    log.error(getattr(ret, k_RetMsg));
+                    logger_of(self).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
                 }
@@ -710,7 +717,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
             setattr(ret, k_RetMsg, failed);
-            log.exception(getattr(ret, k_RetMsg));
+            logger_of(self).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
     return ret;
