@@ -22,6 +22,7 @@ class BeamType(IntEnum):
 
 
 class POLARIZATION(IntEnum):
+    """Polarizations of dual-polarization devices (bound as POL by the table manager)."""
     HORIZON = 0
     VERTICAL = 1
 

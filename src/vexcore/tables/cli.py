@@ -8,6 +8,8 @@ import json
 import os
 import sys
 
+import vexcore
+
 from . import kinds
 from .common import ToolError
 
@@ -76,6 +78,7 @@ def build_parser():
         prog="vexcore-tables",
         description="Check, show, convert and plot vexcore tables (calibration, antenna kits, "
                     "beam tables, UD delta) with the table manager's own readers.")
+    parser.add_argument("--version", action="version", version="%(prog)s " + vexcore.__version__)
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
     commands.required = True
 
