@@ -1,7 +1,14 @@
-"""Turns measured operations into the results JSON, a console table and a README table."""
+"""Turns measured operations into the results JSON, a console table and the results of
+the benchmark page (docs/benchmarks.md).
+
+python bench/report.py rewrites the page's results from bench/results/latest.json (and
+bench/results/scale.json, written by `python bench/scale.py --json`), so the figures on
+the page are always the measured ones."""
+import json
 import os
 import platform
 import sys
+from pathlib import Path
 
 from harness import MODULE, PYTHON, STDLIB, ratio, same_result, target_status
 
@@ -186,3 +193,53 @@ def codec_section(codecs, table):
     if codecs.get("status") == "ok":
         return table(CODEC_HEADERS, codec_rows(codecs))
     return "Codecs: %s (%s)" % (codecs.get("status", "not run"), codecs.get("reason", ""))
+
+
+# ------------------------------------------------------------ the docs page ---
+
+ROOT = Path(__file__).resolve().parent.parent
+RESULTS = ROOT / "bench" / "results"
+DOCS_PAGE = ROOT / "docs" / "benchmarks.md"
+BEGIN = "<!-- results: written by `python bench/report.py` from bench/results/; do not edit by hand -->"
+END = "<!-- end of results -->"
+
+
+def results_block(latest, scale=None):
+    """The results part of the benchmark page."""
+    parts = [BEGIN, "", headline(latest), "", "### Operations (`bench/run.py`)", "", markdown(latest)]
+    if scale:
+        from scale import report as scale_report
+
+        parts += ["", "### Growth with size and memory over many calls (`bench/scale.py`)", "",
+                  scale_report(scale["rows"], scale["memory"])]
+    return "\n".join(parts + ["", END])
+
+
+def headline(latest):
+    """The one sentence on calibration parse speed, from the largest data set measured."""
+    parses = [r for r in latest["operations"] if r["key"] == "cali_parse" and r["speedup_vs_python"]]
+    if not parses:
+        return "Calibration parse: not measured."
+    r = parses[-1]
+    return ("**Calibration parse** (%s data set): %s the pure-Python manager, %s `csv.reader` "
+            "without number conversion." % (r["dataset"], times(r["speedup_vs_python"]),
+                                             times(r["speedup_vs_stdlib"])))
+
+
+def read_results(folder=RESULTS):
+    latest = json.loads((folder / "latest.json").read_text(encoding="utf-8"))
+    scale_file = folder / "scale.json"
+    scale = json.loads(scale_file.read_text(encoding="utf-8")) if scale_file.exists() else None
+    return latest, scale
+
+
+def update_docs_page(page=DOCS_PAGE, folder=RESULTS):
+    """Replaces the results between the page's markers with the current ones."""
+    text = page.read_text(encoding="utf-8")
+    start, end = text.index(BEGIN), text.index(END) + len(END)
+    page.write_text(text[:start] + results_block(*read_results(folder)) + text[end:], encoding="utf-8")
+
+
+if __name__ == "__main__":
+    update_docs_page()
+    print("updated %s" % DOCS_PAGE)

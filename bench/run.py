@@ -154,6 +154,8 @@ def main(argv=None):
     args = parse_args(sys.argv[1:] if argv is None else argv)
     result = run(args)
     save(result, args.out)
+    if args.out == RESULTS / "latest.json":
+        report.update_docs_page()
     print(report.console(result))
     print("\nresults: %s" % args.out)
     return 0

@@ -63,10 +63,21 @@ class LimitChecks:
     """
 
     def __init__(self, cali=None, kit_record=None):
+        """From a checked calibration table (tables.calibration.load) and a kit record;
+        without a valid table only the shapes of beams are checked."""
         self.limits = cali.beam_limits() if cali is not None and cali.valid else None
         self.pairs = cali.comdr if self.limits else None
         self.steering = kit_record
         self.reasons = []
+
+    @classmethod
+    def from_limits(cls, dr, comdr, eledr, kit_record=None):
+        """From the calibration manager's answers, as a driver holds them: getDR(),
+        getCOMDR() and getELEDR() data, and the kit's record (getAAKitInfo() data)."""
+        checks = cls(None, kit_record)
+        checks.limits = calibration.numeric_limits(dr, comdr, eledr)
+        checks.pairs = comdr
+        return checks
 
     @property
     def funcs(self):

@@ -40,11 +40,17 @@ class Calibration(TableResult):
     offsets: dict = dataclasses.field(default_factory=dict)
 
     def beam_limits(self):
-        """(DR, COMDR, ELEDR) with one number per board: the common-arm upper bound
-        and the element limit, for arithmetic the limit lists do not allow."""
-        comdr = [[pair[1] if isinstance(pair, list) else pair for pair in mode] for mode in self.comdr]
-        eledr = [[unwrap(limit) for limit in mode] for mode in self.eledr]
-        return self.dr, comdr, eledr
+        """(DR, COMDR, ELEDR) with one number per board (see `numeric_limits`)."""
+        return numeric_limits(self.dr, self.comdr, self.eledr)
+
+
+def numeric_limits(dr, comdr, eledr):
+    """(DR, COMDR, ELEDR) as the calibration manager answers them, with one number per
+    board: the common-arm upper bound and the element limit, for arithmetic the limit
+    lists do not allow."""
+    comdr = [[pair[1] if isinstance(pair, list) else pair for pair in mode] for mode in comdr]
+    eledr = [[unwrap(limit) for limit in mode] for mode in eledr]
+    return dr, comdr, eledr
 
 
 def load(path, layout=None, locate=True):
