@@ -1,4 +1,5 @@
 """A device driver's first steps; run it in a folder prepared by `python -m vexcore.samples .`."""
+
 import vexcore.qrvdev.QRVTableManager as tm
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.tables.beam import LimitChecks

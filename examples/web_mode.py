@@ -2,6 +2,7 @@
 from the table database through its query service; kits and beam tables go through
 callbacks that keep them in the same database. Run it in a folder prepared by
 `python -m vexcore.samples .` (the database is files/vexcore_tables.db, or $VEXCORE_DB)."""
+
 import vexcore.qrvdev.QRVTableManager as tm
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import AAKitStore, BeamTableStore

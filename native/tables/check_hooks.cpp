@@ -15,8 +15,8 @@ void define_check_hooks(nb::module_& m) {
         },
         arg("a"), arg("b"), arg("c"), arg("d"));
     def_function(
-        m, "fake_ic_check", [](nb::handle, nb::handle, nb::handle c) { return vex::py::ret_data(c); },
-        arg("a"), arg("b"), arg("c"));
+        m, "fake_ic_check", [](nb::handle, nb::handle, nb::handle c) { return vex::py::ret_data(c); }, arg("a"),
+        arg("b"), arg("c"));
 }
 
 }  // namespace vex::tables

@@ -47,7 +47,7 @@ const FunctionDoc k_docs[] = {
     {"BeamPatternTableManager", "_BeamPatternTableManager__generateDefaultBeamTableFile",
      "def _BeamPatternTableManager__generateDefaultBeamTableFile(self) -> RetType",
      "Writes a new, empty beam table file (version, SN, device type, frequency, kit, no beams).\n"
-     "Returns RetType with the new table as data, or ERROR_BF_BEAM_FILE when it cannot be written."},
+     "Returns RetType with the new table as data, or ERROR_BF_BEAM \"BeamTable generating exception\"."},
     {"BeamPatternTableManager", "_BeamPatternTableManager__generateDefaultBeam",
      "def _BeamPatternTableManager__generateDefaultBeam(self, beam: dict[str, Any], "
      "beam_type: BeamType | int, mode: RFMode | int) -> None",
@@ -121,7 +121,7 @@ const FunctionDoc k_docs[] = {
     {"CalibrationTableManager", "_CalibrationTableManager__basicCheck",
      "def _CalibrationTableManager__basicCheck(self, table: Mapping[str, Any]) -> RetType",
      "Checks a parsed table's header: version not below 2.0.0, serial number, centre frequency.\n"
-     "Returns RetType(), or ERROR_BF_CALI_PARSE with the reason (\"Wrong SN!\", \"Wrong Freq\", ...)."},
+     "Returns RetType(), or ERROR_BF_CALI_INCOMPLTE with the reason (\"Wrong SN!\", \"Wrong Freq\", ...)."},
     {"CalibrationTableManager", "checkCaliTableLocation", "def checkCaliTableLocation(self) -> RetType",
      "Returns RetType with data True when a calibration file of this serial number exists, else\n"
      "False; ERROR_BF_CALI_PATH \"checkCaliTableLocation exception\" on failure."},
@@ -131,7 +131,8 @@ const FunctionDoc k_docs[] = {
      "again when force_refresh is true or the list is empty; in web mode asked from the database\n"
      "(a database error gives its own RetType)."},
     {"CalibrationTableManager", "queryCaliTableVer", "def queryCaliTableVer(self) -> RetType",
-     "Returns RetType with the loaded table's version (its \"VER\" value) as data."},
+     "Returns RetType with the loaded table's version (its \"VER\" value) as data;\n"
+     "ERROR_BF_CALI_INCOMPLTE \"Can not found any calibration table\" when none is loaded."},
     {"CalibrationTableManager", "parse",
      "def parse(self, freq: float | None = None, fileObject: Any = None, exportToJson: bool = False) -> RetType",
      "Reads the calibration table of freq (default: the current frequency) into _CaliTable.\n\n"
@@ -139,8 +140,8 @@ const FunctionDoc k_docs[] = {
      "is closed); in web mode the table comes from the database. exportToJson also writes the parsed\n"
      "table as JSON beside the CSV. A new frequency drops the query caches.\n"
      "Returns RetType(); ERROR_BF_CALI_PATH when no file is found; ERROR_BF_CALI_PARSE for a row\n"
-     "that cannot be read, a failed header check or a failed export; ERROR_BF_CALI_INCOMPLTE for a\n"
-     "file without END."},
+     "that cannot be read (\"parse exception\"), a file without END (\"cali file is broken\") or a\n"
+     "failed export; ERROR_BF_CALI_INCOMPLTE with the reason when the header check fails."},
     {"CalibrationTableManager", "parseRawJson", "def parseRawJson(self) -> RetType",
      "Reads the JSON export \"<SN>_<freq>GHz.json\" of the current frequency into _CaliTable.\n"
      "Returns RetType(), or ERROR_BF_CALI_PARSE \"cali file error\"."},
@@ -201,7 +202,8 @@ const FunctionDoc k_docs[] = {
     {"AAKitTableManager", "parse", "def parse(self) -> RetType",
      "Reads every kit file into _AAKitTable (kit name to record); files that are refused or cannot\n"
      "be read are skipped with a log line naming them, and custom kits without a valid time stamp\n"
-     "are renamed. Returns RetType(). Raises KeyError for a record without TYPE."},
+     "are renamed. Returns RetType(), or ERROR_BF_NO_AAKIT when there is no kit file or no usable\n"
+     "kit. Raises KeyError for a record without TYPE."},
     {"AAKitTableManager", "_selectAAKit", "def _selectAAKit(self, kitName: str) -> RetType",
      "Makes kitName the current kit. Returns RetType(), or ERROR_BF_NO_AAKIT when there is no such kit."},
     {"AAKitTableManager", "getAAKitList",
@@ -211,8 +213,9 @@ const FunctionDoc k_docs[] = {
      "ERROR_BF_AAKIT \"getAAKitList exception\" on failure."},
     {"AAKitTableManager", "getAAKitInfo",
      "def getAAKitInfo(self, kitName: str | None = None, local: bool = False) -> RetType",
-     "Returns RetType with one kit's record (default: the current kit) as a mapping, or\n"
-     "ERROR_BF_NO_AAKIT when there is no such kit."},
+     "Returns RetType with one kit's record (default: the current kit) as a mapping, or with the\n"
+     "whole table (kit name to record) when local is true and no kitName is given; ERROR_BF_AAKIT\n"
+     "for an unknown kit, or when no kit is named and none is selected."},
     {"AAKitTableManager", "computeAAKitFullName", "def computeAAKitFullName(self, kitName: str) -> str",
      "The full name of a custom kit: kitName, \"_\", then the local time stamp\n"
      "YYYYmmddHHMMSS + hundredths + UTC offset (for example MyKit_2024030112304512+0800)."},
@@ -231,8 +234,8 @@ const FunctionDoc k_docs[] = {
      "Creates or changes a kit in the table (save it afterwards with saveAAKitFile).\n\n"
      "spacing, steeringH, steeringV: two numbers each; offsetTx, offsetRx: total_ch integers (or one\n"
      "list per polarization); custom 1 makes a custom kit under its time-stamped name; newKitName\n"
-     "renames it. Raises TypeError for arguments of the wrong type; returns RetType(), or\n"
-     "ERROR_BF_AAKIT for an invalid field or a failed rename."},
+     "renames it. Raises TypeError for arguments of the wrong type; returns RetType() with the\n"
+     "kit's full name as data, or ERROR_BF_AAKIT for an invalid field or a failed rename."},
     {"AAKitTableManager", "_AAKitTableManager__renameAAKit",
      "def _AAKitTableManager__renameAAKit(self, oldName: str, newName: str, callback: " CALLBACK " = None) "
      "-> RetType",

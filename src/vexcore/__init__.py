@@ -1,4 +1,5 @@
 """vexcore: device SDK for millimetre-wave phased-array beamformer boxes."""
+
 from importlib import metadata as _metadata
 
 try:

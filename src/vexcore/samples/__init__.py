@@ -5,6 +5,7 @@ manager's demonstration: logging.conf, files/ with the sample tables (and the be
 table files/BeamTable/..., written by ``python -m vexcore.samples.beam_table``), and the table
 database (files/vexcore_tables.db, or $VEXCORE_DB) filled from the calibration file.
 """
+
 import os
 import shutil
 
@@ -33,8 +34,9 @@ def prepare(folder, force=False):
     targets = [(os.path.join(HERE, name), os.path.join(folder, *name.split("/"))) for name in SAMPLE_FILES]
     edited = [target for source, target in targets if _differs(source, target)]
     if edited and not force:
-        raise SampleExists("these files differ from the samples and are kept: %s (--force replaces them)"
-                           % ", ".join(edited))
+        raise SampleExists(
+            "these files differ from the samples and are kept: %s (--force replaces them)" % ", ".join(edited)
+        )
     for source, target in targets:
         os.makedirs(os.path.dirname(target), exist_ok=True)
         shutil.copyfile(source, target)

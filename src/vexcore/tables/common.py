@@ -1,6 +1,7 @@
 """What every table check produces: problems, each with the code and message the
 module gave (or the exception a query let through), where in the file it lies and
 the cause the manager logged."""
+
 import dataclasses
 from typing import List
 
@@ -8,7 +9,7 @@ from vexcore.QRVPublic import RetCode
 
 ERROR = "error"
 WARNING = "warning"
-NO_CODE = "-"          # a finding of this tool, not a result of the module
+NO_CODE = "-"  # a finding of this tool, not a result of the module
 
 
 @dataclasses.dataclass
@@ -30,6 +31,7 @@ class ToolError(Exception):
 @dataclasses.dataclass
 class TableResult:
     """One file run through its manager: the problems found and what was learnt."""
+
     path: str
     kind: str
     problems: List[Problem] = dataclasses.field(default_factory=list)
