@@ -83,7 +83,7 @@ sanitize: $(SAN_VENV)/.tools
 	if ls $(SAN_REPORT).* >/dev/null 2>&1; then cat $(SAN_REPORT).*; exit 1; fi; \
 	exit $$status
 
-# ruff (lint and format check), mypy on src/vexcore and clang-format on native/, with the
+# ruff (lint and format check), mypy (src/vexcore, examples) and clang-format on native/, with the
 # configuration in pyproject.toml and .clang-format. Paths listed in LINT_PENDING are
 # being rewritten on other branches and get their formatting pass after those merge;
 # they are skipped, and said to be: `make lint LINT_PENDING=` checks everything.
@@ -105,7 +105,7 @@ lint: $(VENV)/.lint-tools
 	@echo "== ruff check, ruff format --check"
 	$(VENV)/bin/ruff check $(if $(strip $(LINT_PENDING)),--extend-exclude $(subst $(space),$(comma),$(strip $(LINT_PENDING)))) .
 	$(VENV)/bin/ruff format --check $(if $(strip $(LINT_PENDING)),--extend-exclude $(subst $(space),$(comma),$(strip $(LINT_PENDING)))) .
-	@echo "== mypy (src/vexcore)"
+	@echo "== mypy (src/vexcore, examples)"
 	$(VENV)/bin/mypy
 	@echo "== clang-format --dry-run on $(words $(NATIVE_FILES)) native files"
 	$(if $(NATIVE_FILES),$(VENV)/bin/clang-format --dry-run --Werror $(NATIVE_FILES))
