@@ -70,7 +70,8 @@ def test_help_shows_the_stub_signature_and_a_docstring(owner, name):
 
 def test_classes_and_sibling_modules_are_documented_and_typed():
     for name in ("BeamPatternTableManager", "CalibrationTableManager", "AAKitTableManager",
-                 "UDDeltaFreqTableManager", "QRVTableDBError"):
+                 "UDDeltaFreqTableManager", "QRVTableDBError", "BTModeFilter", "BTSetOption", "BTField",
+                 "BTBeamField", "AAKitField"):
         assert getattr(tm, name).__doc__
     import vexcore.QRVUtils as utils
 

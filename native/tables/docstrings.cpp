@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "py/bridge.h"
+#include "tables/tables.h"
 
 namespace vex::py {
 namespace {
@@ -333,6 +333,19 @@ bool names_function(const char* signature, const char* name) {
            signature[4 + length] == '(';
 }
 
+// The module's enumerations, documented once they exist (they are made by Python's
+// enum machinery, which gives them no text of their own).
+const char* const k_enum_docs[][2] = {
+    {"BTModeFilter", "Which RF modes a batch beam read returns: TX, RX or ALL (both)."},
+    {"BTSetOption",
+     "What a batch beam write does: VALIDATE the beams, return them (GET), SAVE them, REPLACE_ALL of\n"
+     "each named mode; UI_IMPORT (= VALIDATE), UI_EXPORT, UI_SAVE_UPSERT and UI_SAVE_REPLACE combine them."},
+    {"BTField", "Top-level fields of a beam table file; _version holds the current format version (\"2.0.0\")."},
+    {"BTBeamField",
+     "Field names inside one beam of a beam table file (board_ and channel_ are prefixes of an index)."},
+    {"AAKitField", "Row keys of an antenna-array-kit file."},
+};
+
 }  // namespace
 
 const FunctionDoc& function_doc(const char* owner, const char* name,
@@ -352,3 +365,11 @@ const FunctionDoc& function_doc(const char* owner, const char* name,
 }
 
 }  // namespace vex::py
+
+namespace vex::tables {
+
+void document_enums(nb::module_& m) {
+    for (const auto& entry : vex::py::k_enum_docs) nb::setattr(m.attr(entry[0]), "__doc__", nb::str(entry[1]));
+}
+
+}  // namespace vex::tables
