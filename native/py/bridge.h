@@ -15,8 +15,10 @@
 
 #include <nanobind/nanobind.h>
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace nb = nanobind;
@@ -242,6 +244,39 @@ nb::object dict_get(nb::handle mapping, nb::handle key);
 // argument of a bound function: arg("freq") = nb::none() gives a default.
 inline auto arg(const char* name) { return nb::arg(name).none(); }
 
+// The typed signature and docstring that help() and editors show for a bound
+// function, looked up by owner (class name, "" for a module function) and Python
+// name in the module's table (tables/docstrings.cpp). Every bound function must have
+// an entry whose parameter names are those of the binding: otherwise this raises and
+// the module fails to import, so the documentation cannot drift from the code.
+struct FunctionDoc {
+    const char* owner;
+    const char* name;
+    const char* signature;   // "def name(self, a: int = 0) -> RetType"
+    const char* text;
+};
+const FunctionDoc& function_doc(const char* owner, const char* name,
+                                std::initializer_list<const char*> arg_names);
+
+// The parameter name of a binding extra (nb::arg, with or without default), or
+// nullptr for the other extras.
+template <class T, class = void>
+struct is_arg_extra : std::false_type {};
+template <class T>
+struct is_arg_extra<T, std::void_t<decltype(std::declval<const T&>().name_)>> : std::true_type {};
+template <class T>
+const char* arg_name(const T& extra) {
+    if constexpr (is_arg_extra<T>::value) return extra.name_;
+    else return nullptr;
+}
+
+// A module-level function, documented from the table.
+template <class F, class... Extra>
+void def_function(nb::module_& m, const char* name, F&& f, const Extra&... extra) {
+    const FunctionDoc& doc = function_doc("", name, {arg_name(extra)...});
+    m.def(name, std::forward<F>(f), extra..., nb::sig(doc.signature), doc.text);
+}
+
 // Builds a plain Python class (created with type(), base object unless given)
 // whose methods are C++ functions. Instances are ordinary Python objects: their
 // state lives in the instance __dict__, they take new attributes, join garbage
@@ -258,8 +293,9 @@ public:
 
     template <class F, class... Extra>
     ClassBuilder& def(const char* name, F&& f, const Extra&... extra) {
+        const FunctionDoc& doc = function_doc(name_, name, {arg_name(extra)...});
         nb::cpp_function_def(std::forward<F>(f), nb::scope(cls_), nb::name(name),
-                             nb::is_method(), extra...);
+                             nb::is_method(), extra..., nb::sig(doc.signature), doc.text);
         return *this;
     }
 

@@ -59,5 +59,6 @@ NB_MODULE(QRVTableManager, m) {
     define_ud_delta_freq_table_manager(m);
     define_table_db(m);
     define_check_hooks(m);
+    document_enums(m);
     vex::py::define_codec_submodule(m);
 }

@@ -1,6 +1,7 @@
 """What every table check produces: problems, each with the code and message the
 module gave (or the exception a query let through), where in the file it lies and
 the cause the manager logged."""
+
 import dataclasses
 import os
 from typing import List
@@ -10,7 +11,7 @@ from vexcore.qrvdev.QRVTableManager import _codec
 
 ERROR = "error"
 WARNING = "warning"
-NO_CODE = "-"          # a finding of this tool, not a result of the module
+NO_CODE = "-"  # a finding of this tool, not a result of the module
 
 
 @dataclasses.dataclass
@@ -43,6 +44,7 @@ def write_file(path, data):
 @dataclasses.dataclass
 class TableResult:
     """One file run through its manager: the problems found and what was learnt."""
+
     path: str
     kind: str
     problems: List[Problem] = dataclasses.field(default_factory=list)

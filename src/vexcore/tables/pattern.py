@@ -19,10 +19,11 @@ Excitation
   off (sw 1) radiates nothing. A steered beam has equal gains and the phases that
   point it: -k * (x sin(theta) + y sin(phi)).
 """
+
 import cmath
 import math
 
-LIGHT_SPEED_MM_GHZ = 299.792458        # millimetres per nanosecond: lambda[mm] = c / f[GHz]
+LIGHT_SPEED_MM_GHZ = 299.792458  # millimetres per nanosecond: lambda[mm] = c / f[GHz]
 
 
 def wavelength_mm(freq_ghz):

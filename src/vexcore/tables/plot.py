@@ -6,17 +6,18 @@
   vertical cut through the beam's direction, with the kit's steering limits marked
   (geometry, angles and excitation as described in vexcore.tables.pattern).
 """
+
 import io
 import math
 import os
 
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 from . import beam, calibration, kinds, pattern
 from .common import ToolError, as_number, unwrap, write_file
 
 INSTALL_HINT = "plot needs matplotlib: pip install 'vexcore[plot]' (or pip install matplotlib)"
-DEFAULT_OFFSET_STEP_DEG = 360.0 / 64          # one step of a 6-bit phase shifter
+DEFAULT_OFFSET_STEP_DEG = 360.0 / 64  # one step of a 6-bit phase shifter
 CUT_STEP_DEG = 0.25
 SEARCH_STEP_DEG = 2.0
 FLOOR_DB = -40.0
@@ -30,8 +31,10 @@ def run(options, out):
     elif kind == kinds.BEAM:
         figure = _beam_figure(pyplot, options)
     else:
-        raise ToolError("plot draws calibration and beam tables; %s is %s"
-                        % (options.path, "a %s table" % kind if kind else "neither"))
+        raise ToolError(
+            "plot draws calibration and beam tables; %s is %s"
+            % (options.path, "a %s table" % kind if kind else "neither")
+        )
     # Drawn in memory and written as the tables are, so an interrupted run
     # leaves no half picture.
     picture = io.BytesIO()
@@ -47,8 +50,9 @@ def _pyplot():
         import matplotlib
     except ImportError:
         raise ToolError(INSTALL_HINT) from None
-    matplotlib.use("Agg")                      # files only: no display needed
+    matplotlib.use("Agg")  # files only: no display needed
     import matplotlib.pyplot as pyplot
+
     return pyplot
 
 
@@ -66,6 +70,7 @@ def _blocking(result):
 
 
 # --- calibration -----------------------------------------------------------------
+
 
 def _calibration_figure(pyplot, options, kind):
     loader = calibration.load if kind == kinds.CALIBRATION else calibration.load_export
@@ -96,11 +101,15 @@ def _calibration_panel(ax, cali, mode):
 
 # --- beams -------------------------------------------------------------------------
 
+
 def _beam_figure(pyplot, options):
     mode_name, beam_id = options.beam
     num_beam = options.num_beam or max(beam.highest_id_in(options.path), beam_id)
-    table = _loaded(beam.load(options.path, options.layout, options.cali, options.kit, num_beam,
-                              validate=False, devtype=options.devtype))
+    table = _loaded(
+        beam.load(
+            options.path, options.layout, options.cali, options.kit, num_beam, validate=False, devtype=options.devtype
+        )
+    )
     ret = table.beam(RFMode[mode_name], beam_id)
     if ret.RetCode != RetCode.OK:
         raise ToolError("%s beam %d: %s %s" % (mode_name, beam_id, ret.RetCode.name, ret.RetMsg))
@@ -137,8 +146,14 @@ def _beam_title(table, mode_name, beam_id, entry, steered):
         what += " db %s, theta %s, phi %s" % (config.get("db"), config.get("theta"), config.get("phi"))
     description = entry.get("beam_description") or ""
     return "%s beam %d (%s)%s\n%s at %s GHz, kit %s" % (
-        mode_name, beam_id, what, " '%s'" % description if description else "",
-        table.sn, kinds.frequency_text(table.freq), table.kit_name or "none")
+        mode_name,
+        beam_id,
+        what,
+        " '%s'" % description if description else "",
+        table.sn,
+        kinds.frequency_text(table.freq),
+        table.kit_name or "none",
+    )
 
 
 def _channels(entry, table):
@@ -149,8 +164,15 @@ def _channels(entry, table):
     for board_no, channel_no, channel in beam.ordered_channels(entry.get("channel_config")):
         common = as_number(unwrap(entry["channel_config"]["board_%d" % board_no].get("common_db"))) or 0.0
         gain = as_number(unwrap(channel.get("db")))
-        found.append((board_no, channel_no, channel.get("sw"), None if gain is None else gain + common,
-                      as_number(channel.get("deg"))))
+        found.append(
+            (
+                board_no,
+                channel_no,
+                channel.get("sw"),
+                None if gain is None else gain + common,
+                as_number(channel.get("deg")),
+            )
+        )
     return found
 
 
@@ -163,14 +185,25 @@ def _channel_map(figure, ax, channels, layout, which):
         grid[board_no - 1][channel_no - 1] = math.nan if sw != 0 or value is None else value
     cmap = "viridis" if which == "gain" else "twilight"
     limits = {} if which == "gain" else {"vmin": 0, "vmax": 360}
-    image = ax.imshow([[v % 360 if which == "phase" and not math.isnan(v) else v for v in row] for row in grid],
-                      cmap=cmap, aspect="auto", **limits)
+    image = ax.imshow(
+        [[v % 360 if which == "phase" and not math.isnan(v) else v for v in row] for row in grid],
+        cmap=cmap,
+        aspect="auto",
+        **limits,
+    )
     for board_no, channel_no, sw, gain, phase in channels:
         value = gain if which == "gain" else phase
         text = "off" if sw != 0 else ("?" if value is None else "%g" % value)
         # A light box keeps the value readable on any colour of the map.
-        ax.text(channel_no - 1, board_no - 1, text, ha="center", va="center", fontsize="small",
-                bbox={"boxstyle": "round,pad=0.15", "facecolor": "white", "alpha": 0.7, "linewidth": 0})
+        ax.text(
+            channel_no - 1,
+            board_no - 1,
+            text,
+            ha="center",
+            va="center",
+            fontsize="small",
+            bbox={"boxstyle": "round,pad=0.15", "facecolor": "white", "alpha": 0.7, "linewidth": 0},
+        )
     ax.set_xticks(range(per_board), ["ch%d" % (i + 1) for i in range(per_board)])
     ax.set_yticks(range(boards), ["board_%d" % (i + 1) for i in range(boards)])
     ax.set_title("channel gain, common + element (dB)" if which == "gain" else "channel phase (deg)")
@@ -200,8 +233,10 @@ def _pattern_inputs(entry, channels, kit_record, table, mode, options):
         amplitude = float(unwrap(config.get("db")) or 0.0)
         weights = [pattern.excitation(0, amplitude, p + o) for p, o in zip(phases, offsets)]
     else:
-        weights = [pattern.excitation(sw, gain or 0.0, (phase or 0.0) + o)
-                   for (_, _, sw, gain, phase), o in zip(channels, offsets)]
+        weights = [
+            pattern.excitation(sw, gain or 0.0, (phase or 0.0) + o)
+            for (_, _, sw, gain, phase), o in zip(channels, offsets)
+        ]
         theta, phi = _peak_direction(weights, points, table.freq)
     return PatternInputs(weights, points, table.freq, theta, phi, shape)
 
@@ -209,7 +244,7 @@ def _pattern_inputs(entry, channels, kit_record, table, mode, options):
 def _offsets(kit_record, mode, count, step):
     """The kit's phase offsets of the mode in degrees (added to each channel's phase)."""
     values = kit_record.get("OFFSET_" + mode.name)
-    if isinstance(values, dict):              # per polarization: the first one
+    if isinstance(values, dict):  # per polarization: the first one
         values = next(iter(values.values()), [])
     values = list(values or [])[:count]
     return [v * step for v in values] + [0.0] * (count - len(values))
@@ -231,8 +266,9 @@ def _pattern_panel(ax, drawing, cut, kit_record):
     angles = [-90 + CUT_STEP_DEG * i for i in range(int(180 / CUT_STEP_DEG) + 1)]
     fixed = drawing.phi if cut == "horizontal" else drawing.theta
     steered_to = drawing.theta if cut == "horizontal" else drawing.phi
-    values = pattern.to_db(pattern.array_factor(drawing.weights, drawing.points, drawing.freq, angles, cut, fixed),
-                           FLOOR_DB)
+    values = pattern.to_db(
+        pattern.array_factor(drawing.weights, drawing.points, drawing.freq, angles, cut, fixed), FLOOR_DB
+    )
     ax.plot(angles, values, color="tab:blue")
     field = "STEERING_H" if cut == "horizontal" else "STEERING_V"
     low, high = kit_record.get(field) or [-90, 90]
@@ -243,8 +279,9 @@ def _pattern_panel(ax, drawing, cut, kit_record):
     ax.axvline(steered_to, color="tab:red", linestyle=":", label="beam direction %g deg" % steered_to)
     name = "theta (horizontal)" if cut == "horizontal" else "phi (vertical)"
     other = "phi" if cut == "horizontal" else "theta"
-    ax.set_title("array factor, %s cut at %s = %g deg (%dx%d grid)" % (cut, other, fixed, *drawing.grid),
-                 fontsize="medium")
+    ax.set_title(
+        "array factor, %s cut at %s = %g deg (%dx%d grid)" % (cut, other, fixed, *drawing.grid), fontsize="medium"
+    )
     ax.set_xlabel("%s, deg" % name)
     ax.set_ylabel("relative gain, dB")
     ax.set_xlim(-90, 90)

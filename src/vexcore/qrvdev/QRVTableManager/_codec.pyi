@@ -1,4 +1,5 @@
 """Internal: the native codecs, exposed for tests and benchmarks. Not part of the public API."""
+
 import os
 from typing import Any, Iterable, List, Tuple, Union
 
