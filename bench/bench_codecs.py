@@ -10,6 +10,7 @@ Each pair is also checked to give equal results, so a fast wrong answer cannot p
 
 run(quick=False) returns the results as a list of dicts (used by bench/run.py).
 """
+
 import argparse
 import csv
 import gc
@@ -71,8 +72,9 @@ def python_csv_numbers(path, int_columns):
         for row in csv.reader(f):
             if not row:
                 continue
-            rows.append([row[0]] + [int(cell) if i in int_columns else float(cell)
-                                    for i, cell in enumerate(row[1:], 1)])
+            rows.append(
+                [row[0]] + [int(cell) if i in int_columns else float(cell) for i, cell in enumerate(row[1:], 1)]
+            )
     return rows
 
 
@@ -96,8 +98,14 @@ def measure(name, native, standard, repeat, data_label):
             times[label].append(time.perf_counter() - start)
             del result
     native_s, standard_s = statistics.median(times["native"]), statistics.median(times["standard"])
-    return {"name": name, "data": data_label, "repeat": repeat,
-            "native_s": native_s, "standard_s": standard_s, "speedup": standard_s / native_s}
+    return {
+        "name": name,
+        "data": data_label,
+        "repeat": repeat,
+        "native_s": native_s,
+        "standard_s": standard_s,
+        "speedup": standard_s / native_s,
+    }
 
 
 def run(quick=False):
@@ -105,25 +113,48 @@ def run(quick=False):
     table = make_beam_table(size["boards"], size["channels"], size["beams"])
     text = json.dumps(table, ensure_ascii=False, indent=2)
     beam_label = "beam table %d boards x %d channels x %d beams per mode (%.1f MB JSON)" % (
-        size["boards"], size["channels"], size["beams"], len(text.encode()) / 1e6)
+        size["boards"],
+        size["channels"],
+        size["beams"],
+        len(text.encode()) / 1e6,
+    )
     results = [
-        measure("json_encode_indent2", lambda: _codec.json_dumps(table, 2),
-                lambda: json.dumps(table, ensure_ascii=False, indent=2), size["repeat"], beam_label),
+        measure(
+            "json_encode_indent2",
+            lambda: _codec.json_dumps(table, 2),
+            lambda: json.dumps(table, ensure_ascii=False, indent=2),
+            size["repeat"],
+            beam_label,
+        )
     ]
-    del table
+    table = None  # frees the table before the decoding measurements
     with tempfile.TemporaryDirectory() as folder:
         # A beam table is loaded from its file: read, decode, build the objects.
         beam_path = os.path.join(folder, "Beam_Configuration_bench.json")
         with open(beam_path, "w", encoding="utf-8") as f:
             f.write(text)
         del text
-        results.append(measure("json_decode_file", lambda: _codec.json_load_file(beam_path),
-                               lambda: python_json_load(beam_path), size["repeat"], beam_label))
+        results.append(
+            measure(
+                "json_decode_file",
+                lambda: _codec.json_load_file(beam_path),
+                lambda: python_json_load(beam_path),
+                size["repeat"],
+                beam_label,
+            )
+        )
         path = os.path.join(folder, "K5350R019-28_28GHz.csv")
         write_calibration_csv(path, size["cali_rows"])
         cali_label = "calibration-like CSV, %d rows (%.1f MB)" % (size["cali_rows"], os.path.getsize(path) / 1e6)
-        results.append(measure("csv_rows_numbers", lambda: _codec.csv_file_numbers(path, CALI_INT_COLUMNS),
-                               lambda: python_csv_numbers(path, CALI_INT_COLUMNS), size["repeat"], cali_label))
+        results.append(
+            measure(
+                "csv_rows_numbers",
+                lambda: _codec.csv_file_numbers(path, CALI_INT_COLUMNS),
+                lambda: python_csv_numbers(path, CALI_INT_COLUMNS),
+                size["repeat"],
+                cali_label,
+            )
+        )
     return results
 
 
@@ -134,8 +165,10 @@ def main(argv=None):
     args = parser.parse_args(argv)
     results = run(quick=args.quick)
     for r in results:
-        print("%-22s native %8.3f s  standard %8.3f s  speed-up x%.1f  (%s, median of %d)" % (
-            r["name"], r["native_s"], r["standard_s"], r["speedup"], r["data"], r["repeat"]))
+        print(
+            "%-22s native %8.3f s  standard %8.3f s  speed-up x%.1f  (%s, median of %d)"
+            % (r["name"], r["native_s"], r["standard_s"], r["speedup"], r["data"], r["repeat"])
+        )
     if args.json:
         with open(args.json, "w", encoding="utf-8") as f:
             json.dump(results, f, indent=2)

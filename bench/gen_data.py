@@ -11,6 +11,7 @@ same bytes.
 
 Usage: python bench/gen_data.py OUTDIR [--size small|large] [--seed N]
 """
+
 import argparse
 import json
 import random
@@ -30,15 +31,15 @@ class Size:
     name: str
     boards: int
     ics: int
-    channels: int            # per IC
-    beams: int               # beam ids per mode
-    unset_every: int         # every n-th beam id is left unset (read back as a default beam)
-    steered_every: int       # every n-th stored beam is a steered beam, the others channel beams
+    channels: int  # per IC
+    beams: int  # beam ids per mode
+    unset_every: int  # every n-th beam id is left unset (read back as a default beam)
+    steered_every: int  # every n-th stored beam is a steered beam, the others channel beams
     kits: int
-    arms: int                # common-arm steps per chip in the DATA section
-    gain_steps: int          # element gain steps per arm and mode in the DATA section
-    phase_steps: int         # phase steps per gain step in the DATA section
-    com_steps: int           # COMSTEPDR rows per board
+    arms: int  # common-arm steps per chip in the DATA section
+    gain_steps: int  # element gain steps per arm and mode in the DATA section
+    phase_steps: int  # phase steps per gain step in the DATA section
+    com_steps: int  # COMSTEPDR rows per board
 
     @property
     def data_rows(self):
@@ -59,16 +60,22 @@ SIZES = {
     "large": Size("large", 64, 4, 4, 1024, 64, 4, 200, 3, 8, 8, 8),
 }
 
-GAIN_STEPS = [x / 2 for x in range(-8, 24)]          # element gains, 0.5 dB steps
+GAIN_STEPS = [x / 2 for x in range(-8, 24)]  # element gains, 0.5 dB steps
 PHASE_STEPS = [round(x * 5.625, 3) for x in range(64)]  # 6-bit phase shifter, degrees
 
 
 # ------------------------------------------------------------ calibration ---
 
+
 def calibration_rows(size, rnd, serial=SERIAL, freq=FREQ):
     """Rows of a complete calibration CSV (lists of cell texts), END included."""
-    rows = [["VER", "2.1.0"], ["REALVER", "2.1.0-7"], ["SN", serial], ["FCENTER", str(freq)],
-            ["DR", "-10.5", "5.0", "-12.0", "6.5"]]
+    rows = [
+        ["VER", "2.1.0"],
+        ["REALVER", "2.1.0-7"],
+        ["SN", serial],
+        ["FCENTER", str(freq)],
+        ["DR", "-10.5", "5.0", "-12.0", "6.5"],
+    ]
     for mode in ("TX", "RX"):
         rows.append(["OFFSET_" + mode] + [str(rnd.randint(-8, 8)) for _ in range(size.total_channels)])
     rows += _temperature_rows(size, rnd)
@@ -134,6 +141,7 @@ def header_only_calibration(serial, freq):
 
 # ------------------------------------------------------------------- kits ---
 
+
 def kit_names(size):
     """Official kits and, every fourth, a custom kit whose name already carries a valid stamp."""
     names = []
@@ -148,12 +156,21 @@ def kit_names(size):
 def kit_rows(name, kit_type, size, rnd):
     def offsets():
         return [str(rnd.randint(0, 63)) for _ in range(size.total_channels)]
-    return [["AAKIT_NAME", name], ["DEV_TYPE", str(DEV_TYPE)], ["TYPE", str(kit_type)],
-            ["SPACING", "5.0", "5.0"], ["STEERING_H", "-45.0", "45.0"], ["STEERING_V", "-30.0", "30.0"],
-            ["OFFSET_TX"] + offsets(), ["OFFSET_RX"] + offsets()]
+
+    return [
+        ["AAKIT_NAME", name],
+        ["DEV_TYPE", str(DEV_TYPE)],
+        ["TYPE", str(kit_type)],
+        ["SPACING", "5.0", "5.0"],
+        ["STEERING_H", "-45.0", "45.0"],
+        ["STEERING_V", "-30.0", "30.0"],
+        ["OFFSET_TX"] + offsets(),
+        ["OFFSET_RX"] + offsets(),
+    ]
 
 
 # ------------------------------------------------------------------ beams ---
+
 
 def beam_limits(size, rnd):
     """Gain limits the driver hands the beam manager: DR per mode name; COMDR and ELEDR per
@@ -216,8 +233,9 @@ def write_current_table(path, size, rnd, limits, kit_name):
     with open(path, "w", encoding="utf-8") as f:
         out = JsonText(f)
         out.open_object(0)
-        for i, (key, value) in enumerate([("VERSION", "v2.0.0"), ("SN", SERIAL), ("DEV_TYPE", DEV_TYPE),
-                                           ("FREQ", FREQ), ("AAKIT_NAME", kit_name)]):
+        for i, (key, value) in enumerate(
+            [("VERSION", "v2.0.0"), ("SN", SERIAL), ("DEV_TYPE", DEV_TYPE), ("FREQ", FREQ), ("AAKIT_NAME", kit_name)]
+        ):
             if i:
                 out.comma()
             out.member(1, key, value)
@@ -266,8 +284,11 @@ def _write_channel_config(out, size, rnd):
         out.member(5, "common_db", rnd.choice([6.0, 6.5, 7.0, 7.5]))
         for ch in range(1, size.channels + 1):
             out.comma()
-            out.raw(5, "channel_%d" % ch, _channel_text(5, rnd.randint(0, 1) ^ 1, rnd.choice(GAIN_STEPS[:28]),
-                                                         rnd.choice(PHASE_STEPS)))
+            out.raw(
+                5,
+                "channel_%d" % ch,
+                _channel_text(5, rnd.randint(0, 1) ^ 1, rnd.choice(GAIN_STEPS[:28]), rnd.choice(PHASE_STEPS)),
+            )
         out.close_object(4)
     out.close_object(3)
 
@@ -293,9 +314,15 @@ def _write_old_beam(out, beam_id, size, rnd):
     out.open_object(2)
     steered = is_steered(beam_id, size)
     db, theta, phi = rnd.choice(GAIN_STEPS), rnd.randint(-45, 45), rnd.randint(-30, 30)
-    for key, value in (("beamId", beam_id), ("beam_type", 0 if steered else 1),
-                       ("beam_description", "old beam %d" % beam_id), ("db", db), ("theta", theta), ("phi", phi),
-                       ("channel_switch", 1)):
+    for key, value in (
+        ("beamId", beam_id),
+        ("beam_type", 0 if steered else 1),
+        ("beam_description", "old beam %d" % beam_id),
+        ("db", db),
+        ("theta", theta),
+        ("phi", phi),
+        ("channel_switch", 1),
+    ):
         if key != "beamId":
             out.comma()
         out.member(3, key, value)
@@ -319,13 +346,27 @@ def _write_old_channel_list(out, size, rnd):
     for ch in range(1, size.total_channels + 1):
         if ch > 1:
             out.comma()
-        out.f.write("\n" + "  " * 4 + "{" + pad + '"channel": %d,' % ch + pad + '"sw": %d,' % rnd.randint(0, 1)
-                    + pad + '"db": %r,' % rnd.choice(GAIN_STEPS) + pad + '"deg": %r' % rnd.choice(PHASE_STEPS)
-                    + "\n" + "  " * 4 + "}")
+        out.f.write(
+            "\n"
+            + "  " * 4
+            + "{"
+            + pad
+            + '"channel": %d,' % ch
+            + pad
+            + '"sw": %d,' % rnd.randint(0, 1)
+            + pad
+            + '"db": %r,' % rnd.choice(GAIN_STEPS)
+            + pad
+            + '"deg": %r' % rnd.choice(PHASE_STEPS)
+            + "\n"
+            + "  " * 4
+            + "}"
+        )
     out.close_list(3)
 
 
 # --------------------------------------------------------------- the set ---
+
 
 def beam_file_name(kit_name):
     suffix = "_" + kit_name if kit_name else ""
@@ -363,9 +404,17 @@ def generate(out_dir, size_name="small", seed=SEED):
 def _manifest(size, seed, cali_name, kit_name, kits, limits):
     ids = stored_beam_ids(size)
     return {
-        "size": asdict(size), "data_rows": size.data_rows, "seed": seed, "sn": SERIAL, "freq": FREQ, "devtype": DEV_TYPE,
-        "layout": [size.boards, size.ics, size.channels], "num_beam": size.beams,
-        "calibration_file": cali_name, "kit_name": kit_name, "kits": kits,
+        "size": asdict(size),
+        "data_rows": size.data_rows,
+        "seed": seed,
+        "sn": SERIAL,
+        "freq": FREQ,
+        "devtype": DEV_TYPE,
+        "layout": [size.boards, size.ics, size.channels],
+        "num_beam": size.beams,
+        "calibration_file": cali_name,
+        "kit_name": kit_name,
+        "kits": kits,
         "beam_file": "BeamTable/" + beam_file_name(kit_name),
         "old_beam_source": "old_format/" + beam_file_name(""),
         "old_beam_target": "BeamTable/" + beam_file_name(""),

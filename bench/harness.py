@@ -6,6 +6,7 @@ a burst of load from other processes on the machine hits all of them alike, and 
 median of each side is reported. A side whose module part does not exist yet is reported
 as "not available", never dropped.
 """
+
 import contextlib
 import gc
 import hashlib
@@ -20,7 +21,7 @@ from typing import Any, Callable, Optional
 MODULE, PYTHON, STDLIB = "module", "python", "stdlib"
 SIDE_ORDER = (MODULE, PYTHON, STDLIB)
 
-HEAVY_CALL_S = 5.0       # calls slower than this get fewer repetitions
+HEAVY_CALL_S = 5.0  # calls slower than this get fewer repetitions
 HEAVY_REPS = 3
 MAX_CALLS_PER_SAMPLE = 100_000
 
@@ -35,13 +36,13 @@ class CallFailed(Exception):
 
 @dataclass
 class Side:
-    kind: str                                   # MODULE, PYTHON or STDLIB
-    setup: Callable[[], Any]                    # untimed; returns the context handed to every call
-    call: Callable[[Any], Any]                  # the timed work
-    label: str = ""                             # what the side runs, e.g. "json.load"
-    reset: Optional[Callable[[Any], None]] = None   # untimed, before every call that needs fresh state
+    kind: str  # MODULE, PYTHON or STDLIB
+    setup: Callable[[], Any]  # untimed; returns the context handed to every call
+    call: Callable[[Any], Any]  # the timed work
+    label: str = ""  # what the side runs, e.g. "json.load"
+    reset: Optional[Callable[[Any], None]] = None  # untimed, before every call that needs fresh state
     outcome: Optional[Callable[[Any, Any], Any]] = None  # (context, call result) -> what must match across sides
-    requires: tuple = ()                        # ("Class", "method") pairs the module must define
+    requires: tuple = ()  # ("Class", "method") pairs the module must define
 
 
 @dataclass
@@ -50,8 +51,8 @@ class Operation:
     title: str
     dataset: str
     sides: list
-    memory: bool = False                        # also measure peak memory in a fresh process
-    target: Optional[dict] = None               # {"against": PYTHON or STDLIB, "at_least": x} on large data
+    memory: bool = False  # also measure peak memory in a fresh process
+    target: Optional[dict] = None  # {"against": PYTHON or STDLIB, "at_least": x} on large data
     note: str = ""
     results: dict = field(default_factory=dict)
 
@@ -75,6 +76,7 @@ def digest(value):
 
 
 # ------------------------------------------------------------- measuring ---
+
 
 def measure(op, module, reps, min_sample_s):
     """Fills op.results: per side a status and, when it ran, its samples and median."""
@@ -193,6 +195,7 @@ def _describe(error):
 
 
 # --------------------------------------------------------------- summary ---
+
 
 def ratio(op, against):
     """How many times faster the module is than `against` (median over median), or None."""

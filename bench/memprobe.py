@@ -11,6 +11,7 @@ Where the high-water mark cannot be reset, the child falls back to ru_maxrss, wh
 only right when the call is the process's biggest moment; the result says which method
 was used.
 """
+
 import gc
 import json
 import resource
@@ -19,10 +20,10 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
-
 from harness import failure_status, missing_names  # noqa: E402
 from operations import Workspace, build_operations  # noqa: E402
+
+import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
 
 KIB = 1024
 

@@ -4,6 +4,7 @@ where one exists, the standard-library primitive underneath it.
 Every side works in its own copy of the files directory (see Workspace), so a side that
 writes a table never changes what another side reads.
 """
+
 import csv
 import glob
 import json
@@ -12,9 +13,6 @@ import shutil
 from dataclasses import dataclass
 from pathlib import Path
 
-from vexcore.QRVPublic import BeamType, RetCode, RFMode
-from vexcore.QRVUtils import RetType
-
 import gen_data
 from baseline import aakit as py_aakit
 from baseline import beam as py_beam
@@ -22,10 +20,14 @@ from baseline import calibration as py_calibration
 from baseline import ud as py_ud
 from harness import MODULE, PYTHON, STDLIB, CallFailed, Operation, Side
 
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
+from vexcore.QRVUtils import RetType
+
 GAIN_CEILING_DB = 31.5
 
 
 # ------------------------------------------------------------- workspace ---
+
 
 class Workspace:
     """One generated data set and a private copy of its files directory per side."""
@@ -90,9 +92,11 @@ def use_files_dir(path):
 
 # ---------------------------------------------------------- the two peers ---
 
+
 @dataclass
 class Flavour:
     """One implementation of the managers: the C++ module or the pure-Python peer."""
+
     kind: str
     calibration: object
     aakit: object
@@ -108,13 +112,26 @@ class Flavour:
 
 def flavours(module):
     def native(name):
-        return getattr(module, name, None)     # a missing class is reported through Flavour.needs
-    module_side = Flavour(MODULE, native("CalibrationTableManager"), native("AAKitTableManager"),
-                          native("BeamPatternTableManager"), native("UDDeltaFreqTableManager"),
-                          native("BTModeFilter"), native("BTSetOption"))
-    python_side = Flavour(PYTHON, py_calibration.CalibrationTableManager, py_aakit.AAKitTableManager,
-                          py_beam.BeamPatternTableManager, py_ud.UDDeltaFreqTableManager,
-                          py_beam.BTModeFilter, py_beam.BTSetOption)
+        return getattr(module, name, None)  # a missing class is reported through Flavour.needs
+
+    module_side = Flavour(
+        MODULE,
+        native("CalibrationTableManager"),
+        native("AAKitTableManager"),
+        native("BeamPatternTableManager"),
+        native("UDDeltaFreqTableManager"),
+        native("BTModeFilter"),
+        native("BTSetOption"),
+    )
+    python_side = Flavour(
+        PYTHON,
+        py_calibration.CalibrationTableManager,
+        py_aakit.AAKitTableManager,
+        py_beam.BeamPatternTableManager,
+        py_ud.UDDeltaFreqTableManager,
+        py_beam.BTModeFilter,
+        py_beam.BTSetOption,
+    )
     return module_side, python_side
 
 
@@ -157,8 +174,13 @@ def parsed_calibration(flavour, ws):
 
 
 def cali_parse(ws, fl):
-    return Side(fl.kind, lambda: calibration_manager(fl, ws), lambda m: ok(m.parse()),
-                outcome=lambda m, _: m._CaliTable, requires=fl.needs((CALI, "__init__"), (CALI, "parse")))
+    return Side(
+        fl.kind,
+        lambda: calibration_manager(fl, ws),
+        lambda m: ok(m.parse()),
+        outcome=lambda m, _: m._CaliTable,
+        requires=fl.needs((CALI, "__init__"), (CALI, "parse")),
+    )
 
 
 def csv_tokenise(path):
@@ -176,22 +198,40 @@ def cali_dr(ws, fl):
     def call(m):
         ok(m.getDR(RFMode.TX))
         return ok(m.getDR())
-    return Side(fl.kind, lambda: parsed_calibration(fl, ws), call, outcome=lambda m, r: r.RetData,
-                requires=fl.needs((CALI, "parse"), (CALI, "getDR")))
+
+    return Side(
+        fl.kind,
+        lambda: parsed_calibration(fl, ws),
+        call,
+        outcome=lambda m, r: r.RetData,
+        requires=fl.needs((CALI, "parse"), (CALI, "getDR")),
+    )
 
 
 def cali_arm_ranges(ws, fl):
     """COMDR and ELEDR as after a frequency change: the cache is dropped before each pair."""
+
     def call(m):
         setattr(m, mangled(CALI, "allXXXDR"), None)
         return ok(m.getCOMDR()).RetData, ok(m.getELEDR()).RetData
-    return Side(fl.kind, lambda: parsed_calibration(fl, ws), call, outcome=lambda m, r: r,
-                requires=fl.needs((CALI, "parse"), (CALI, "getCOMDR"), (CALI, "getELEDR")))
+
+    return Side(
+        fl.kind,
+        lambda: parsed_calibration(fl, ws),
+        call,
+        outcome=lambda m, r: r,
+        requires=fl.needs((CALI, "parse"), (CALI, "getCOMDR"), (CALI, "getELEDR")),
+    )
 
 
 def cali_tc(ws, fl):
-    return Side(fl.kind, lambda: parsed_calibration(fl, ws), lambda m: m._getTC(), outcome=lambda m, r: r,
-                requires=fl.needs((CALI, "parse"), (CALI, "_getTC")))
+    return Side(
+        fl.kind,
+        lambda: parsed_calibration(fl, ws),
+        lambda m: m._getTC(),
+        outcome=lambda m, r: r,
+        requires=fl.needs((CALI, "parse"), (CALI, "_getTC")),
+    )
 
 
 # ------------------------------------------------------------------ kits ---
@@ -206,8 +246,13 @@ def kit_manager(flavour, ws):
 
 
 def kit_parse(ws, fl):
-    return Side(fl.kind, lambda: kit_manager(fl, ws), lambda m: ok(m.parse()),
-                outcome=lambda m, _: m._AAKitTable, requires=fl.needs((KIT, "__init__"), (KIT, "parse")))
+    return Side(
+        fl.kind,
+        lambda: kit_manager(fl, ws),
+        lambda m: ok(m.parse()),
+        outcome=lambda m, _: m._AAKitTable,
+        requires=fl.needs((KIT, "__init__"), (KIT, "parse")),
+    )
 
 
 def kit_files_tokenise(folder):
@@ -241,8 +286,13 @@ def loaded_beams(flavour, ws):
 
 def beam_load(ws, fl):
     call = lambda m: ok(m._load(ws.manifest["freq"], ws.manifest["kit_name"]))  # noqa: E731
-    return Side(fl.kind, lambda: beam_manager(fl, ws), call, outcome=lambda m, _: m._BeamTable,
-                requires=fl.needs((BEAM, "__init__"), (BEAM, "_updateFreq"), (BEAM, "_load")))
+    return Side(
+        fl.kind,
+        lambda: beam_manager(fl, ws),
+        call,
+        outcome=lambda m, _: m._BeamTable,
+        requires=fl.needs((BEAM, "__init__"), (BEAM, "_updateFreq"), (BEAM, "_load")),
+    )
 
 
 def json_load(path):
@@ -262,9 +312,14 @@ def restore_old_table(ws, kind):
 
 def beam_load_old(ws, fl):
     """An old-format table converted and saved back; no kit, so every channel beam is converted."""
-    return Side(fl.kind, lambda: beam_manager(fl, ws), lambda m: ok(m._load(ws.manifest["freq"], "")),
-                reset=lambda m: restore_old_table(ws, fl.kind), outcome=lambda m, _: m._BeamTable,
-                requires=fl.needs((BEAM, "__init__"), (BEAM, "_updateFreq"), (BEAM, "_load")))
+    return Side(
+        fl.kind,
+        lambda: beam_manager(fl, ws),
+        lambda m: ok(m._load(ws.manifest["freq"], "")),
+        reset=lambda m: restore_old_table(ws, fl.kind),
+        outcome=lambda m, _: m._BeamTable,
+        requires=fl.needs((BEAM, "__init__"), (BEAM, "_updateFreq"), (BEAM, "_load")),
+    )
 
 
 def saved_bytes(ws, kind, name):
@@ -272,9 +327,13 @@ def saved_bytes(ws, kind, name):
 
 
 def beam_save(ws, fl):
-    return Side(fl.kind, lambda: loaded_beams(fl, ws), lambda m: ok(m._saveToBeamTableFile()),
-                outcome=lambda m, _: saved_bytes(ws, fl.kind, ws.manifest["beam_file"]),
-                requires=fl.needs((BEAM, "_load"), (BEAM, "_saveToBeamTableFile")))
+    return Side(
+        fl.kind,
+        lambda: loaded_beams(fl, ws),
+        lambda m: ok(m._saveToBeamTableFile()),
+        outcome=lambda m, _: saved_bytes(ws, fl.kind, ws.manifest["beam_file"]),
+        requires=fl.needs((BEAM, "_load"), (BEAM, "_saveToBeamTableFile")),
+    )
 
 
 def json_dump(context):
@@ -285,27 +344,44 @@ def json_dump(context):
 
 def beam_save_stdlib(ws):
     path = ws.files_dir(STDLIB) / ws.manifest["beam_file"]
-    return Side(STDLIB, lambda: (json_load(path), path), json_dump, label="json.dump(ensure_ascii=False, indent=2)",
-                outcome=lambda c, _: c[1].read_bytes())
+    return Side(
+        STDLIB,
+        lambda: (json_load(path), path),
+        json_dump,
+        label="json.dump(ensure_ascii=False, indent=2)",
+        outcome=lambda c, _: c[1].read_bytes(),
+    )
 
 
 def get_unset(ws, fl):
     call = lambda m: ok(m.getBeamPattern(RFMode.TX, ws.manifest["unset_beam_id"]))  # noqa: E731
-    return Side(fl.kind, lambda: loaded_beams(fl, ws), call, outcome=lambda m, r: r.RetData,
-                requires=fl.needs((BEAM, "_load"), (BEAM, "getBeamPattern")))
+    return Side(
+        fl.kind,
+        lambda: loaded_beams(fl, ws),
+        call,
+        outcome=lambda m, r: r.RetData,
+        requires=fl.needs((BEAM, "_load"), (BEAM, "getBeamPattern")),
+    )
 
 
 def set_channel(ws, fl):
     """A partial channel configuration (one channel of the second board), not saved."""
+
     def setup():
         return loaded_beams(fl, ws), {"board_2": {"channel_3": {"sw": 0, "db": 1.5, "deg": 90.0}}}
 
     def call(context):
         manager, config = context
         return ok(manager.setBeamPattern(RFMode.TX, beam_id, BeamType.CHANNEL, config, save=False))
+
     beam_id = ws.manifest["channel_beam_id"]
-    return Side(fl.kind, setup, call, outcome=lambda c, _: c[0]._BeamTable["TX"][str(beam_id)],
-                requires=fl.needs((BEAM, "_load"), (BEAM, "setBeamPattern")))
+    return Side(
+        fl.kind,
+        setup,
+        call,
+        outcome=lambda c, _: c[0]._BeamTable["TX"][str(beam_id)],
+        requires=fl.needs((BEAM, "_load"), (BEAM, "setBeamPattern")),
+    )
 
 
 def set_steered(ws, fl):
@@ -315,14 +391,25 @@ def set_steered(ws, fl):
     def call(context):
         manager, config = context
         return ok(manager.setBeamPattern(RFMode.TX, beam_id, BeamType.BEAM, config, "tracking", save=False))
+
     beam_id = ws.manifest["steered_beam_id"]
-    return Side(fl.kind, setup, call, outcome=lambda c, _: c[0]._BeamTable["TX"][str(beam_id)],
-                requires=fl.needs((BEAM, "_load"), (BEAM, "setBeamPattern")))
+    return Side(
+        fl.kind,
+        setup,
+        call,
+        outcome=lambda c, _: c[0]._BeamTable["TX"][str(beam_id)],
+        requires=fl.needs((BEAM, "_load"), (BEAM, "setBeamPattern")),
+    )
 
 
 def batch_get(ws, fl):
-    return Side(fl.kind, lambda: loaded_beams(fl, ws), lambda m: ok(m._getBatchBeamPattern(fl.mode_filter.ALL)),
-                outcome=lambda m, r: r.RetData, requires=fl.needs((BEAM, "_load"), (BEAM, "_getBatchBeamPattern")))
+    return Side(
+        fl.kind,
+        lambda: loaded_beams(fl, ws),
+        lambda m: ok(m._getBatchBeamPattern(fl.mode_filter.ALL)),
+        outcome=lambda m, r: r.RetData,
+        requires=fl.needs((BEAM, "_load"), (BEAM, "_getBatchBeamPattern")),
+    )
 
 
 def imported_batch(fl, ws):
@@ -335,20 +422,32 @@ def batch_save_replace(ws, fl):
     def call(context):
         manager, batch = context
         return ok(manager._setBatchBeamPattern(batch, fl.set_option.UI_SAVE_REPLACE))
-    return Side(fl.kind, lambda: imported_batch(fl, ws), call,
-                outcome=lambda c, _: saved_bytes(ws, fl.kind, ws.manifest["beam_file"]),
-                requires=fl.needs((BEAM, "_load"), (BEAM, "_setBatchBeamPattern")))
+
+    return Side(
+        fl.kind,
+        lambda: imported_batch(fl, ws),
+        call,
+        outcome=lambda c, _: saved_bytes(ws, fl.kind, ws.manifest["beam_file"]),
+        requires=fl.needs((BEAM, "_load"), (BEAM, "_setBatchBeamPattern")),
+    )
 
 
 def batch_validate(ws, fl):
     def call(context):
         manager, batch = context
         return ok(manager._setBatchBeamPattern(batch, fl.set_option.VALIDATE))
-    return Side(fl.kind, lambda: imported_batch(fl, ws), call, outcome=lambda c, r: r.RetData,
-                requires=fl.needs((BEAM, "_load"), (BEAM, "_setBatchBeamPattern")))
+
+    return Side(
+        fl.kind,
+        lambda: imported_batch(fl, ws),
+        call,
+        outcome=lambda c, r: r.RetData,
+        requires=fl.needs((BEAM, "_load"), (BEAM, "_setBatchBeamPattern")),
+    )
 
 
 # ----------------------------------------------------------- device open ---
+
 
 def open_device(fl, ws):
     """What a driver does when a device opens: calibration, kits, beams, UD delta, in that order."""
@@ -369,18 +468,32 @@ def open_device(fl, ws):
     return cali._CaliTable, list(kits._AAKitTable), beams._BeamTable, ud.getUDDeltaFreq().RetData
 
 
-DEVICE_NEEDS = ((CALI, "__init__"), (CALI, "parse"), (CALI, "getDR"), (CALI, "getCOMDR"), (CALI, "getELEDR"),
-                (KIT, "__init__"), (KIT, "getAAKitList"), (KIT, "_selectAAKit"),
-                (BEAM, "__init__"), (BEAM, "_updateFreq"), (BEAM, "_updateAAKit"), (BEAM, "_load"),
-                ("UDDeltaFreqTableManager", "__init__"), ("UDDeltaFreqTableManager", "parse"))
+DEVICE_NEEDS = (
+    (CALI, "__init__"),
+    (CALI, "parse"),
+    (CALI, "getDR"),
+    (CALI, "getCOMDR"),
+    (CALI, "getELEDR"),
+    (KIT, "__init__"),
+    (KIT, "getAAKitList"),
+    (KIT, "_selectAAKit"),
+    (BEAM, "__init__"),
+    (BEAM, "_updateFreq"),
+    (BEAM, "_updateAAKit"),
+    (BEAM, "_load"),
+    ("UDDeltaFreqTableManager", "__init__"),
+    ("UDDeltaFreqTableManager", "parse"),
+)
 
 
 def device_open(ws, fl):
-    return Side(fl.kind, lambda: fl, lambda f: open_device(f, ws), outcome=lambda _, r: r,
-                requires=fl.needs(*DEVICE_NEEDS))
+    return Side(
+        fl.kind, lambda: fl, lambda f: open_device(f, ws), outcome=lambda _, r: r, requires=fl.needs(*DEVICE_NEEDS)
+    )
 
 
 # -------------------------------------------------------------- catalogue ---
+
 
 def _target(against, at_least):
     return {"against": against, "at_least": at_least}
@@ -400,8 +513,7 @@ CATALOGUE = [
     ("set_channel", "setBeamPattern channel, partial, no save", set_channel, None, False, None),
     ("set_steered", "setBeamPattern steered, no save", set_steered, None, False, None),
     ("batch_get", "_getBatchBeamPattern ALL", batch_get, None, False, None),
-    ("batch_save_replace", "_setBatchBeamPattern UI_SAVE_REPLACE", batch_save_replace, None, False,
-     _target(PYTHON, 5)),
+    ("batch_save_replace", "_setBatchBeamPattern UI_SAVE_REPLACE", batch_save_replace, None, False, _target(PYTHON, 5)),
     ("batch_validate", "_setBatchBeamPattern VALIDATE", batch_validate, None, False, None),
     ("device_open", "device open (all managers, driver order)", device_open, None, False, None),
 ]
@@ -414,6 +526,7 @@ def build_operations(ws, module, only=None):
         if only and key not in only:
             continue
         sides = [peers(ws, native), peers(ws, peer)] + ([stdlib(ws)] if stdlib else [])
-        operations.append(Operation(key, title, ws.name, sides, memory=memory,
-                                    target=target if ws.name == "large" else None))
+        operations.append(
+            Operation(key, title, ws.name, sides, memory=memory, target=target if ws.name == "large" else None)
+        )
     return operations

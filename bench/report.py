@@ -1,7 +1,15 @@
-"""Turns measured operations into the results JSON, a console table and a README table."""
+"""Turns measured operations into the results JSON, a console table and the results of
+the benchmark page (docs/benchmarks.md).
+
+python bench/report.py rewrites the page's results from bench/results/latest.json (and
+bench/results/scale.json, written by `python bench/scale.py --json`), so the figures on
+the page are always the measured ones."""
+
+import json
 import os
 import platform
 import sys
+from pathlib import Path
 
 from harness import MODULE, PYTHON, STDLIB, ratio, same_result, target_status
 
@@ -9,8 +17,13 @@ MIB = 1024 * 1024
 
 
 def machine():
-    return {"nproc": os.cpu_count(), "cpu_model": cpu_model(), "python": sys.version.split()[0],
-            "implementation": platform.python_implementation(), "system": platform.platform()}
+    return {
+        "nproc": os.cpu_count(),
+        "cpu_model": cpu_model(),
+        "python": sys.version.split()[0],
+        "implementation": platform.python_implementation(),
+        "system": platform.platform(),
+    }
 
 
 def cpu_model():
@@ -26,10 +39,17 @@ def cpu_model():
 
 # ------------------------------------------------------------------ JSON ---
 
+
 def operation_record(op):
-    record = {"key": op.key, "title": op.title, "dataset": op.dataset, "sides": op.results,
-              "speedup_vs_python": ratio(op, PYTHON), "speedup_vs_stdlib": ratio(op, STDLIB),
-              "same_result": same_result(op)}
+    record = {
+        "key": op.key,
+        "title": op.title,
+        "dataset": op.dataset,
+        "sides": op.results,
+        "speedup_vs_python": ratio(op, PYTHON),
+        "speedup_vs_stdlib": ratio(op, STDLIB),
+        "same_result": same_result(op),
+    }
     if op.target:
         record["target"] = dict(op.target, status=target_status(op))
     if getattr(op, "memory_results", None):
@@ -46,6 +66,7 @@ def memory_ratio(memory):
 
 
 # --------------------------------------------------------------- formats ---
+
 
 def duration(seconds):
     if seconds < 1e-6:
@@ -87,9 +108,17 @@ HEADERS = ["operation", "data", "module", "pure Python", "stdlib", "vs Python", 
 
 def rows(records):
     for r in records:
-        yield [r["title"], r["dataset"], side_cell(r, MODULE), side_cell(r, PYTHON), side_cell(r, STDLIB),
-               times(r["speedup_vs_python"]), times(r["speedup_vs_stdlib"]), same_cell(r["same_result"]),
-               target_cell(r)]
+        yield [
+            r["title"],
+            r["dataset"],
+            side_cell(r, MODULE),
+            side_cell(r, PYTHON),
+            side_cell(r, STDLIB),
+            times(r["speedup_vs_python"]),
+            times(r["speedup_vs_stdlib"]),
+            same_cell(r["same_result"]),
+            target_cell(r),
+        ]
 
 
 def memory_rows(records):
@@ -147,9 +176,12 @@ def reasons(records):
 
 def console(report):
     records = report["operations"]
-    parts = ["Machine: %(nproc)s CPUs, %(cpu_model)s, Python %(python)s" % report["machine"],
-             "Medians of %(reps)s interleaved samples; speed-up = other median / module median." % report["settings"],
-             "", text_table(HEADERS, rows(records))]
+    parts = [
+        "Machine: %(nproc)s CPUs, %(cpu_model)s, Python %(python)s" % report["machine"],
+        "Medians of %(reps)s interleaved samples; speed-up = other median / module median." % report["settings"],
+        "",
+        text_table(HEADERS, rows(records)),
+    ]
     memory = list(memory_rows(records))
     if memory:
         parts += ["", text_table(MEMORY_HEADERS, memory)]
@@ -164,8 +196,11 @@ def console(report):
 def markdown(report):
     records = report["operations"]
     m = report["machine"]
-    parts = ["Measured on %s CPUs (%s), Python %s, %s." % (m["nproc"], m["cpu_model"], m["python"], report["created"]),
-             "", markdown_table(HEADERS, rows(records))]
+    parts = [
+        "Measured on %s CPUs (%s), Python %s, %s." % (m["nproc"], m["cpu_model"], m["python"], report["created"]),
+        "",
+        markdown_table(HEADERS, rows(records)),
+    ]
     memory = list(memory_rows(records))
     if memory:
         parts += ["", markdown_table(MEMORY_HEADERS, memory)]
@@ -186,3 +221,58 @@ def codec_section(codecs, table):
     if codecs.get("status") == "ok":
         return table(CODEC_HEADERS, codec_rows(codecs))
     return "Codecs: %s (%s)" % (codecs.get("status", "not run"), codecs.get("reason", ""))
+
+
+# ------------------------------------------------------------ the docs page ---
+
+ROOT = Path(__file__).resolve().parent.parent
+RESULTS = ROOT / "bench" / "results"
+DOCS_PAGE = ROOT / "docs" / "benchmarks.md"
+BEGIN = "<!-- results: written by `python bench/report.py` from bench/results/; do not edit by hand -->"
+END = "<!-- end of results -->"
+
+
+def results_block(latest, scale=None):
+    """The results part of the benchmark page."""
+    parts = [BEGIN, "", headline(latest), "", "### Operations (`bench/run.py`)", "", markdown(latest)]
+    if scale:
+        from scale import report as scale_report
+
+        parts += [
+            "",
+            "### Growth with size and memory over many calls (`bench/scale.py`)",
+            "",
+            scale_report(scale["rows"], scale["memory"]),
+        ]
+    return "\n".join(parts + ["", END])
+
+
+def headline(latest):
+    """The one sentence on calibration parse speed, from the largest data set measured."""
+    parses = [r for r in latest["operations"] if r["key"] == "cali_parse" and r["speedup_vs_python"]]
+    if not parses:
+        return "Calibration parse: not measured."
+    r = parses[-1]
+    return (
+        "**Calibration parse** (%s data set): %s the pure-Python manager, %s `csv.reader` "
+        "without number conversion." % (r["dataset"], times(r["speedup_vs_python"]), times(r["speedup_vs_stdlib"]))
+    )
+
+
+def read_results(folder=RESULTS):
+    latest = json.loads((folder / "latest.json").read_text(encoding="utf-8"))
+    scale_file = folder / "scale.json"
+    scale = json.loads(scale_file.read_text(encoding="utf-8")) if scale_file.exists() else None
+    return latest, scale
+
+
+def update_docs_page(page=DOCS_PAGE, folder=RESULTS):
+    """Replaces the results between the page's markers with the current ones."""
+    text = page.read_text(encoding="utf-8")
+    start, end = text.index(BEGIN), text.index(END) + len(END)
+    page.write_text(text[:start] + results_block(*read_results(folder)) + text[end:], encoding="utf-8")
+
+
+if __name__ == "__main__":
+    update_docs_page()
+    print("updated %s" % DOCS_PAGE)

@@ -7,6 +7,7 @@ standard library, on generated data, side by side in one run.
 Prints a table of medians and speed-ups, writes the same as JSON (and a Markdown table
 beside it), and measures the peak memory of beam load and save in fresh processes.
 """
+
 import argparse
 import datetime
 import json
@@ -20,12 +21,12 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
-import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
-
 import gen_data  # noqa: E402
 import report  # noqa: E402
 from harness import SIDE_ORDER, measure  # noqa: E402
 from operations import CATALOGUE, Workspace, build_operations  # noqa: E402
+
+import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
 
 RESULTS = HERE / "results"
 
@@ -33,11 +34,16 @@ RESULTS = HERE / "results"
 def parse_args(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="small data, few samples (smoke test)")
-    parser.add_argument("--size", choices=["small", "large", "all"], default=None,
-                        help="data sets to run (default: all; small with --quick)")
+    parser.add_argument(
+        "--size",
+        choices=["small", "large", "all"],
+        default=None,
+        help="data sets to run (default: all; small with --quick)",
+    )
     parser.add_argument("--reps", type=int, default=None, help="interleaved samples per side (default 5, quick 3)")
-    parser.add_argument("--min-sample", type=float, default=None,
-                        help="seconds one sample lasts at least (default 0.2, quick 0.005)")
+    parser.add_argument(
+        "--min-sample", type=float, default=None, help="seconds one sample lasts at least (default 0.2, quick 0.005)"
+    )
     parser.add_argument("--only", nargs="+", choices=[c[0] for c in CATALOGUE], help="operations to run")
     parser.add_argument("--out", type=Path, default=None, help="results JSON (default bench/results/latest.json)")
     parser.add_argument("--seed", type=int, default=gen_data.SEED)
@@ -57,6 +63,7 @@ def log(message):
 
 
 # ---------------------------------------------------------------- memory ---
+
 
 def probe_memory(ws, op):
     """Peak memory of each side of op, each in a fresh interpreter."""
@@ -78,6 +85,7 @@ def run_probe(ws, key, kind):
 
 # ---------------------------------------------------------------- codecs ---
 
+
 def codec_results(quick):
     """Results of bench/bench_codecs.py (the codec layer against json and csv), when it exists."""
     try:
@@ -95,14 +103,21 @@ def codec_results(quick):
 
 # ------------------------------------------------------------------- run ---
 
+
 def describe_dataset(ws):
     data = ws.root / "data"
     size = lambda name: (data / name).stat().st_size  # noqa: E731
     m = ws.manifest
-    return {"layout": m["layout"], "beams_per_mode": m["num_beam"], "kits": len(m["kits"]),
-            "data_rows": m["data_rows"],
-            "calibration_bytes": size(m["calibration_file"]), "beam_table_bytes": size(m["beam_file"]),
-            "old_beam_table_bytes": size(m["old_beam_source"]), "seed": m["seed"]}
+    return {
+        "layout": m["layout"],
+        "beams_per_mode": m["num_beam"],
+        "kits": len(m["kits"]),
+        "data_rows": m["data_rows"],
+        "calibration_bytes": size(m["calibration_file"]),
+        "beam_table_bytes": size(m["beam_file"]),
+        "old_beam_table_bytes": size(m["old_beam_source"]),
+        "seed": m["seed"],
+    }
 
 
 def run_dataset(size, args, workdir):
@@ -123,13 +138,22 @@ def run_dataset(size, args, workdir):
 def run(args):
     workdir = Path(tempfile.mkdtemp(prefix="vexcore-bench-"))
     sizes = ["small", "large"] if args.size == "all" else [args.size]
-    result = {"created": datetime.datetime.now().isoformat(timespec="seconds"), "quick": args.quick,
-              "machine": report.machine(), "module": tm.__file__,
-              "settings": {"reps": args.reps, "min_sample_s": args.min_sample, "seed": args.seed,
-                           "gc": "enabled; collected before every sample, and what was alive before frozen "
-                                 "out of it (gc.freeze) while the sample runs",
-                           "logging": "not configured (the managers' records stay below WARNING)"},
-              "datasets": {}, "operations": []}
+    result = {
+        "created": datetime.datetime.now().isoformat(timespec="seconds"),
+        "quick": args.quick,
+        "machine": report.machine(),
+        "module": tm.__file__,
+        "settings": {
+            "reps": args.reps,
+            "min_sample_s": args.min_sample,
+            "seed": args.seed,
+            "gc": "enabled; collected before every sample, and what was alive before frozen "
+            "out of it (gc.freeze) while the sample runs",
+            "logging": "not configured (the managers' records stay below WARNING)",
+        },
+        "datasets": {},
+        "operations": [],
+    }
     try:
         for size in sizes:
             description, records = run_dataset(size, args, workdir)
@@ -154,6 +178,8 @@ def main(argv=None):
     args = parse_args(sys.argv[1:] if argv is None else argv)
     result = run(args)
     save(result, args.out)
+    if args.out == RESULTS / "latest.json":
+        report.update_docs_page()
     print(report.console(result))
     print("\nresults: %s" % args.out)
     return 0

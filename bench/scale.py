@@ -10,6 +10,7 @@ sampled every 10,000 calls.
 Time per entry that stays about the same from the smallest to the largest size
 means linear growth. Run: python bench/scale.py [--quick] [--json OUT]
 """
+
 import argparse
 import gc
 import json
@@ -27,10 +28,10 @@ from vexcore.QRVPublic import BeamType, RetCode, RFMode  # noqa: E402
 from vexcore.QRVUtils import RetType  # noqa: E402
 
 SN = "K5350R019-28"
-CALI_LAYOUT = (16, 1, 16)                   # 256 channels: 16 registers per DATA row
-BEAM_LAYOUT = (64, 1, 16)                   # 1024 channels per beam
-CALI_ROWS = (20_000, 80_000, 320_000)       # DATA rows
-BEAMS_PER_MODE = (32, 128, 512)             # x 2 modes x 1024 channels: up to ~1M channel entries
+CALI_LAYOUT = (16, 1, 16)  # 256 channels: 16 registers per DATA row
+BEAM_LAYOUT = (64, 1, 16)  # 1024 channels per beam
+CALI_ROWS = (20_000, 80_000, 320_000)  # DATA rows
+BEAMS_PER_MODE = (32, 128, 512)  # x 2 modes x 1024 channels: up to ~1M channel entries
 CALLS = 100_000
 QUICK = {"cali_rows": (500, 1_000, 2_000), "beams": (2, 4, 8), "calls": 20_000}
 
@@ -48,6 +49,7 @@ def rss_kib():
 
 
 # ---------------------------------------------------------- calibration ---
+
 
 def calibration_text(data_rows, rnd):
     boards, _, channels = CALI_LAYOUT
@@ -72,6 +74,7 @@ def calibration_text(data_rows, rnd):
 
 def measure_calibration(folder, data_rows, rnd):
     from baseline.calibration import CalibrationTableManager as PeerManager
+
     path = folder / ("%s_28.0GHz.csv" % SN)
     path.write_text(calibration_text(data_rows, rnd), encoding="utf-8")
     native = tm.CalibrationTableManager(SN, 28, lambda: CALI_LAYOUT)
@@ -79,11 +82,18 @@ def measure_calibration(folder, data_rows, rnd):
     native_s, ret = seconds(native.parse)
     peer_s, peer_ret = seconds(peer.parse)
     assert ret.RetCode == peer_ret.RetCode == RetCode.OK and native._CaliTable == peer._CaliTable
-    return {"what": "calibration parse", "entries": data_rows, "unit": "DATA rows",
-            "bytes": path.stat().st_size, "native_s": native_s, "stdlib_s": peer_s}
+    return {
+        "what": "calibration parse",
+        "entries": data_rows,
+        "unit": "DATA rows",
+        "bytes": path.stat().st_size,
+        "native_s": native_s,
+        "stdlib_s": peer_s,
+    }
 
 
 # ------------------------------------------------------------------ beams ---
+
 
 def beam_table(beams_per_mode, rnd):
     boards, _, channels = BEAM_LAYOUT
@@ -94,11 +104,17 @@ def beam_table(beams_per_mode, rnd):
             for b in range(1, boards + 1):
                 board = {"common_db": round(rnd.uniform(-10, 10), 2)}
                 for c in range(1, channels + 1):
-                    board["channel_%d" % c] = {"sw": rnd.randint(0, 1), "db": round(rnd.uniform(-5, 5), 2),
-                                               "deg": rnd.randrange(0, 360, 5)}
+                    board["channel_%d" % c] = {
+                        "sw": rnd.randint(0, 1),
+                        "db": round(rnd.uniform(-5, 5), 2),
+                        "deg": rnd.randrange(0, 360, 5),
+                    }
                 config["board_%d" % b] = board
-            table[mode][str(beam_id)] = {"beam_description": "beam %d" % beam_id, "beam_type": 1,
-                                         "channel_config": config}
+            table[mode][str(beam_id)] = {
+                "beam_description": "beam %d" % beam_id,
+                "beam_type": 1,
+                "channel_config": config,
+            }
     return table
 
 
@@ -113,7 +129,7 @@ def measure_beam(folder, beams_per_mode, rnd):
     table = beam_table(beams_per_mode, rnd)
     entries = 2 * beams_per_mode * BEAM_LAYOUT[0] * BEAM_LAYOUT[2]
     manager = beam_manager()
-    manager._load(28.0, "")          # creates the file and sets the path
+    manager._load(28.0, "")  # creates the file and sets the path
     path = folder / "BeamTable" / ("Beam_Configuration_%s_28GHz.json" % SN)
     save_s, ret = seconds(lambda: manager._saveToBeamTableFile(None, table))
     assert ret.RetCode == RetCode.OK
@@ -126,7 +142,7 @@ def measure_beam(folder, beams_per_mode, rnd):
 
     stdlib_save_s, _ = seconds(stdlib_save)
     assert stdlib_path.read_bytes() == written
-    del table
+    table = None  # frees the table before the load measurements
     load_s, ret = seconds(lambda: manager._load(28.0, ""))
     assert ret.RetCode == RetCode.OK
     rss_loaded = rss_kib()
@@ -141,11 +157,14 @@ def measure_beam(folder, beams_per_mode, rnd):
     del loaded
     stdlib_path.unlink()
     common = {"entries": entries, "unit": "channel entries", "bytes": len(written)}
-    return [dict(common, what="beam save", native_s=save_s, stdlib_s=stdlib_save_s),
-            dict(common, what="beam load", native_s=load_s, stdlib_s=stdlib_load_s, rss_after_load_kib=rss_loaded)]
+    return [
+        dict(common, what="beam save", native_s=save_s, stdlib_s=stdlib_save_s),
+        dict(common, what="beam load", native_s=load_s, stdlib_s=stdlib_load_s, rss_after_load_kib=rss_loaded),
+    ]
 
 
 # ------------------------------------------------------------ flat memory ---
+
 
 def accept_beam(mode, db, theta, phi, extra):
     return RetType(data=(db, theta, phi))
@@ -167,8 +186,9 @@ def memory_over_calls(folder, calls):
         if n % 2:
             return manager.getBeamPattern(RFMode.RX, beam_id)
         if n % 4:
-            return manager.setBeamPattern(RFMode.TX, beam_id, BeamType.BEAM,
-                                          {"db": n % 5, "theta": n % 30, "phi": 0}, "b%d" % n, False)
+            return manager.setBeamPattern(
+                RFMode.TX, beam_id, BeamType.BEAM, {"db": n % 5, "theta": n % 30, "phi": 0}, "b%d" % n, False
+            )
         config = {"board_%d" % (n % 4 + 1): {"channel_2": {"sw": 1, "db": n % 3, "deg": n % 360}}}
         return manager.setBeamPattern(RFMode.TX, beam_id, BeamType.CHANNEL, config, None, False)
 
@@ -184,25 +204,49 @@ def memory_over_calls(folder, calls):
             samples.append(rss_kib())
     elapsed = time.perf_counter() - start
     gc.collect()
-    return {"calls": calls, "rss_kib": samples, "rss_growth_kib": samples[-1] - samples[0],
-            "blocks_growth": sys.getallocatedblocks() - blocks, "us_per_call": elapsed / calls * 1e6}
+    return {
+        "calls": calls,
+        "rss_kib": samples,
+        "rss_growth_kib": samples[-1] - samples[0],
+        "blocks_growth": sys.getallocatedblocks() - blocks,
+        "us_per_call": elapsed / calls * 1e6,
+    }
 
 
 # ----------------------------------------------------------------- report ---
 
+
 def report(rows, memory):
-    lines = ["| operation | size | file | ours | standard library / pure Python | ratio | ours per entry |",
-             "|---|---|---|---|---|---|---|"]
+    lines = [
+        "| operation | size | file | ours | standard library / pure Python | ratio | ours per entry |",
+        "|---|---|---|---|---|---|---|",
+    ]
     for r in rows:
-        lines.append("| %s | %s %s | %.1f MB | %.3f s | %.3f s | x%.1f | %.0f ns |" % (
-            r["what"], format(r["entries"], ","), r["unit"], r["bytes"] / 1e6, r["native_s"], r["stdlib_s"],
-            r["stdlib_s"] / r["native_s"], r["native_s"] / r["entries"] * 1e9))
+        lines.append(
+            "| %s | %s %s | %.1f MB | %.3f s | %.3f s | x%.1f | %.0f ns |"
+            % (
+                r["what"],
+                format(r["entries"], ","),
+                r["unit"],
+                r["bytes"] / 1e6,
+                r["native_s"],
+                r["stdlib_s"],
+                r["stdlib_s"] / r["native_s"],
+                r["native_s"] / r["entries"] * 1e9,
+            )
+        )
     lines.append("")
-    lines.append("%s get/set calls: %.2f us a call; resident set %s KiB (every 10,000 calls), "
-                 "growth %+d KiB; allocated blocks %+d" % (
-                     format(memory["calls"], ","), memory["us_per_call"],
-                     " ".join(str(s) for s in memory["rss_kib"]), memory["rss_growth_kib"],
-                     memory["blocks_growth"]))
+    lines.append(
+        "%s get/set calls: %.2f us a call; resident set %s KiB (every 10,000 calls), "
+        "growth %+d KiB; allocated blocks %+d"
+        % (
+            format(memory["calls"], ","),
+            memory["us_per_call"],
+            " ".join(str(s) for s in memory["rss_kib"]),
+            memory["rss_growth_kib"],
+            memory["blocks_growth"],
+        )
+    )
     return "\n".join(lines)
 
 

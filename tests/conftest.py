@@ -1,10 +1,14 @@
-"""Shared fixtures: the installed module, an isolated files directory, log capture."""
+"""Shared fixtures: the installed module, an isolated files directory, log capture,
+table databases on both engines (a throwaway PostgreSQL server for the session)."""
+import itertools
 import os
 import sysconfig
+import time
 
 import pytest
 
 import vexcore.qrvdev.QRVTableManager as _tm
+from vexcore.db import engine as _db_engine
 
 
 def pytest_configure(config):
@@ -31,6 +35,14 @@ def files_dir(tmp_path, monkeypatch):
 
 
 @pytest.fixture
+def time_zone(monkeypatch):
+    """time_zone(tz): the process's local time zone is tz until the test ends."""
+    yield lambda tz: (monkeypatch.setenv("TZ", tz), time.tzset())
+    monkeypatch.undo()
+    time.tzset()
+
+
+@pytest.fixture
 def restore_module_globals():
     """Lets a test replace module globals of the table manager; they are put back afterwards."""
     namespace = vars(_tm)
@@ -43,3 +55,33 @@ def restore_module_globals():
 def records(caplog, logger_name):
     """(level name, message) of every record of one logger, in order."""
     return [(r.levelname, r.getMessage()) for r in caplog.records if r.name == logger_name]
+
+
+@pytest.fixture(scope="session")
+def pg_server():
+    """A PostgreSQL server of this test session (see pg_server.py); the run fails if it cannot start."""
+    import pg_server as servers
+    try:
+        server = servers.start_server()
+    except Exception as error:
+        pytest.fail("the PostgreSQL test server could not be started: %s" % error, pytrace=False)
+    yield server
+    _db_engine.close_engines()
+    try:
+        server.stop()
+    finally:
+        server.remove()
+
+
+_schema_numbers = itertools.count()
+
+
+@pytest.fixture(params=["sqlite", "postgresql"])
+def database(request, tmp_path):
+    """A new, empty table database on each engine: its name, a file path or a URL."""
+    if request.param == "sqlite":
+        yield str(tmp_path / "tables.db")
+    else:
+        server = request.getfixturevalue("pg_server")
+        yield server.url_for_schema("test_%d_%d" % (os.getpid(), next(_schema_numbers)))
+    _db_engine.close_engines()

@@ -1,5 +1,6 @@
 """Antenna-kit manager: construction, finding kit files and reading them."""
 import csv
+import datetime
 import logging
 import os
 
@@ -152,18 +153,59 @@ def test_custom_kits_are_renamed_to_the_stamped_format_on_disk_and_in_the_table(
     assert again._AAKitTable == kits._AAKitTable
 
 
-@pytest.mark.parametrize("stem, name, kept", [
-    ("other", "Old", ["Old_" + STAMP]),                     # the file is not named after its kit, so it stays
-    ("sub", "sub/Kit", ["sub/Kit", "sub/Kit_" + STAMP]),    # a name that cannot name a file is refused early
+LONG = "K" * 240      # its file name fits; with a stamp added it would not
+
+
+@pytest.mark.parametrize("stem, name, reason", [
+    ("sub", "sub/Kit", "must not contain a path separator"),   # a name that cannot name a file is refused early
+    (LONG, LONG, "bytes long, more than the file system takes"),
 ])
-def test_failed_rename_is_logged_and_parsing_goes_on(clock, files_dir, caplog, stem, name, kept):
+def test_failed_rename_is_logged_parsing_goes_on_and_the_file_stays(clock, files_dir, caplog, stem, name, reason):
     write_kit(files_dir, name, file_stem=stem, kit_type=1)
     write_kit(files_dir, OFFICIAL)
     kits = manager(clock)
     assert kits.parse().RetCode == RetCode.OK
-    assert list(kits._AAKitTable) == [OFFICIAL] + kept
-    assert ("ERROR", "Rename file failed") in records(caplog, "AAKitTbl")
+    assert sorted(kits._AAKitTable) == sorted([OFFICIAL, name, name + "_" + STAMP])
+    log = records(caplog, "AAKitTbl")
+    assert ("ERROR", "Rename file failed") in log and any(reason in message for _, message in log)
     assert sorted(os.listdir(files_dir)) == sorted(["AAKIT_%s.csv" % stem, "AAKIT_%s.csv" % OFFICIAL])
+
+
+def test_west_of_utc_a_custom_kit_is_renamed_at_every_parse_until_its_name_is_as_long_as_files_take(
+        tm, files_dir, time_zone):
+    # Stamps with a "-" offset never pass the name check, so every parse adds one (22 characters).
+    time_zone("EST5")
+    write_kit(files_dir, "MyKit", kit_type=1, tx=(9,) * 4)
+    lengths = []
+    for _ in range(12):
+        kits = manager(tm)
+        assert kits.parse().RetCode == RetCode.OK
+        [file_name] = os.listdir(files_dir)
+        name = file_name[len("AAKIT_"):-len(".csv")]
+        assert name.endswith("-0500") and kits._AAKitTable[name] == record(kit_type=1, tx=(9,) * 4)
+        lengths.append(len(name))
+    assert lengths == [5 + 22 * n for n in range(1, 11)] + [225, 225]
+
+
+@pytest.mark.parametrize("copy_stem", ["Alpha", "Zeta"])      # read before, and after, the original
+def test_a_copied_kit_file_is_migrated_from_itself_and_the_original_is_kept(tm, restore_module_globals, files_dir,
+                                                                             caplog, copy_stem):
+    # Both files name the kit Beta; migrated in the same hundredth of a second
+    # they would get one name, so the second waits for the clock to move on.
+    caplog.set_level(logging.INFO)
+    later = MOMENT + datetime.timedelta(milliseconds=10)
+    tm.datetime = pinned_clock(MOMENT, MOMENT, later)
+    write_kit(files_dir, "Beta", kit_type=1, tx=(9,) * 4)
+    write_kit(files_dir, "Beta", file_stem=copy_stem, kit_type=1, tx=(1,) * 4)
+    kits = manager(tm)
+    assert kits.parse().RetCode == RetCode.OK
+    names = ["Beta_" + STAMP, "Beta_2024030112304513+0800"]
+    assert sorted(os.listdir(files_dir)) == ["AAKIT_%s.csv" % n for n in names]
+    assert sorted(kits._AAKitTable) == names
+    offsets = {kits._AAKitTable[n]["OFFSET_TX"][0] for n in names}
+    again = manager(tm)
+    assert again.parse().RetCode == RetCode.OK and again._AAKitTable == kits._AAKitTable and offsets == {1, 9}
+    assert ("INFO", "Deleted %s" % (files_dir / ("AAKIT_%s.csv" % copy_stem))) in records(caplog, "AAKitTbl")
 
 
 # ----------------------------------------- rows as the pure-Python peer reads them --

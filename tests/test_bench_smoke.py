@@ -40,3 +40,18 @@ def test_quick_run_reports_every_operation_on_every_side_with_the_same_result(tm
     assert report["machine"]["nproc"] >= 1 and report["machine"]["cpu_model"] and report["machine"]["python"]
     assert out.with_suffix(".md").read_text(encoding="utf-8").count("\n| ") >= len(CATALOGUE)
     assert "calibration parse" in done.stdout
+
+
+def test_micro_benchmark_times_every_call_on_both_sides_with_the_same_result(tmp_path):
+    import micro
+    out = tmp_path / "micro.json"
+    done = subprocess.run([sys.executable, str(BENCH / "micro.py"), "--quick", "--out", str(out)],
+                          capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr[-3000:]
+    report = json.loads(out.read_text(encoding="utf-8"))
+    assert [c["title"] for c in report["calls"]] == [c.title for c in micro.calls()]
+    for call in report["calls"]:
+        assert call["same_result"] is True, call["title"]
+        assert call["module_s"] > 0 and call["python_s"] > 0 and call["speedup"] > 0, call["title"]
+    assert set(report["floors_s"]) == {"ret", "log"} and all(v > 0 for v in report["floors_s"].values())
+    assert out.with_suffix(".md").read_text(encoding="utf-8").count("\n| ") == len(report["calls"]) + 3

@@ -126,3 +126,16 @@ def test_each_side_gets_its_own_beam_tables_and_shares_read_only_inputs(tmp_path
     assert (ws.files_dir(MODULE) / beam_file).read_bytes() == original
     assert (ws.files_dir(STDLIB) / beam_file).read_bytes() == original
     assert (ws.files_dir(STDLIB) / cali_file).samefile(tmp_path / "data" / cali_file)
+
+
+def test_benchmark_page_shows_the_recorded_results_and_nothing_else(tmp_path):
+    import report
+
+    page = (BENCH.parent / "docs" / "benchmarks.md").read_text(encoding="utf-8")
+    assert report.results_block(*report.read_results()) in page
+    # Updating rewrites only what lies between the markers.
+    copy = tmp_path / "benchmarks.md"
+    copy.write_text("intro\n" + report.BEGIN + "\nstale 99.9x\n" + report.END + "\noutro\n", encoding="utf-8")
+    report.update_docs_page(copy)
+    text = copy.read_text(encoding="utf-8")
+    assert "stale" not in text and text.startswith("intro\n") and text.endswith(report.END + "\noutro\n")

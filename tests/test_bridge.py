@@ -11,6 +11,8 @@ import weakref
 import pytest
 
 from conftest import records
+from vexcore.QRVPublic import RetCode
+from vexcore.QRVUtils import RetType
 from fake_queryer import SERVICE_NAME, FakeService
 
 
@@ -68,6 +70,85 @@ def test_module_globals_are_looked_up_when_used(tm, restore_module_globals):
     del tm.RetType
     with pytest.raises(NameError, match="RetType"):
         tm.fake_ic_check(1, 2, 3)
+
+
+# Module calls that build their result in each form the module uses, and that form.
+RESULT_FORMS = [
+    ("data", lambda tm: tm.fake_ic_check(1, 2, 3), ((), {"data": 3})),
+    ("nothing", lambda tm: tm.AAKitTableManager(9, 4, web_client_id="c").parse(), ((), {})),
+    ("code and msg", lambda tm: tm.UDDeltaFreqTableManager("NOFILE").parse(),
+     (("WARNING", "Delta csv not exist, skip it"), {})),
+    ("code and RetMsg", lambda tm: tm.AAKitTableManager(9, 4).parse(),
+     (("ERROR_BF_NO_AAKIT",), {"RetMsg": "No available AAKit table here"})),
+    ("msg", lambda tm: tm.CalibrationTableManager("S", 28, lambda: (1, 1, 4), support_polar=True).getDR(2),
+     ((), {"msg": "DR not support for STANDBY mode"})),
+]
+
+
+@pytest.mark.parametrize("form, call, expected", RESULT_FORMS, ids=[f[0] for f in RESULT_FORMS])
+def test_results_are_built_through_a_replaced_record_class_with_the_same_arguments(
+        tm, files_dir, restore_module_globals, form, call, expected, monkeypatch):
+    monkeypatch.setattr(tm.AAKitTableManager, "_getAAKitTablePath", lambda self: [str(files_dir / "AAKIT_x.csv")])
+    (files_dir / "AAKIT_x.csv").write_text("AAKIT_NAME,x\nDEV_TYPE,1\nTYPE,0\n")   # another device type: skipped
+    calls = []
+
+    class Recorded:
+        def __init__(self, *args, **kwargs):
+            calls.append((tuple(getattr(a, "name", a) for a in args), kwargs))
+            self.RetCode = args[0] if args else RetCode.OK
+            self.RetMsg = args[1] if len(args) > 1 else kwargs.get("msg", kwargs.get("RetMsg", ""))
+
+    tm.RetType = Recorded
+    assert isinstance(call(tm), Recorded)
+    assert calls[-1] == expected
+
+
+def stock_result_fields(tm):
+    ret = tm.fake_ic_check(1, 2, 3)
+    return type(ret), ret.RetCode, ret.RetMsg, ret.RetData
+
+
+def patch_init(monkeypatch, RetType):
+    seen = []
+    original = RetType.__init__
+
+    def counting(self, *args, **kwargs):
+        seen.append(kwargs)
+        original(self, *args, **kwargs)
+    monkeypatch.setattr(RetType, "__init__", counting)
+    return seen, (RetType, RetCode.OK, "", 3)
+
+
+def patch_defaults(monkeypatch, RetType):
+    monkeypatch.setattr(RetType.__init__, "__defaults__", (RetCode.ERROR, "default", None))
+    return None, (RetType, RetCode.ERROR, "default", 3)
+
+
+def patch_slot(monkeypatch, RetType):
+    seen = []
+    monkeypatch.setattr(RetType, "RetData", property(lambda self: "read back", lambda self, v: seen.append(v)))
+    return seen, (RetType, RetCode.OK, "", "read back")
+
+
+def patch_setattr(monkeypatch, RetType):
+    seen = []
+
+    def setattr_upper(self, name, value):
+        seen.append(name)
+        object.__setattr__(self, name, value.upper() if isinstance(value, str) else value)
+    monkeypatch.setattr(RetType, "__setattr__", setattr_upper)
+    return seen, (RetType, RetCode.OK, "", 3)
+
+
+@pytest.mark.parametrize("patch", [patch_init, patch_defaults, patch_slot, patch_setattr])
+def test_a_patched_stock_record_class_is_called_as_python_would(tm, monkeypatch, patch):
+    # The stock record is filled in directly only while nothing about its construction changed.
+    assert stock_result_fields(tm) == (RetType, RetCode.OK, "", 3)
+    seen, expected = patch(monkeypatch, RetType)
+    assert stock_result_fields(tm) == expected
+    assert seen is None or seen
+    monkeypatch.undo()
+    assert stock_result_fields(tm) == (RetType, RetCode.OK, "", 3)
 
 
 def test_a_replaced_json_reads_the_table_files(tm, files_dir, restore_module_globals):

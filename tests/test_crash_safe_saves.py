@@ -5,13 +5,21 @@ the failed operation leaves it.
 """
 import json
 import os
+import random
+import re
+import signal
+import socket
 import subprocess
 import sys
+import time
 
 import pytest
 
 from aakit_samples import LITE, STAMP, kit_rows, write_rows
 from beam_helpers import SN, Hooks, channel_beam, make_manager
+from calibration_sample import SN as CALI_SN, make_sample
+from tables_helpers import run_tool
+from vexcore.qrvdev.QRVTableManager import _codec
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 KIT = "Mine_" + STAMP
@@ -146,39 +154,158 @@ def test_saves_and_deletes_in_a_read_only_folder_fail_cleanly(tm, files_dir, mak
     assert_untouched(kit_path, kit_before, "BeamTable")
 
 
-# --------------------------------------------------------- killed mid-save ---
+# ------------------------------------------------- killed at any instant ---
 
-# Saves a 64-beam table of a 1024-channel device (a few MB) over and over.
-SAVER = """
-import vexcore.qrvdev.QRVTableManager as tm
-m = tm.BeamPatternTableManager("SN1", 7, 1024, (64, 1, 16))
-m._load(28.0, "")
-channels = {"channel_%d" % c: {"sw": 1, "db": 1.5, "deg": c} for c in range(1, 17)}
-beam = {"beam_description": "v", "beam_type": 1,
-        "channel_config": {"board_%d" % b: dict(channels, common_db=1.0) for b in range(1, 65)}}
-m._BeamTable["TX"] = {str(beam_id): beam for beam_id in range(1, 65)}
-print("ready", flush=True)
-for n in range(10 ** 9):
-    m._BeamTable["AAKIT_NAME"] = "round %d" % n
-    m._saveToBeamTableFile()
-"""
+def killed_at_random_instants(work, kills, seed):
+    """Runs work() over and over in a forked child and SIGKILLs it after a random
+    delay, `kills` times; yields after each kill."""
+    rng = random.Random(seed)
+    for _ in range(kills):
+        ready, tell = os.pipe()
+        pid = os.fork()
+        if pid == 0:           # the child: never returns into pytest
+            try:
+                os.write(tell, b"r")
+                while True:
+                    work()
+            finally:
+                os._exit(1)
+        os.close(tell)
+        assert os.read(ready, 1) == b"r"
+        os.close(ready)
+        time.sleep(rng.uniform(0, 0.04))
+        os.kill(pid, signal.SIGKILL)
+        _, status = os.waitpid(pid, 0)
+        assert os.WIFSIGNALED(status) and os.WTERMSIG(status) == signal.SIGKILL, "the child failed on its own"
+        yield
 
 
-def test_a_process_killed_while_saving_leaves_a_whole_table(files_dir):
-    path = files_dir / "BeamTable" / "Beam_Configuration_SN1_28GHz.json"
-    for delay in (0.05, 0.13, 0.31, 0.47, 0.71):
-        saver = subprocess.Popen([sys.executable, "-c", SAVER], stdout=subprocess.PIPE, text=True,
-                                 env=dict(os.environ, VEXCORE_FILES_DIR=str(files_dir)))
-        assert saver.stdout.readline() == "ready\n"
-        try:
-            saver.wait(timeout=delay)
-        except subprocess.TimeoutExpired:
-            saver.kill()
-        saver.wait()
-        saver.stdout.close()
+def strays(folder, *tables):
+    """The files beside the tables, each of which must be a temporary its killed owner left."""
+    left = sorted(set(os.listdir(folder)) - set(tables))
+    owned = {os.fsdecode(name): (kind, stale) for name, kind, _, _, _, stale in _codec.owned_files(os.fsencode(folder))}
+    assert all(owned.get(name) == ("tmp", True) for name in left), (left, owned)
+    return left
+
+
+def test_a_kit_rename_killed_at_any_instant_leaves_the_kit_once_under_one_of_its_names(tm, files_dir, time_zone):
+    time_zone("UTC")
+    write_rows(files_dir / ("AAKIT_%s.csv" % KIT), kit_rows(KIT, kit_type=1, tx=(7,) * 4))
+
+    def rename_over_and_over():
+        kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+        kits.parse()
+        name = next(iter(kits._AAKitTable))
+        while True:
+            name = kits.setAAKitInfo(name, [5, 5], [-45, 45], [-30, 30], [7] * 4, [3, 2, 1, 0],
+                                     newKitName="Mine").RetData
+
+    for _ in killed_at_random_instants(rename_over_and_over, 16, seed=15):
+        kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+        assert kits.parse().RetCode == RetCode.OK
+        [name] = kits._AAKitTable
+        assert kits._AAKitTable[name]["OFFSET_TX"] == [7] * 4
+        assert os.listdir(files_dir) == ["AAKIT_%s.csv" % name]      # no second copy, journal or temporary
+
+
+def owned_name(kind, pid, rest):
+    """A name of the files the module owns, as process `pid` of this host makes them."""
+    host = re.sub(r"[^A-Za-z0-9_-]", "_", socket.gethostname())[:32] or "localhost"
+    return ".vexcore-%s-%d-AbCdEf-%s.%s" % (kind, pid, host, rest)
+
+
+def dead_pid():
+    gone = subprocess.Popen([sys.executable, "-c", ""])
+    gone.wait()
+    return gone.pid
+
+
+@pytest.mark.parametrize("files, kept", [
+    (["old", "new"], "new"),      # killed after the new file was written: the old one goes
+    (["old"], "old"),             # killed before: the rename never happened
+    (["new"], "new"),             # killed after the old file went
+])
+def test_the_next_parse_finishes_or_forgets_a_rename_whose_process_was_killed(tm, files_dir, files, kept):
+    names = {"old": KIT, "new": "Renamed_" + STAMP}
+    for which in files:
+        write_rows(files_dir / ("AAKIT_%s.csv" % names[which]), kit_rows(names[which], kit_type=1))
+    journal = owned_name("rename", dead_pid(), "AAKIT")
+    (files_dir / journal).write_text("AAKIT_%s.csv\nAAKIT_%s.csv\n" % (names["old"], names["new"]))
+    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    assert kits.parse().RetCode == RetCode.OK and list(kits._AAKitTable) == [names[kept]]
+    assert os.listdir(files_dir) == ["AAKIT_%s.csv" % names[kept]]
+
+
+def test_a_beam_save_killed_at_any_instant_leaves_a_whole_table_and_the_next_save_clears_up(tm, files_dir):
+    manager, path, _ = loaded_beams(tm, files_dir)
+    manager._BeamTable["TX"] = {str(beam_id): channel_beam() for beam_id in range(1, 200)}
+    rounds = iter(range(10 ** 9))
+
+    def save_over_and_over():
+        manager._BeamTable["AAKIT_NAME"] = "round %d" % next(rounds)
+        manager._saveToBeamTableFile()
+
+    for _ in killed_at_random_instants(save_over_and_over, 12, seed=16):
         table = json.loads(path.read_text(encoding="utf-8"))       # whole, or this raises
-        assert len(table["TX"]) in (0, 64)
-        # A kill can leave only the hidden temporary file of the save it interrupted.
-        for name in set(os.listdir(path.parent)) - {path.name}:
-            assert name.startswith("." + path.name + ".")
-            (path.parent / name).unlink()
+        assert len(table["TX"]) in (0, 199)
+        strays(path.parent, path.name)
+        assert manager._saveToBeamTableFile().RetCode == RetCode.OK
+        assert os.listdir(path.parent) == [path.name]
+
+
+def test_a_calibration_export_killed_at_any_instant_leaves_a_whole_export(tm, files_dir):
+    table = make_sample().write(files_dir)
+    manager = tm.CalibrationTableManager(CALI_SN, 28, tm.fake_rf_layout)
+    assert manager.parse(exportToJson=True).RetCode == RetCode.OK
+    export = table.with_suffix(".json")
+    expected = export.read_bytes()
+
+    for _ in killed_at_random_instants(lambda: manager.parse(exportToJson=True), 12, seed=17):
+        assert export.read_bytes() == expected
+        strays(files_dir, export.name, table.name)
+
+
+def killed_named_save(folder, target_name):
+    """The temporary a save left when killed where the file system has no unnamed
+    temporaries: a child saves a large file under an owned name and is killed as
+    soon as that name appears."""
+    target = os.path.join(os.fsencode(folder), os.fsencode(target_name))
+    for _ in range(20):
+        pid = os.fork()
+        if pid == 0:
+            try:
+                _codec.write_file_atomic_named(target, b" " * (64 << 20))
+            finally:
+                os._exit(1)
+        deadline = time.monotonic() + 5
+        while not _codec.owned_files(os.fsencode(folder)) and time.monotonic() < deadline:
+            time.sleep(0.0005)
+        os.kill(pid, signal.SIGKILL)
+        os.waitpid(pid, 0)
+        [left] = _codec.owned_files(os.fsencode(folder)) or [None]
+        if left is not None:
+            return left
+    pytest.fail("no save was caught in the middle")
+
+
+def test_leftovers_of_killed_saves_are_reported_by_check_and_removed_by_the_next_save(tm, files_dir, capsys):
+    manager, path, _ = loaded_beams(tm, files_dir)
+    folder = path.parent
+    name, kind, pid, host, local, stale = killed_named_save(folder, path.name)
+    assert (kind, local, stale) == ("tmp", True, True) and os.fsdecode(name).endswith("." + path.name)
+    killed = folder / os.fsdecode(name)
+    live = folder / owned_name("tmp", os.getpid(), path.name)
+    assert host in live.name
+    earlier = folder / (".%s.Xy12Zq" % path.name)          # as an earlier version named its temporaries
+    for stray in (live, earlier):
+        stray.write_bytes(b"{" * 1000)
+    status, out, _ = run_tool(capsys, "check", "--json", folder)
+    report = json.loads(out)
+    assert sorted(s["path"] for s in report["strays"]) == sorted(map(str, (killed, live, earlier)))
+    assert [f["path"] for f in report["files"]] == [str(path)] and status == 0
+    status, out, _ = run_tool(capsys, "check", folder)
+    assert "left by process %d, which was killed" % pid in out and "in use by process %d" % os.getpid() in out
+    assert out.splitlines()[-1].startswith("3 stray files (")
+    # The next save removes what no live process owns; the rest it cannot judge.
+    assert manager._saveToBeamTableFile().RetCode == RetCode.OK
+    assert sorted(os.listdir(folder)) == sorted([path.name, live.name, earlier.name])

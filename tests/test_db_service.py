@@ -1,20 +1,28 @@
-"""The sqlite-backed query service: reply shapes, refusals, reachability, concurrent writers, web callbacks."""
+"""The query service on both engines: reply shapes, refusals, damaged rows, reachability,
+concurrent writers, web callbacks, the command line."""
+import os
 import subprocess
 import sys
+import threading
 
 import pytest
 
+import vexcore.samples as samples
 from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer as service
+from vexcore.db import engine as engines
+from vexcore.db import schema
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
+
+from pg_server import PASSWORD
 
 TABLE = {"VER": "2.1.0", "SN": "SN-A", "FCENTER": "28.0", "DR": {"TX": [-10.0, -5.0], "RX": [-12.0, -6.0]},
          "BOARD_1": {"TX": {"COMDR": [-3.0, 4.0], "ELEDR": [6.0]}, "COMSTEPDR": {"COM_1": [-3.0, 0.5]}}}
 
 
 @pytest.fixture
-def queryer(tmp_path, monkeypatch):
-    monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
+def queryer(database, monkeypatch):
+    monkeypatch.setenv("VEXCORE_DB", database)
     with service.transaction() as connection:
         service.store_calibration(connection, "SN-A", 28, TABLE)
         service.store_calibration(connection, "SN-A", 27.5, dict(TABLE, VER="2.0.0"))
@@ -30,6 +38,9 @@ def payload(query, category="GENERAL", frequency=28, sn="SN-A"):
     (payload(["DR.TX", "DR"]), {"DR.TX": [-10.0, -5.0], "DR": TABLE["DR"]}),
     (payload(["TX.ELEDR", "COMSTEPDR.COM_1"], "BOARD_1"), {"TX.ELEDR": [6.0], "COMSTEPDR.COM_1": [-3.0, 0.5]}),
     (payload(["VER"], frequency="27.5"), {"VER": "2.0.0"}),       # frequency compared as a number
+    (payload(["BOARD_1.TX.COMDR", "BOARD_1"]), {"BOARD_1.TX.COMDR": [-3.0, 4.0], "BOARD_1": {
+        "TX": {"COMDR": [-3.0, 4.0], "ELEDR": [6.0], "COMSTEPDR": {"COM_1": [-3.0, 0.5]}},
+        "COMSTEPDR": {"COM_1": [-3.0, 0.5]}}}),                     # boards reached from GENERAL, in order
 ])
 def test_single_queries_answer_one_entry_per_key(queryer, request_, data):
     assert queryer.queryDB(request_) == {"code": 0, "data": data}
@@ -41,12 +52,43 @@ def test_single_queries_answer_one_entry_per_key(queryer, request_, data):
     (payload(["TX.COMDR"], "BOARD_7"), None, service.UNKNOWN_CATEGORY, "BOARD_7"),
     (payload(["VER.deeper"]), None, service.UNKNOWN_KEY, "VER.deeper"),
     (payload(["VER"], frequency="abc"), None, service.BAD_REQUEST, "abc"),
+    (payload(["VER"], frequency=10 ** 400), None, service.BAD_REQUEST, "frequency"),
+    (payload(["VER"], sn=7), None, service.UNKNOWN_SN, "7"),
+    (payload(["TX.TC"], "BOARD_1"), None, service.UNKNOWN_KEY, "SN-A at 28.0 GHz: unknown key TX.TC"),
     ({"sn": "SN-Z"}, "getFreqList", service.UNKNOWN_SN, "SN-Z"),
     ({}, "getNothingList", service.BAD_REQUEST, "Nothing"),
 ])
 def test_refused_queries_carry_code_and_message(queryer, request_, command, code, words):
     reply = queryer.queryDB(request_, queryCmd=command) if command else queryer.queryDB(request_)
     assert reply["code"] == code and words in reply["message"]
+
+
+def test_threads_share_a_few_kept_connections_and_one_schema_check(queryer, database, monkeypatch):
+    engines.close_engines()
+    checks = []
+    real_ensure = schema.ensure
+    monkeypatch.setattr(schema, "ensure", lambda *args: checks.append(1) or real_ensure(*args))
+    pool = service.open_engine(database)._pool
+    made, real_connect = [], pool._connect
+    pool._connect = lambda: made.append(1) or real_connect()
+    answers = []
+
+    def ask():
+        for n in range(40):
+            asked = (["TX.COMDR"], "BOARD_1") if n % 2 else (["VER"], "GENERAL")
+            answers.append(queryer.queryDB(payload(*asked)))
+
+    threads = [threading.Thread(target=ask) for _ in range(6)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert sorted(map(str, answers)) == sorted(map(str, [{"code": 0, "data": {"VER": "2.1.0"}},
+                                                         {"code": 0, "data": {"TX.COMDR": [-3.0, 4.0]}}] * 120))
+    assert len(checks) == 1 and 1 <= len(made) <= 6
+    with service.connect(database) as db:        # a session outside a transaction, given back at the end
+        assert db.execute("SELECT COUNT(*) FROM calibration_table").fetchone()[0] == 2
+    assert len(made) <= 6
 
 
 def test_lists_and_multi_queries(queryer):
@@ -58,10 +100,32 @@ def test_lists_and_multi_queries(queryer):
     assert queryer.queryDB(held, queryCmd="getMultiData")["code"] == service.UNKNOWN_CATEGORY
 
 
-@pytest.mark.parametrize("where", ["missing-folder/tables.db", "."])
-def test_unreachable_database_answers_with_a_string(tmp_path, where):
-    reply = service.DBQueryer("calibration", str(tmp_path / where)).queryDB({"query": ["VER"]})
-    assert isinstance(reply, str) and "unreachable" in reply
+@pytest.mark.parametrize("damage, code, words", [
+    ("UPDATE calibration_entry SET content = '{\"COMDR\": [' WHERE category = 'BOARD_1' AND name = 'TX'",
+     service.DAMAGED, "SN-A at 28.0 GHz, BOARD_1 TX: stored entry does not decode"),
+    ("DELETE FROM calibration_entry WHERE category = 'BOARD_1' AND frequency = 28",
+     service.UNKNOWN_CATEGORY, "SN-A at 28.0 GHz: unknown category BOARD_1 (key TX.ELEDR)"),
+])
+def test_damaged_rows_are_refusals_naming_table_and_key_and_list_marks_them(queryer, database, damage, code, words):
+    with service.transaction(database) as db:
+        db.execute(damage)
+    reply = queryer.queryDB(payload(["TX.ELEDR"], "BOARD_1"))
+    assert reply["code"] == code and words in reply["message"]
+    run = subprocess.run([sys.executable, "-m", "vexcore.db", "--db", database, "list"], capture_output=True, text=True)
+    assert run.returncode == (1 if code == service.UNKNOWN_CATEGORY else 0) and run.stderr == ""
+    assert ("DAMAGED: 4 of 6 entries" in run.stdout) == (code == service.UNKNOWN_CATEGORY)
+
+
+@pytest.mark.parametrize("where", ["missing-folder/tables.db", ".", "postgresql://vexcore:%s@127.0.0.1:1/x" % PASSWORD])
+def test_unreachable_database_answers_with_a_string_without_password(tmp_path, where):
+    reply = service.DBQueryer("calibration", where if "://" in where else str(tmp_path / where)).queryDB(
+        {"query": ["VER"]})
+    assert isinstance(reply, str) and "unreachable" in reply and PASSWORD not in reply
+    if "://" in where:
+        assert "vexcore:***@127.0.0.1:1/x" in reply
+        run = subprocess.run([sys.executable, "-m", "vexcore.db", "--db", where, "list"],
+                             capture_output=True, text=True)
+        assert run.returncode == 2 and len(run.stderr.splitlines()) == 1 and PASSWORD not in run.stderr
 
 
 _WRITER = """
@@ -75,16 +139,16 @@ for i in range(int(sys.argv[3])):
 """
 
 
-def test_two_processes_writing_at_once_lose_nothing(tmp_path):
-    path = str(tmp_path / "shared.db")
+def test_two_processes_writing_at_once_lose_nothing(database):
+    path = database
     writers = [subprocess.Popen([sys.executable, "-c", _WRITER, path, name, "60"]) for name in ("left", "right")]
     assert [w.wait(timeout=120) for w in writers] == [0, 0]
     kits = AAKitStore(path).list_kits(9, 1, [9]).RetData
     assert len(kits) == 120 and kits["right-59"]["OFFSET_TX"] == [59]
 
 
-def test_beam_store_keeps_tables_per_frequency_and_kit(tmp_path):
-    path = str(tmp_path / "beams.db")
+def test_beam_store_keeps_tables_per_frequency_and_kit(database):
+    path = database
     store = BeamTableStore("SN-A", path)
     table = store("_load", freq=28.0, aakit="KIT").RetData
     assert (table["SN"], table["FREQ"], table["AAKIT_NAME"], table["TX"], table["RX"]) == ("SN-A", 28.0, "KIT", {}, {})
@@ -95,10 +159,15 @@ def test_beam_store_keeps_tables_per_frequency_and_kit(tmp_path):
     assert fresh("_load", freq=28, aakit="KIT").RetData["TX"]["1"]["beam_description"] == "boresight"
     assert fresh("_load", freq=27.5, aakit="KIT").RetData["TX"] == {}
     assert fresh("bogus").RetCode == RetCode.ERROR
+    assert fresh("_load", freq=10 ** 400, aakit="KIT").RetCode == RetCode.ERROR_BF_BEAM_FILE
+    with service.transaction(path) as db:
+        db.execute("UPDATE beam_table SET content = 'x' WHERE aakit = 'KIT' AND frequency = 28")
+    damaged = fresh("_load", freq=28, aakit="KIT")
+    assert damaged.RetCode == RetCode.ERROR_BF_BEAM_FILE and "does not decode" in damaged.RetMsg
 
 
-def test_kit_store_filters_by_device_type_and_deletes(tmp_path):
-    store = AAKitStore(str(tmp_path / "kits.db"))
+def test_kit_store_filters_by_device_type_and_deletes(database):
+    store = AAKitStore(database)
     for name, record in {"ANY": {"TYPE": 0}, "NINE": {"DEV_TYPE": 9, "TYPE": 1}, "TWELVE": {"DEV_TYPE": 12}}.items():
         assert store.store(func_name="saveAAKitFile", kitName=name, check=False, context=record).RetCode == RetCode.OK
     assert list(store.list_kits(9, 16, [9]).RetData) == ["ANY", "NINE"]
@@ -107,10 +176,17 @@ def test_kit_store_filters_by_device_type_and_deletes(tmp_path):
     assert list(store.list_kits(9, 16, [9, 12]).RetData) == ["ANY", "TWELVE"]
 
 
-def test_cli_refuses_badly_named_files_and_lists(tmp_path, queryer):
+def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
     bad = tmp_path / "calibration.csv"
     bad.write_text("VER,2.1.0\nEND\n")
     run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", str(bad)], capture_output=True, text=True)
     assert run.returncode == 1 and "{SN}_{Freq}GHz.csv" in run.stderr
+    sample = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
+    run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", sample], capture_output=True, text=True)
+    assert run.stdout == "imported %s: K5350R019-28 at 28 GHz into %s\n" % (sample, service.shown_name())
+    assert PASSWORD not in run.stdout and run.returncode == 0 and ("***" in run.stdout) == ("postgresql" in run.stdout)
+    missing = str(tmp_path / "SN-A_28GHz.csv")
+    run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", missing], capture_output=True, text=True)
+    assert (run.returncode, run.stderr) == (1, "refused %s: No such file or directory\n" % missing)
     listing = subprocess.run([sys.executable, "-m", "vexcore.db", "list"], capture_output=True, text=True, check=True)
     assert "SN-A" in listing.stdout and "27.5 GHz" in listing.stdout and "2.1.0" in listing.stdout

@@ -1,35 +1,80 @@
-"""The shipped type stub names what the module offers, so editors and type checkers see the real surface."""
+"""The shipped type stubs name what the module offers, with the signatures help() shows."""
 import ast
 import inspect
 import os
 
+import pytest
+
+import vexcore
 import vexcore.qrvdev.QRVTableManager as tm
 
 FOLDER = os.path.dirname(tm.__file__)
 
 
-def stub_names():
-    """(module-level names, {class name: method names}) declared in the installed stub."""
-    with open(os.path.join(FOLDER, "__init__.pyi"), encoding="utf-8") as stub:
-        tree = ast.parse(stub.read())
-    top, members = set(), {}
-    for node in tree.body:
+def stub_tree(path):
+    with open(path, encoding="utf-8") as stub:
+        return ast.parse(stub.read())
+
+
+def stub_functions():
+    """{(owner, name): FunctionDef} of the module stub; owner "" for module functions."""
+    found = {}
+    for node in stub_tree(os.path.join(FOLDER, "__init__.pyi")).body:
         if isinstance(node, ast.ClassDef):
-            members[node.name] = {n.name for n in node.body if isinstance(n, ast.FunctionDef)}
+            found.update({(node.name, f.name): f for f in node.body if isinstance(f, ast.FunctionDef)})
+        elif isinstance(node, ast.FunctionDef):
+            found[("", node.name)] = node
+    return found
+
+
+def stub_top_names():
+    names = set()
+    for node in stub_tree(os.path.join(FOLDER, "__init__.pyi")).body:
         if isinstance(node, (ast.ClassDef, ast.FunctionDef)):
-            top.add(node.name)
+            names.add(node.name)
         elif isinstance(node, ast.AnnAssign):
-            top.add(node.target.id)
+            names.add(node.target.id)
         elif isinstance(node, (ast.Import, ast.ImportFrom)):
-            top.update(alias.asname or alias.name for alias in node.names)
-    return top, members
+            names.update(alias.asname or alias.name for alias in node.names)
+    return names
 
 
-def test_stub_names_every_module_name_and_method():
-    assert os.path.isfile(os.path.join(FOLDER, "py.typed"))
-    top, members = stub_names()
-    assert {name for name in vars(tm) if not name.startswith("__")} - top == set()
-    for name, value in vars(tm).items():
-        if inspect.isclass(value) and value.__module__ == tm.__name__ and not issubclass(value, tm.Enum):
-            methods = {m for m, v in vars(value).items() if callable(v) and not m.startswith("__") or m == "__init__"}
-            assert methods - members[name] == set(), name
+def native_functions():
+    """{(owner, name): bound native function} of every class and module function."""
+    found = {("", name): value for name, value in vars(tm).items() if hasattr(value, "__nb_signature__")}
+    for name, cls in vars(tm).items():
+        if inspect.isclass(cls) and cls.__module__ == tm.__name__ and not issubclass(cls, tm.Enum):
+            found.update({(name, m): f for m, f in vars(cls).items() if hasattr(f, "__nb_signature__")})
+    return found
+
+
+def shape(function):
+    """The parts of a signature that matter to a caller: parameters, types, defaults, result."""
+    return ast.dump(function.args), ast.dump(function.returns)
+
+
+def test_every_module_name_and_method_is_in_the_stub():
+    assert os.path.isfile(os.path.join(os.path.dirname(vexcore.__file__), "py.typed"))
+    assert {name for name in vars(tm) if not name.startswith("__")} - stub_top_names() == set()
+    assert set(native_functions()) - set(stub_functions()) == set()
+
+
+@pytest.mark.parametrize("owner, name", sorted(native_functions()))
+def test_help_shows_the_stub_signature_and_a_docstring(owner, name):
+    function = native_functions()[(owner, name)]
+    ((signature, doc, _),) = function.__nb_signature__
+    native = ast.parse(signature + ": ...").body[0]
+    assert shape(native) == shape(stub_functions()[(owner, name)])
+    assert doc and doc[0].isupper() and len(doc) > 40
+
+
+def test_classes_and_sibling_modules_are_documented_and_typed():
+    for name in ("BeamPatternTableManager", "CalibrationTableManager", "AAKitTableManager",
+                 "UDDeltaFreqTableManager", "QRVTableDBError", "BTModeFilter", "BTSetOption", "BTField",
+                 "BTBeamField", "AAKitField"):
+        assert getattr(tm, name).__doc__
+    import vexcore.QRVUtils as utils
+
+    declared = {node.name for node in stub_tree(utils.__file__ + "i").body if isinstance(node, ast.ClassDef)}
+    assert declared == {name for name, value in vars(utils).items() if inspect.isclass(value)
+                        and value.__module__ == utils.__name__}

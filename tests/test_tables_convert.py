@@ -1,5 +1,7 @@
 """vexcore-tables convert: old beam tables upgraded and calibration CSVs exported by the managers."""
 import json
+import os
+import stat
 
 import pytest
 
@@ -46,6 +48,34 @@ def test_in_place_replaces_the_table_and_a_second_run_has_nothing_to_do(files, c
     before = path.read_bytes()
     status, out, _ = run_tool(capsys, "convert", path, "--in-place")
     assert status == 0 and "already in the current format (v2.0.0)" in out and path.read_bytes() == before
+
+
+@pytest.fixture
+def umask():
+    """umask(mask): the process umask is mask until the test ends."""
+    previous = os.umask(0o022)
+    yield os.umask
+    os.umask(previous)
+
+
+def test_in_place_keeps_the_mode_and_replaces_what_a_link_points_to(files, capsys, umask):
+    umask(0o077)                                  # would make a new file 0600: the table keeps its own mode
+    path = _old_table(files)
+    path.chmod(0o644)
+    link = path.parent / "current.json"
+    link.symlink_to(path.name)
+    beside = sorted(os.listdir(path.parent))
+    status, _, err = run_tool(capsys, "convert", link, "--in-place", "--kind", "beam")
+    assert status == 0 and link.is_symlink() and os.readlink(link) == path.name, err
+    assert json.loads(path.read_text(encoding="utf-8"))["VERSION"] == "v2.0.0"
+    assert stat.S_IMODE(path.stat().st_mode) == 0o644
+    assert sorted(os.listdir(path.parent)) == beside           # nothing else left beside them
+
+
+def test_an_export_gets_the_mode_the_umask_gives(files, capsys, umask):
+    umask(0o027)
+    status, _, _ = run_tool(capsys, "convert", files / CALI)
+    assert status == 0 and stat.S_IMODE((files / CALI.replace(".csv", ".json")).stat().st_mode) == 0o640
 
 
 @pytest.mark.parametrize("make, message", [

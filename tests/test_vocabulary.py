@@ -1,6 +1,7 @@
 """The module's names: start-up order, enumerations, the dual-polarization record, the
 default hooks, and where the sibling utilities find the files directory."""
 import datetime
+import re
 
 import pytest
 
@@ -80,3 +81,38 @@ def test_files_directory_is_configured_or_beside_the_working_directory(monkeypat
     monkeypatch.delenv("VEXCORE_FILES_DIR")
     monkeypatch.chdir(tmp_path)
     assert _Utils._get_files_dir() == str(tmp_path / "files")
+
+
+ERR = RetCode.ERROR
+
+
+@pytest.mark.parametrize("args, kwargs, fields", [
+    ((), {}, (RetCode.OK, "", None)),
+    ((ERR, "m"), {}, (ERR, "m", None)),
+    ((ERR, "m", 3), {}, (ERR, "m", 3)),
+    ((ERR,), {"data": 1}, (ERR, "", 1)),
+    ((), {"data": 0}, (RetCode.OK, "", 0)),
+    ((), {"msg": "t"}, (RetCode.OK, "t", None)),
+    ((ERR,), {"RetMsg": "x"}, (ERR, "x", None)),
+    ((), {"RetCode": ERR, "RetMsg": "x", "RetData": [2]}, (ERR, "x", [2])),
+    ((), {"code": None, "msg": None}, (None, None, None)),
+])
+def test_result_record_forms(args, kwargs, fields):
+    ret = RetType(*args, **kwargs)
+    assert (ret.RetCode, ret.RetMsg, ret.RetData) == fields
+    assert repr(ret) == "RetType(RetCode=%s, RetMsg=%r, RetData=%r)" % fields
+    ret.RetMsg = "prefix: " + str(ret.RetMsg)   # callers prefix messages
+    assert ret.RetMsg.startswith("prefix: ")
+
+
+@pytest.mark.parametrize("args, kwargs, message", [
+    ((ERR,), {"RetCode": ERR}, "RetType() got values for both 'code' and 'RetCode'"),
+    ((), {"msg": "", "RetMsg": "a"}, "RetType() got values for both 'msg' and 'RetMsg'"),
+    ((), {"data": None, "RetData": 1}, "RetType() got values for both 'data' and 'RetData'"),
+    ((), {"code": ERR, "RetCode": ERR, "other": 1}, "unexpected keyword argument 'other'"),
+    ((ERR,), {"code": ERR}, "multiple values for argument 'code'"),
+    ((1, 2, 3, 4), {}, "positional arguments but 5 were given"),
+])
+def test_result_record_refuses_conflicting_fields(args, kwargs, message):
+    with pytest.raises(TypeError, match=re.escape(message)):
+        RetType(*args, **kwargs)

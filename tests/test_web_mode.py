@@ -1,6 +1,8 @@
-"""Web mode end to end against the real sqlite-backed service, and the demonstration."""
+"""Web mode end to end against the real query service on both engines, and the demonstration."""
+import logging
 import os
 import shutil
+import sqlite3
 import subprocess
 import sys
 
@@ -16,14 +18,16 @@ from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
 
 SN, FREQ = "K5350R019-28", 28
 SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
+# Written by the first release's query service: the sample table at 28 and 27.5 GHz,
+# a row that does not decode, a beam table and a kit.
+FIRST_RELEASE_DB = os.path.join(os.path.dirname(__file__), "data", "tables_v1.db")
 
 
 @pytest.fixture
-def stocked(files_dir, monkeypatch):
+def stocked(files_dir, database, monkeypatch):
     """The sample calibration file in the files directory and in the database."""
     shutil.copy(SAMPLE, files_dir)
-    db = files_dir / "tables.db"
-    monkeypatch.setenv("VEXCORE_DB", str(db))
+    monkeypatch.setenv("VEXCORE_DB", database)
     import_calibration_files([str(files_dir / samples.CALIBRATION_FILE)])
     return files_dir
 
@@ -39,22 +43,67 @@ def test_web_mode_answers_like_file_mode(tm, stocked):
     file_mode, web_mode = managers(tm)
     assert web_mode.getFrequencyList().RetData == file_mode.getFrequencyList().RetData == [28.0]
     assert web_mode.queryCaliTableVer().RetData == file_mode.queryCaliTableVer().RetData == "2.1.0"
-    for mode in (None, *RFMode):
-        assert web_mode.getDR(mode).RetData == file_mode.getDR(mode).RetData
-    assert web_mode.getCOMDR().RetData == file_mode.getCOMDR().RetData
+    assert_web_answers_like_file_mode(file_mode, web_mode)
     # A stored one-value list of element limits comes back from the database as its value.
     assert web_mode.getELEDR().RetData == [[limit[0] for limit in per_mode] for per_mode in file_mode.getELEDR().RetData]
-    assert web_mode._getTC() == file_mode._getTC()
-    assert web_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1) == file_mode._getBoardsOffset([1, 2, 3, 4], "TX", 1)
     steps = file_mode._searchComStepDR(2, "TX", -4.0, -1.0, None)
     assert steps and web_mode._searchComStepDR(2, "TX", -4.0, -1.0, None) == steps
     ask = ("TX", 2, 1, [1, 2, 3, 4], [-4.0] * 4, ["45"] * 4, steps)
     assert web_mode._getComData(*ask) == file_mode._getComData(*ask)
 
 
-def test_bad_files_are_refused_with_the_parser_result(tmp_path, monkeypatch):
+def assert_web_answers_like_file_mode(file_mode, web_mode):
+    for mode in (None, *RFMode):
+        assert web_mode.getDR(mode).RetData == file_mode.getDR(mode).RetData
+    assert web_mode.getCOMDR().RetData == file_mode.getCOMDR().RetData
+    assert web_mode._getTC() == file_mode._getTC()
+    for mode in ("TX", "RX"):
+        assert web_mode._getBoardsOffset([1, 2, 3, 4], mode, 1) == file_mode._getBoardsOffset([1, 2, 3, 4], mode, 1)
+
+
+@pytest.mark.parametrize("how", ["first open", "migrate command"])
+def test_first_release_database_is_upgraded_with_nothing_lost(tm, files_dir, tmp_path, monkeypatch, caplog, how):
+    path = str(tmp_path / "old.db")
+    shutil.copy(FIRST_RELEASE_DB, path)
+    shutil.copy(SAMPLE, files_dir)
+    monkeypatch.setenv("VEXCORE_DB", path)
+    moved = "2 calibration tables moved to layout 2, 1 unreadable kept in calibration_unreadable"
+    if how == "migrate command":
+        run = subprocess.run([sys.executable, "-m", "vexcore.db", "migrate"], capture_output=True, text=True)
+        assert (run.returncode, run.stdout) == (0, "%s: %s\n" % (path, moved))
+    with caplog.at_level(logging.INFO, logger="vexcore.db"):
+        file_mode, web_mode = managers(tm)
+        assert web_mode.getFrequencyList().RetData == [27.5, 28.0]
+    upgraded = [r.getMessage() for r in caplog.records if r.name == "vexcore.db" and "upgraded" in r.getMessage()]
+    assert upgraded == ([] if how == "migrate command" else ["table database %s upgraded: %s" % (path, moved)])
+    assert_web_answers_like_file_mode(file_mode, web_mode)
+    beams = BeamTableStore(SN, path)("_load", freq=28, aakit="KIT", devtype=9).RetData
+    assert beams["TX"]["1"]["beam_description"] == "old release"
+    assert AAKitStore(path).list_kits(9, 2, [9]).RetData["OldKit"]["OFFSET_TX"] == [1, 2]
+    with sqlite3.connect(path) as raw:
+        assert raw.execute("SELECT sn, content FROM calibration_unreadable").fetchall() == [("BROKEN-1", '{"VER": ')]
+
+
+@pytest.mark.parametrize("ask", [lambda m: m._getTC(), lambda m: m._getBoardsOffset([1], "TX", 1),
+                                 lambda m: m._getBoardCOMDR(0, 0),
+                                 lambda m: m._searchComStepDR(1, "TX", -4.0, -1.0, None)],
+                         ids=["_getTC", "_getBoardsOffset", "_getBoardCOMDR", "_searchComStepDR"])
+def test_damaged_row_reaches_the_manager_as_database_error(tm, stocked, database, ask):
+    with service.transaction(database) as db:
+        db.execute("UPDATE calibration_entry SET content = 'not json' WHERE category = 'BOARD_1'")
+    web_mode = managers(tm)[1]
+    with pytest.raises(tm.QRVTableDBError) as raised:
+        ask(web_mode)
+    assert raised.value.ret.RetCode == RetCode.ERROR_DB_FEEDBACK
+    assert "K5350R019-28 at 28.0 GHz, BOARD_1 TX: stored entry does not decode" in raised.value.ret.RetMsg
+    assert web_mode.getCOMDR().RetMsg == raised.value.ret.RetMsg
+    too_high = tm.CalibrationTableManager(SN, 10 ** 400, tm.fake_rf_layout, web_client_id="111").getDR()
+    assert (too_high.RetCode, too_high.RetMsg[:24]) == (RetCode.ERROR_DB_FEEDBACK, "frequency is not a numbe")
+
+
+def test_bad_files_are_refused_with_the_parser_result(tmp_path, database, monkeypatch):
     assert infer_layout(SAMPLE) == (4, 1, 4)
-    monkeypatch.setenv("VEXCORE_DB", str(tmp_path / "tables.db"))
+    monkeypatch.setenv("VEXCORE_DB", database)
     broken = tmp_path / ("%s_28GHz.csv" % SN)
     broken.write_text(open(SAMPLE).read().replace("END\n", ""))
     with pytest.raises(UploadError, match="ERROR_BF_CALI_PARSE: cali file is broken"):
@@ -87,8 +136,8 @@ def test_demonstration_runs_on_the_samples_and_explains_a_missing_set_up(tmp_pat
         assert expected in run.stdout, expected
 
 
-def test_beam_tables_round_trip_through_the_database(tm, tmp_path, files_dir):
-    path = str(tmp_path / "web.db")
+def test_beam_tables_round_trip_through_the_database(tm, database, files_dir):
+    path = database
 
     def manager():
         beams = make_manager(tm, hooks=Hooks(), web_client_id="111")
@@ -107,8 +156,8 @@ def test_beam_tables_round_trip_through_the_database(tm, tmp_path, files_dir):
     assert not list(files_dir.rglob("*.json"))            # no local beam file in web mode
 
 
-def test_kits_round_trip_through_the_database(tm, tmp_path, files_dir):
-    store = AAKitStore(str(tmp_path / "web.db"))
+def test_kits_round_trip_through_the_database(tm, database, files_dir):
+    store = AAKitStore(database)
     writer = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
     name = writer.setAAKitInfo("Lab", [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [1, 2, 3, 4], [4, 3, 2, 1]).RetData
     assert writer.saveAAKitFile(name, callback=store.store).RetCode == RetCode.OK

@@ -226,6 +226,23 @@ class CalibrationTableManager:
     def _getBoardELEDR(self, mode, board_idx):
         return self.__getXXXDR("ELEDR")[RFMode(mode).value][board_idx]
 
+    def _getBoardsOffset(self, boards, rf_mode_str=RFMode.TX.name, chip=1):
+        """Per-board channel offsets of one chip, cached; callers get copies."""
+        if self.__allOffset is None:
+            self.__allOffset = {}
+        mode_cache = self.__allOffset.setdefault(rf_mode_str, {})
+        chip_name = "OFFSET_CHIP_%s" % chip
+        result = []
+        for board in [boards] if isinstance(boards, int) else boards:
+            board_name = "BOARD_%s" % board
+            cached = mode_cache.get(board_name, {}).get(chip_name)
+            if cached is None:
+                stored = self._CaliTable[board_name][rf_mode_str][chip_name]
+                cached = [int(stored["CHANNEL_%d" % ch]) for ch in range(1, self._num_channel_per_ic + 1)]
+                mode_cache.setdefault(board_name, {})[chip_name] = cached
+            result.append(list(cached))
+        return result
+
     def _getTC(self):
         result = []
         for number in range(1, self._num_board * self._num_ic_per_board + 1):

@@ -1,7 +1,13 @@
 #include "py/bridge.h"
 
+#include <structmember.h>   // PyMemberDef, T_OBJECT_EX, READONLY (older Pythons: not in Python.h)
+
 #include <deque>
 #include <new>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 namespace vex::py {
 
@@ -28,19 +34,35 @@ std::string mangle(const char* class_name, const char* member) {
 // --------------------------------------------------------- module globals --
 
 namespace {
-PyObject* g_module = nullptr;   // strong reference, kept for the life of the process
+PyObject* g_module = nullptr;        // strong reference, kept for the life of the process
+PyObject* g_module_dict = nullptr;   // its namespace (borrowed from the module, which never goes)
+
+// The interned Python string for a C text, made once per distinct text: names
+// chosen at run time (an enumeration member named by a caller) cost a hash lookup
+// instead of a new string on every use.
+PyObject* interned(const char* text) {
+    static std::deque<std::string> texts;                             // stable storage for the keys
+    static std::unordered_map<std::string_view, PyObject*> known;     // kept for the life of the process
+    auto found = known.find(std::string_view(text));
+    if (found != known.end()) return found->second;
+    PyObject* name = PyUnicode_InternFromString(text);
+    if (!name) raise_already_set();
+    texts.emplace_back(text);
+    known.emplace(std::string_view(texts.back()), name);
+    return name;
 }
+}  // namespace
 
 void set_module(nb::handle m) {
     Py_XINCREF(m.ptr());
     g_module = m.ptr();
+    g_module_dict = PyModule_GetDict(g_module);
 }
 
 nb::handle module() { return g_module; }
 
 nb::object global(const Name& name) {
-    PyObject* dict = PyModule_GetDict(g_module);
-    PyObject* value = PyDict_GetItemWithError(dict, name.ptr());
+    PyObject* value = PyDict_GetItemWithError(g_module_dict, name.ptr());
     if (value) return nb::borrow(value);
     if (PyErr_Occurred()) raise_already_set();
     // Python falls back to builtins before giving up.
@@ -59,7 +81,9 @@ nb::object RetType() {
 
 nb::object RetCode(const char* member) {
     static const Name n{"RetCode"};
-    return nb::getattr(global(n), member);
+    PyObject* code = PyObject_GetAttr(global(n).ptr(), interned(member));
+    if (!code) raise_already_set();
+    return nb::steal(code);
 }
 
 nb::object RFMode() {
@@ -72,41 +96,201 @@ nb::object BeamType() {
     return global(n);
 }
 
+// ----------------------------------------------------------- enumerations --
+
+nb::object enum_member(nb::handle enum_class, nb::handle value) {
+    if (Py_TYPE(value.ptr()) == reinterpret_cast<PyTypeObject*>(enum_class.ptr())) return nb::borrow(value);
+    PyObject* member = PyObject_CallOneArg(enum_class.ptr(), value.ptr());
+    if (!member) raise_already_set();
+    return nb::steal(member);
+}
+
+EnumMember enum_fields(nb::handle member) {
+    static const Name k_name{"name"}, k_value{"value"};
+    constexpr size_t kRemembered = 32;   // the RF modes, beam types, flags and options of a process
+    static std::vector<EnumMember>* known = [] {   // kept for good; never reallocated
+        auto* members = new std::vector<EnumMember>();
+        members->reserve(kRemembered);
+        return members;
+    }();
+    for (const EnumMember& m : *known)
+        if (m.member.ptr() == member.ptr()) return m;
+    EnumMember fields{nb::borrow(member), getattr(member, k_name), getattr(member, k_value)};
+    if (known->size() < kRemembered) known->push_back(fields);   // beyond: a host making members again and again
+    return fields;
+}
+
 // ---------------------------------------------------------------- results --
 
-nb::object ret_ok() { return RetType()(); }
+namespace {
 
-nb::object ret_error(const char* code, nb::handle msg) { return RetType()(RetCode(code), msg); }
+const Name k_RetCode{"RetCode"}, k_RetMsg{"RetMsg"}, k_RetData{"RetData"};
 
-nb::object ret_error(const char* code, std::string_view msg) { return ret_error(code, str(msg)); }
+// The record class vexcore.QRVUtils supplies, what its construction is made of, and
+// the fields of RetType(); all kept for the life of the process.
+struct StockResultType {
+    PyObject* type = nullptr;
+    PyObject* init = nullptr;                  // the __init__ function in the class namespace
+    PyObject* init_code = nullptr;             // ... and its code, defaults and keyword defaults
+    PyObject* init_defaults = nullptr;
+    PyObject* init_kwdefaults = nullptr;
+    PyObject* members[3] = {};                 // the slot descriptors of RetCode, RetMsg, RetData
+    Py_ssize_t offsets[3] = {};                // ... and where each keeps its value in an instance
+    PyObject* defaults[3] = {};                // the fields of RetType()
+    PyObject* no_args = nullptr;               // ()
+};
+StockResultType g_stock;
 
-// RetType(data=value), called with a keyword-names tuple made once: results are
-// built on every query, and a keyword call through the binding layer costs more.
-nb::object ret_data(nb::handle data) {
-    static PyObject* keywords = nullptr;   // ("data",), kept for the life of the process
-    if (!keywords) {
-        static const Name data_name{"data"};
-        keywords = PyTuple_Pack(1, data_name.ptr());
-        if (!keywords) raise_already_set();
+const Name* const k_fields[3] = {&k_RetCode, &k_RetMsg, &k_RetData};
+
+// cls.__dict__.get(name), borrowed.
+PyObject* class_entry(PyTypeObject* type, const Name& name) {
+    PyObject* entry = PyDict_GetItemWithError(type->tp_dict, name.ptr());
+    if (!entry && PyErr_Occurred()) raise_already_set();
+    return entry;
+}
+
+const Name k_init{"__init__"};
+
+// Whether calling `cls` would run exactly the stock record's construction: the same
+// class, made by `type`, creating instances with object.__new__, storing attributes
+// with object.__setattr__ into the same slots, and the same __init__ function made of
+// the same code and defaults. Anything a host may patch on the class or its __init__
+// makes this false, and the class is then simply called.
+bool is_stock_result_type(PyObject* cls) {
+    if (cls != g_stock.type) return false;
+    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
+    if (Py_TYPE(cls) != &PyType_Type || type->tp_new != PyBaseObject_Type.tp_new ||
+        type->tp_setattro != PyObject_GenericSetAttr)
+        return false;
+    for (int i = 0; i < 3; ++i)
+        if (class_entry(type, *k_fields[i]) != g_stock.members[i]) return false;
+    PyObject* init = class_entry(type, k_init);
+    return init == g_stock.init && PyFunction_GET_CODE(init) == g_stock.init_code &&
+           PyFunction_GET_DEFAULTS(init) == g_stock.init_defaults &&
+           PyFunction_GET_KW_DEFAULTS(init) == g_stock.init_kwdefaults;
+}
+
+// The stock record with the given fields (null: the field's default), built as
+// type.__call__ and the stock __init__ would: object.__new__, then each field stored
+// in its slot, as its slot descriptor stores it into a fresh instance.
+nb::object fill_stock_result(PyObject* const fields[3]) {
+    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(g_stock.type);
+    PyObject* result = type->tp_new(type, g_stock.no_args, nullptr);
+    if (!result) raise_already_set();
+    for (int i = 0; i < 3; ++i) {
+        PyObject* value = fields[i] ? fields[i] : g_stock.defaults[i];
+        PyObject** slot = reinterpret_cast<PyObject**>(reinterpret_cast<char*>(result) + g_stock.offsets[i]);
+        Py_XSETREF(*slot, Py_NewRef(value));
     }
-    PyObject* args[2] = {nullptr, data.ptr()};
-    PyObject* result = PyObject_Vectorcall(RetType().ptr(), args + 1, PY_VECTORCALL_ARGUMENTS_OFFSET, keywords);
+    return nb::steal(result);
+}
+
+// The slot descriptor of one field, when it is a plain writable object slot.
+PyMemberDescrObject* field_slot(PyTypeObject* type, const Name& name) {
+    PyObject* entry = class_entry(type, name);
+    if (!entry || Py_TYPE(entry) != &PyMemberDescr_Type) return nullptr;
+    auto* member = reinterpret_cast<PyMemberDescrObject*>(entry);
+    if (member->d_member->type != T_OBJECT_EX || (member->d_member->flags & READONLY)) return nullptr;
+    return member;
+}
+
+// A keyword a result is built with: the field it sets and the names tuple for vectorcall.
+class Keyword {
+public:
+    Keyword(const char* name, int field) : name_(name), field_(field) {}
+    int field() const { return field_; }
+    PyObject* names() const {
+        if (!names_) {
+            names_ = PyTuple_Pack(1, name_.ptr());   // kept for the life of the process
+            if (!names_) raise_already_set();
+        }
+        return names_;
+    }
+
+private:
+    Name name_;
+    int field_;
+    mutable PyObject* names_ = nullptr;
+};
+
+const Keyword kw_data{"data", 2}, kw_msg{"msg", 1}, kw_RetMsg{"RetMsg", 1};
+
+// RetType(code, msg, <keyword>=value), each part only when given (null or no keyword:
+// left out), through the module's current RetType.
+nb::object make_result(nb::handle code, nb::handle msg, const Keyword* keyword = nullptr,
+                       nb::handle value = nb::handle()) {
+    nb::object cls = RetType();
+    if (is_stock_result_type(cls.ptr())) {
+        PyObject* fields[3] = {code.ptr(), msg.ptr(), nullptr};
+        if (keyword) fields[keyword->field()] = value.ptr();
+        return fill_stock_result(fields);
+    }
+    PyObject* args[4] = {nullptr};   // args[0] free for the callee (PY_VECTORCALL_ARGUMENTS_OFFSET)
+    size_t positional = 0;
+    if (code.is_valid()) args[1 + positional++] = code.ptr();
+    if (msg.is_valid()) args[1 + positional++] = msg.ptr();
+    if (keyword) args[1 + positional] = value.ptr();
+    PyObject* result = PyObject_Vectorcall(cls.ptr(), args + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                           keyword ? keyword->names() : nullptr);
     if (!result) raise_already_set();
     return nb::steal(result);
 }
 
-nb::object ret_code_data(const char* code, nb::handle data) {
-    return RetType()(RetCode(code), nb::arg("data") = data);
+}  // namespace
+
+void remember_stock_result_type(nb::handle cls) {
+    // Anything but a plain class with three object slots and a Python __init__ is
+    // never taken for the stock record: it is always called.
+    if (!PyType_Check(cls.ptr())) return;
+    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
+    PyObject* init = class_entry(type, k_init);
+    if (!init || !PyFunction_Check(init)) return;
+    StockResultType stock;
+    for (int i = 0; i < 3; ++i) {
+        PyMemberDescrObject* member = field_slot(type, *k_fields[i]);
+        if (!member) return;
+        stock.members[i] = Py_NewRef(reinterpret_cast<PyObject*>(member));
+        stock.offsets[i] = member->d_member->offset;
+    }
+    // RetType(), called the ordinary way, gives the default fields (constants of the
+    // record's own module, which are not a host's to replace).
+    nb::object prototype = cls();
+    for (int i = 0; i < 3; ++i) stock.defaults[i] = getattr(prototype, *k_fields[i]).release().ptr();
+    stock.no_args = PyTuple_New(0);
+    if (!stock.no_args) raise_already_set();
+    stock.type = Py_NewRef(cls.ptr());
+    stock.init = Py_NewRef(init);
+    // Held here as well as by the function, so that their addresses can never be
+    // reused by other objects that would then pass for them.
+    stock.init_code = Py_XNewRef(PyFunction_GET_CODE(init));
+    stock.init_defaults = Py_XNewRef(PyFunction_GET_DEFAULTS(init));
+    stock.init_kwdefaults = Py_XNewRef(PyFunction_GET_KW_DEFAULTS(init));
+    g_stock = stock;
 }
 
-nb::object ret_msg(std::string_view msg) { return RetType()(nb::arg("msg") = str(msg)); }
+nb::object ret_ok() { return make_result(nb::handle(), nb::handle()); }
+
+nb::object ret_error(const char* code, nb::handle msg) { return make_result(RetCode(code), msg); }
+
+nb::object ret_error(const char* code, std::string_view msg) { return ret_error(code, str(msg)); }
+
+nb::object ret_error_named(const char* code, nb::handle msg) {
+    return make_result(RetCode(code), nb::handle(), &kw_RetMsg, msg);
+}
+
+nb::object ret_data(nb::handle data) { return make_result(nb::handle(), nb::handle(), &kw_data, data); }
+
+nb::object ret_code_data(const char* code, nb::handle data) {
+    return make_result(RetCode(code), nb::handle(), &kw_data, data);
+}
+
+nb::object ret_msg(std::string_view msg) { return make_result(nb::handle(), nb::handle(), &kw_msg, str(msg)); }
 
 bool ret_failed(nb::handle result) {
-    static const Name n{"RetCode"};
-    nb::object code = getattr(result, n);
-    int r = PyObject_RichCompareBool(code.ptr(), RetCode("OK").ptr(), Py_NE);
-    if (r < 0) raise_already_set();
-    return r == 1;
+    static const Name k_codes{"RetCode"}, k_OK{"OK"};
+    nb::object code = getattr(result, k_RetCode);
+    return compare(code, getattr(global(k_codes), k_OK), Py_NE);
 }
 
 // ---------------------------------------------------------------- logging --
@@ -128,6 +312,15 @@ bool Log::on(int level) const {
     Py_DECREF(r);
     if (truth < 0) raise_already_set();
     return truth == 1;
+}
+
+nb::object Log::message(const char* text) { return str(text); }
+
+void Log::call_method(Method method, PyObject* const* args, size_t nargs) {
+    static const Name names[] = {Name("debug"), Name("info"), Name("warning"), Name("error"), Name("exception")};
+    PyObject* r = PyObject_VectorcallMethod(names[method].ptr(), args, nargs, nullptr);
+    if (!r) raise_already_set();
+    Py_DECREF(r);
 }
 
 nb::str str(std::string_view text) {

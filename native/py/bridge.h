@@ -15,8 +15,10 @@
 
 #include <nanobind/nanobind.h>
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace nb = nanobind;
@@ -60,13 +62,39 @@ nb::object RetCode(const char* member);     // RetCode.<member>
 nb::object RFMode();
 nb::object BeamType();
 
+// ----------------------------------------------------------- enumerations --
+
+// Enum(value): a member of that very class is itself (Enum(member) is member, and
+// the class call would run Python-level code to say so); anything else is passed
+// to the class, which converts it or raises.
+nb::object enum_member(nb::handle enum_class, nb::handle value);
+
+// An enumeration member with its name and value.
+struct EnumMember {
+    nb::object member;
+    nb::object name;
+    nb::object value;
+};
+// Both are Python-level properties of a member that never change, and the tables
+// need them on every call: they are read once for each of the first members met
+// (kept referenced, so an entry can never be taken for another object).
+EnumMember enum_fields(nb::handle member);
+
 // ---------------------------------------------------------------- results --
+
+// Called once by the module initialiser with the record class vexcore.QRVUtils
+// supplies. While the module global RetType is that class, unchanged, results are
+// filled in directly (what its __init__ would do, without running it); a replaced or
+// patched RetType is called like any other class.
+void remember_stock_result_type(nb::handle cls);
 
 // RetType()
 nb::object ret_ok();
 // RetType(RetCode.<code>, msg)
 nb::object ret_error(const char* code, nb::handle msg);
 nb::object ret_error(const char* code, std::string_view msg);
+// RetType(RetCode.<code>, RetMsg=msg)
+nb::object ret_error_named(const char* code, nb::handle msg);
 // RetType(data=value)
 nb::object ret_data(nb::handle data);
 // RetType(RetCode.<code>, data=value)
@@ -83,7 +111,8 @@ enum Level : int { DEBUG = 10, INFO = 20, WARNING = 30, ERROR = 40 };
 
 // A named logger of the standard logging module. Messages are handed over as a
 // template plus arguments, exactly as Python code would call logger.info(msg, *args),
-// so record.msg, record.args and record.getMessage() match.
+// so record.msg, record.args and record.getMessage() match. A template given as C
+// text becomes a Python string only when the level is enabled.
 class Log {
 public:
     Log() = default;
@@ -93,32 +122,45 @@ public:
     // logger.isEnabledFor(level): test before building an expensive message.
     bool on(int level) const;
 
-    template <class... A> void debug(nb::handle msg, A&&... args) const {
-        emit(DEBUG, "debug", msg, std::forward<A>(args)...);
+    template <class M, class... A> void debug(M&& msg, A&&... args) const {
+        emit(DEBUG, kDebug, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class... A> void info(nb::handle msg, A&&... args) const {
-        emit(INFO, "info", msg, std::forward<A>(args)...);
+    template <class M, class... A> void info(M&& msg, A&&... args) const {
+        emit(INFO, kInfo, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class... A> void warning(nb::handle msg, A&&... args) const {
-        emit(WARNING, "warning", msg, std::forward<A>(args)...);
+    template <class M, class... A> void warning(M&& msg, A&&... args) const {
+        emit(WARNING, kWarning, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class... A> void error(nb::handle msg, A&&... args) const {
-        emit(ERROR, "error", msg, std::forward<A>(args)...);
+    template <class M, class... A> void error(M&& msg, A&&... args) const {
+        emit(ERROR, kError, std::forward<M>(msg), std::forward<A>(args)...);
     }
     // logger.exception(msg, *args): call it while the caught exception is the
     // handled one (inside Guard's error path), so the record carries it.
-    template <class... A> void exception(nb::handle msg, A&&... args) const {
-        emit(ERROR, "exception", msg, std::forward<A>(args)...);
+    template <class M, class... A> void exception(M&& msg, A&&... args) const {
+        emit(ERROR, kException, std::forward<M>(msg), std::forward<A>(args)...);
     }
 
     nb::handle logger() const { return logger_; }
 
 private:
-    template <class... A>
-    void emit(int level, const char* method, nb::handle msg, A&&... args) const {
+    enum Method { kDebug, kInfo, kWarning, kError, kException };
+
+    template <class M, class... A>
+    void emit(int level, Method method, M&& msg, A&&... args) const {
         if (!on(level)) return;
-        logger_.attr(method)(msg, std::forward<A>(args)...);
+        nb::object values[] = {message(std::forward<M>(msg)), argument(std::forward<A>(args))...};
+        PyObject* call[2 + sizeof...(A)];
+        call[0] = logger_.ptr();
+        for (size_t i = 0; i <= sizeof...(A); ++i) call[i + 1] = values[i].ptr();
+        call_method(method, call, 2 + sizeof...(A));
     }
+    static nb::object message(nb::handle text) { return nb::borrow(text); }
+    static nb::object message(const char* text);
+    static nb::object argument(const Name& name) { return nb::borrow(name.ptr()); }
+    template <class T> static nb::object argument(T&& value) { return nb::cast(std::forward<T>(value)); }
+    // logger.<method>(*args[1:]) with args[0] the logger, through vectorcall.
+    static void call_method(Method method, PyObject* const* args, size_t nargs);
+
     nb::object logger_;
 };
 
@@ -202,6 +244,39 @@ nb::object dict_get(nb::handle mapping, nb::handle key);
 // argument of a bound function: arg("freq") = nb::none() gives a default.
 inline auto arg(const char* name) { return nb::arg(name).none(); }
 
+// The typed signature and docstring that help() and editors show for a bound
+// function, looked up by owner (class name, "" for a module function) and Python
+// name in the module's table (tables/docstrings.cpp). Every bound function must have
+// an entry whose parameter names are those of the binding: otherwise this raises and
+// the module fails to import, so the documentation cannot drift from the code.
+struct FunctionDoc {
+    const char* owner;
+    const char* name;
+    const char* signature;   // "def name(self, a: int = 0) -> RetType"
+    const char* text;
+};
+const FunctionDoc& function_doc(const char* owner, const char* name,
+                                std::initializer_list<const char*> arg_names);
+
+// The parameter name of a binding extra (nb::arg, with or without default), or
+// nullptr for the other extras.
+template <class T, class = void>
+struct is_arg_extra : std::false_type {};
+template <class T>
+struct is_arg_extra<T, std::void_t<decltype(std::declval<const T&>().name_)>> : std::true_type {};
+template <class T>
+const char* arg_name(const T& extra) {
+    if constexpr (is_arg_extra<T>::value) return extra.name_;
+    else return nullptr;
+}
+
+// A module-level function, documented from the table.
+template <class F, class... Extra>
+void def_function(nb::module_& m, const char* name, F&& f, const Extra&... extra) {
+    const FunctionDoc& doc = function_doc("", name, {arg_name(extra)...});
+    m.def(name, std::forward<F>(f), extra..., nb::sig(doc.signature), doc.text);
+}
+
 // Builds a plain Python class (created with type(), base object unless given)
 // whose methods are C++ functions. Instances are ordinary Python objects: their
 // state lives in the instance __dict__, they take new attributes, join garbage
@@ -218,8 +293,9 @@ public:
 
     template <class F, class... Extra>
     ClassBuilder& def(const char* name, F&& f, const Extra&... extra) {
+        const FunctionDoc& doc = function_doc(name_, name, {arg_name(extra)...});
         nb::cpp_function_def(std::forward<F>(f), nb::scope(cls_), nb::name(name),
-                             nb::is_method(), extra...);
+                             nb::is_method(), extra..., nb::sig(doc.signature), doc.text);
         return *this;
     }
 

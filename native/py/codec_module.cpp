@@ -2,6 +2,9 @@
 // that tests can compare them with the standard library and benchmarks can time
 // them. Drivers never use it.
 #include "py/codecs.h"
+#include "codec/atomic_file.h"
+
+#include <cerrno>
 
 #include <nanobind/stl/string.h>
 
@@ -94,6 +97,30 @@ void write_atomic(nb::handle path, nb::handle data) {
     write_file_atomic(path, utf8_arg(data));
 }
 
+std::string bytes_arg(nb::handle b) {
+    if (!PyBytes_Check(b.ptr())) raise(PyExc_TypeError, "a bytes path is required");
+    return std::string(PyBytes_AS_STRING(b.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(b.ptr())));
+}
+
+// The writer as it works where the file system refuses unnamed temporary files.
+void write_atomic_named(nb::handle path, nb::handle data) {
+    const std::string where = bytes_arg(path);
+    const std::string content = bytes_arg(data);
+    if (const int err = codec::write_file_atomic(where, content, codec::Staging::Named)) {
+        errno = err;
+        PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, path.ptr());
+        raise_already_set();
+    }
+}
+
+// (name, kind, pid, host, local, stale) of each file the module owns in a folder.
+nb::list owned_files(nb::handle folder) {
+    nb::list found;
+    for (const codec::OwnedFile& f : codec::owned_files(bytes_arg(folder)))
+        found.append(nb::make_tuple(nb::bytes(f.name.data(), f.name.size()), f.kind, f.pid, f.host, f.local, f.stale));
+    return found;
+}
+
 }  // namespace
 
 void define_codec_submodule(nb::module_& m) {
@@ -113,6 +140,12 @@ void define_codec_submodule(nb::module_& m) {
     c.def("dump_json_file_atomic",
           [](nb::handle obj, nb::handle indent, nb::handle path) { dump_json_file_atomic(obj, nb::cast<int>(indent), path); },
           arg("obj"), arg("indent"), arg("path"));
+    // Paths as bytes (os.fsencode): the staging and owned-file helpers of the
+    // atomic writer, for the table tool's check and for tests.
+    c.def("write_file_atomic_named", &write_atomic_named, arg("path"), arg("data"));
+    c.def("owned_files", &owned_files, arg("folder"));
+    c.def("remove_stale_temporaries",
+          [](nb::handle folder) { return codec::remove_stale_temporaries(bytes_arg(folder)); }, arg("folder"));
 }
 
 }  // namespace vex::py

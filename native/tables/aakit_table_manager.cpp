@@ -13,14 +13,22 @@
 // and tests can read and patch it. Public and single-underscore methods that call
 // each other go through the instance, so subclass overrides take effect.
 #include "tables/tables.h"
+#include "codec/atomic_file.h"
 #include "py/codecs.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace vex::tables {
 namespace {
@@ -176,6 +184,30 @@ nb::object kit_file_path(nb::handle self, nb::handle kit_name) {
     PyObject* path = PyNumber_TrueDivide(getattr(self, k_default_dir).ptr(), file_name.ptr());
     if (!path) raise_already_set();
     return nb::steal(path);
+}
+
+// The bytes the file system sees for a path (os.fsencode).
+std::string fs_bytes(nb::handle path) {
+    nb::object encoded = global(g_os).attr("fsencode")(path);
+    return std::string(PyBytes_AS_STRING(encoded.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.ptr())));
+}
+
+// A path with NUL names no file (the system would read only the part before it).
+bool file_exists(const std::string& path) {
+    struct stat st;
+    return path.find('\0') == std::string::npos && ::lstat(path.c_str(), &st) == 0;
+}
+
+bool same_file(const std::string& a, const std::string& b) {
+    struct stat sa, sb;
+    return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
+// The longest file name the files directory takes.
+long name_max(const std::string& folder) {
+    const long limit = ::pathconf(folder.c_str(), _PC_NAME_MAX);
+    return limit > 0 ? limit : 255;
 }
 
 // ============================================================ constructor ===
@@ -474,13 +506,35 @@ void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& ki
     }
 }
 
-nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback);
+nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
+                       nb::handle read_path = nb::handle());
 bool check_time_format(nb::handle self, nb::handle time_str);
+
+// Whether a kit of that name is in the table or has a file already.
+bool name_taken(nb::handle self, nb::handle name) {
+    return contains(getattr(self, k_table), name) || file_exists(fs_bytes(kit_file_path(self, name)));
+}
+
+// The stamped name for an old-format kit that no other kit has. Stamps count
+// hundredths of a second, so two kits of one name migrated in one parse (a
+// copied file still naming its original) would get the same name and the second
+// would overwrite the first: the clock is given a few hundredths to move on.
+nb::object free_stamped_name(nb::handle self, nb::handle name) {
+    nb::object new_name = getattr(self, k_computeAAKitFullName)(name);
+    for (int attempt = 0; attempt < 5 && name_taken(self, new_name); ++attempt) {
+        {
+            nb::gil_scoped_release unlocked;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        new_name = getattr(self, k_computeAAKitFullName)(name);
+    }
+    return new_name;
+}
 
 // A custom kit is named "<user name>_<stamp>". One with an older name gets a
 // stamped name, in the table and on disk (the file is saved under the new name
 // and the old one deleted). A rename that fails is logged and parsing goes on.
-void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record) {
+void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record, nb::handle path) {
     nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
     if (!parts.is_valid()) raise_already_set();
     Py_ssize_t count = PyList_GET_SIZE(parts.ptr());
@@ -489,10 +543,16 @@ void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, n
         return;
     }
     log.info(str("Invalid custom AAKit name(old format): %s"), name);
-    nb::object new_name = getattr(self, k_computeAAKitFullName)(name);
+    nb::object new_name = free_stamped_name(self, name);
+    if (name_taken(self, new_name)) {
+        log.error(percent("AAKit %s is not renamed: the new name %s is taken, the next parse tries again",
+                          nb::make_tuple(name, new_name)));
+        log.error(str("Rename file failed"));
+        return;
+    }
     setitem(getattr(self, k_table), new_name, record);
     log.info(str(" -> new custom AAKit name(new format): %s"), new_name);
-    if (ret_failed(rename_aakit(self, name, new_name, nb::none()))) log.error(str("Rename file failed"));
+    if (ret_failed(rename_aakit(self, name, new_name, nb::none(), path))) log.error(str("Rename file failed"));
 }
 
 void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
@@ -510,11 +570,64 @@ void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
     // A record without "TYPE" raises KeyError here, out of parse: such a file is
     // not a kit file of any known format.
     if (compare(getitem(kit.record, k_TYPE), nb::int_(1), Py_EQ))
-        migrate_custom_kit_name(self, log, kit.name, kit.record);
+        migrate_custom_kit_name(self, log, kit.name, kit.record, path);
+}
+
+// A rename journal names the file a rename removes and the file it writes, one
+// per line. It exists from before the new file is written until the old file is
+// gone, so after a kill it tells which of the two files is the kit.
+struct RenameJournal {
+    std::string removed;
+    std::string written;
+};
+
+bool read_journal(const std::string& path, RenameJournal& journal) {
+    std::string text;
+    if (FILE* f = std::fopen(path.c_str(), "rbe")) {
+        char buffer[1024];
+        std::size_t n;
+        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) text.append(buffer, n);
+        std::fclose(f);
+    }
+    const std::size_t first = text.find('\n');
+    const std::size_t second = first == std::string::npos ? first : text.find('\n', first + 1);
+    if (second == std::string::npos) return false;
+    journal.removed = text.substr(0, first);
+    journal.written = text.substr(first + 1, second - first - 1);
+    auto plain_name = [](const std::string& name) {
+        return !name.empty() && name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    };
+    return plain_name(journal.removed) && plain_name(journal.written);
+}
+
+// What a process killed while saving or renaming a kit left in the files
+// directory: its temporaries are removed, and a rename it had begun is
+// finished when its new file was written (the old file goes) or forgotten when
+// not (the old file is still the kit). Journals of live processes are left to
+// their owners.
+void recover_files(nb::handle self, const Log& log) {
+    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    codec::remove_stale_temporaries(folder);
+    bool changed = false;
+    for (const codec::OwnedFile& owned : codec::owned_files(folder)) {
+        if (owned.kind != "rename" || !owned.stale) continue;
+        const std::string journal_path = folder + "/" + owned.name;
+        RenameJournal journal;
+        if (read_journal(journal_path, journal) && file_exists(folder + "/" + journal.written)) {
+            const std::string removed = folder + "/" + journal.removed;
+            if (file_exists(removed) && !same_file(removed, folder + "/" + journal.written) &&
+                ::unlink(removed.c_str()) == 0)
+                log.info(str("Finished an interrupted AAKit rename: removed %s, the kit is in %s"),
+                         str(journal.removed), str(journal.written));
+        }
+        ::unlink(journal_path.c_str());
+        changed = true;
+    }
+    if (changed) codec::sync_folder(folder);
 }
 
 nb::object no_kit_error(const Log& log, nb::handle msg) {
-    nb::object ret = RetType()(RetCode("ERROR_BF_NO_AAKIT"), nb::arg("RetMsg") = msg);
+    nb::object ret = ret_error_named("ERROR_BF_NO_AAKIT", msg);
     log.error(getattr(ret, k_RetMsg));
     return ret;
 }
@@ -522,6 +635,7 @@ nb::object no_kit_error(const Log& log, nb::handle msg) {
 nb::object parse(nb::handle self) {
     if (truthy(getattr(self, k_web_mode))) return ret_ok();
     Log log = logger_of(self);
+    recover_files(self, log);
     nb::object files = getattr(self, k_getAAKitTablePath)();
     if (!truthy(files))
         return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, k_default_dir)));
@@ -533,8 +647,14 @@ nb::object parse(nb::handle self) {
 
 // ============================================================ selection ====
 
+// kit_name != "": a str answers by its length, anything else compares as Python would.
+bool names_a_kit(nb::handle kit_name) {
+    if (PyUnicode_CheckExact(kit_name.ptr())) return PyUnicode_GET_LENGTH(kit_name.ptr()) != 0;
+    return compare(kit_name, k_empty, Py_NE);
+}
+
 nb::object select_aakit(nb::handle self, nb::handle kit_name) {
-    if (compare(kit_name, k_empty, Py_NE)) {
+    if (names_a_kit(kit_name)) {
         nb::object kit = dict_get(getattr(self, k_table), kit_name);
         if (!kit.is_valid() || kit.is_none()) {
             nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
@@ -573,7 +693,8 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
     static const Name not_selected{"Fail to getAAKitInfo, please call selectAAKit() first"};
     static const Name failed{"getAAKitInfo exception"};
     nb::object ret = ret_ok();
-    Log log = logger_of(self);
+    // The logger is looked up only when there is something to log: this query is on
+    // every beam switch.
     guard(
         [&]() -> nb::object {
             nb::object table = getattr(self, k_table);
@@ -586,7 +707,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
                     setattr(ret, k_RetMsg, not_selected);
-                    log.error(getattr(ret, k_RetMsg));
+                    logger_of(self).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
                 }
@@ -596,7 +717,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
             setattr(ret, k_RetMsg, failed);
-            log.exception(getattr(ret, k_RetMsg));
+            logger_of(self).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
     return ret;
@@ -775,18 +896,89 @@ nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spaci
         [&](nb::handle exc) -> nb::object { return exception_result(log, exc); });
 }
 
-nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback) {
+std::string kit_file_text(nb::handle kit_name, nb::handle record);
+
+// The kit file work of a rename, done so that the kit is on disk under its old
+// or its new name at every instant and a kill at any point leaves one of the
+// two for the next parse: the new file is written before the old one goes, and
+// a journal names both while both exist. The calls a rename makes (delete the
+// old kit, save the new) and their results stay as they are. `source` is the
+// file the kit was read from when a parse migrates it: a copied file still
+// naming another kit inside is the file that goes, never that other kit's file.
+nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name, nb::handle new_name,
+                            nb::handle source) {
+    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    nb::object old_path = kit_file_path(self, old_name);
+    nb::object new_path = kit_file_path(self, new_name);
+    const std::string new_file = fs_bytes(new_path);
+    const std::string old_file = fs_bytes(old_path);
+    const bool from_source = source.is_valid() && !source.is_none() && !same_file(fs_bytes(source), old_file);
+    const std::string removed_file = from_source ? fs_bytes(source) : old_file;
+    auto refuse = [&](const char* why, nb::handle detail) {
+        nb::object msg = percent("AAKit %s is not renamed to %s: %s", nb::make_tuple(old_name, new_name,
+                                                                                     percent(why, detail)));
+        return logged_error(log, "ERROR_BF_AAKIT", msg);
+    };
+    const std::string new_base = codec::base_of(new_file);
+    if (static_cast<long>(new_base.size()) > name_max(folder))
+        return refuse("its file name would be %d bytes long, more than the file system takes",
+                      py_int(static_cast<Py_ssize_t>(new_base.size())));
+    if (file_exists(new_file)) return refuse("%s exists already", new_path);
+    // Nothing on disk to keep safe (a kit never saved): the plain steps, whose
+    // delete reports the missing file.
+    if (!file_exists(removed_file)) {
+        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+        if (ret_failed(deleted)) return deleted;
+        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+    }
+    // The new file's text first: a record that cannot be written (a field
+    // missing) is refused before anything is on disk.
+    const std::string text = kit_file_text(new_name, getitem(getattr(self, k_table), new_name));
+    const std::string journal = folder + "/" + codec::owned_name("rename", "AAKIT");
+    const std::string entries = codec::base_of(removed_file) + "\n" + new_base + "\n";
+    int err = codec::write_file_atomic(journal, entries);
+    if (err == 0) err = codec::write_file_atomic(new_file, text);
+    if (err != 0) {
+        ::unlink(journal.c_str());
+        return refuse("%s", str(std::strerror(err)));
+    }
+    nb::object deleted;
+    if (from_source) {
+        // The kit read from `source` leaves the table and its file goes, as
+        // deleteAAKitInfo would do for a file named after the kit.
+        if (PyObject_DelItem(getattr(self, k_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
+        deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok() : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
+        if (!ret_failed(deleted)) log.info(str("Deleted %s"), source);
+    } else {
+        deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+    }
+    // A delete that failed and left the old file: that file is still the kit.
+    if (ret_failed(deleted) && file_exists(removed_file)) ::unlink(new_file.c_str());
+    codec::sync_folder(folder);
+    ::unlink(journal.c_str());
+    if (ret_failed(deleted)) return deleted;
+    return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+}
+
+nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
+                       nb::handle source) {
     Log log = logger_of(self);
     log.debug(str("Rename AAKit -> delete old then add new one"));
-    if (!truthy(callback)) {
-        // Both names are checked first: deleting the old file and then refusing
-        // the new name would lose the kit on disk.
-        if (unsafe_file_name(old_name)) return refuse_unsafe_name(log, old_name);
-        if (unsafe_file_name(new_name)) return refuse_unsafe_name(log, new_name);
+    if (truthy(callback)) {
+        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
+        if (ret_failed(deleted)) return deleted;
+        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
     }
-    nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
-    if (ret_failed(deleted)) return deleted;
-    return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
+    // Both names are checked first: deleting the old file and then refusing
+    // the new name would lose the kit on disk.
+    if (unsafe_file_name(old_name)) return refuse_unsafe_name(log, old_name);
+    if (unsafe_file_name(new_name)) return refuse_unsafe_name(log, new_name);
+    return guard([&]() -> nb::object { return rename_kit_files(self, log, old_name, new_name, source); },
+                 [&](nb::handle exc) -> nb::object { return exception_result(log, exc); });
+}
+
+nb::object rename_aakit_method(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback) {
+    return rename_aakit(self, old_name, new_name, callback);
 }
 
 nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle callback, nb::handle check) {
@@ -913,7 +1105,7 @@ void define_aakit_table_manager(nb::module_& m) {
     cls.def("setAAKitInfo", &set_aakit_info, arg("kitName"), arg("spacing"), arg("steeringH"), arg("steeringV"),
             arg("offsetTx"), arg("offsetRx"), arg("custom") = 1, arg("callback") = nb::none(),
             arg("dev_type") = nb::none(), arg("newKitName") = nb::none());
-    cls.def_private("renameAAKit", &rename_aakit, arg("oldName"), arg("newName"), arg("callback") = nb::none());
+    cls.def_private("renameAAKit", &rename_aakit_method, arg("oldName"), arg("newName"), arg("callback") = nb::none());
     cls.def("deleteAAKitInfo", &delete_aakit_info, arg("kitName"), arg("callback") = nb::none(),
             arg("check") = true);
     cls.def_private("writeCSVRow", &write_csv_row, arg("writer"), arg("table"), arg("field"));

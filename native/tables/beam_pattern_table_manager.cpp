@@ -107,37 +107,9 @@ Layout read_layout(nb::handle self) {
     return layout;
 }
 
-namespace {
-// A member of an enumeration class given as such is itself: Enum(member) is member.
-nb::object convert_enum(nb::handle enum_class, nb::handle value) {
-    if (Py_TYPE(value.ptr()) == reinterpret_cast<PyTypeObject*>(enum_class.ptr())) return nb::borrow(value);
-    return nb::borrow(enum_class)(value);
-}
+Mode to_mode(nb::handle mode) { return enum_fields(enum_member(RFMode(), mode)); }
 
-// name and value of the RF mode members met so far. Both are Python-level
-// properties, and every beam call needs them; members are kept referenced, so an
-// entry can never be mistaken for another object.
-const Mode* known_mode(nb::handle member) {
-    static std::vector<Mode>* known = [] {   // kept for good; never reallocated
-        auto* modes = new std::vector<Mode>();
-        modes->reserve(16);
-        return modes;
-    }();
-    for (const Mode& m : *known)
-        if (m.member.ptr() == member.ptr()) return &m;
-    if (known->size() >= 16) return nullptr;   // a host replacing RFMode again and again
-    known->push_back(Mode{nb::borrow(member), getattr(member, k_name), getattr(member, k_value)});
-    return &known->back();
-}
-}  // namespace
-
-Mode to_mode(nb::handle mode) {
-    nb::object member = convert_enum(RFMode(), mode);
-    if (const Mode* known = known_mode(member)) return *known;
-    return Mode{member, getattr(member, k_name), getattr(member, k_value)};
-}
-
-nb::object to_beam_type(nb::handle beam_type) { return convert_enum(BeamType(), beam_type); }
+nb::object to_beam_type(nb::handle beam_type) { return enum_member(BeamType(), beam_type); }
 
 void CollectionPause::finish() {
     if (!was_enabled_) return;

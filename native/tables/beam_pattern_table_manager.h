@@ -102,11 +102,7 @@ struct Layout {
 Layout read_layout(nb::handle self);
 
 // A mode as an RFMode member, with its table key (name) and limit index (value).
-struct Mode {
-    nb::object member;
-    nb::object name;
-    nb::object value;
-};
+using Mode = vex::py::EnumMember;
 Mode to_mode(nb::handle mode);                 // RFMode(mode)
 nb::object to_beam_type(nb::handle beam_type);  // BeamType(beam_type)
 

@@ -8,6 +8,7 @@
 #include "tables/beam_pattern_table_manager.h"
 
 #include <string>
+#include <utility>
 
 namespace vex::tables::beams {
 
@@ -17,8 +18,6 @@ namespace {
 
 const Name k_BTModeFilter{"BTModeFilter"};
 const Name k_BTSetOption{"BTSetOption"};
-const Name k_value{"value"};
-const Name k_name{"name"};
 const Name k_members{"__members__"};
 const Name k_items{"items"};
 const Name k_RetData{"RetData"};
@@ -30,8 +29,8 @@ constexpr long kValidate = 1, kGet = 2, kSave = 4, kReplaceAll = 8;
 // The integer value of a flag argument, converted first with its enum (so 13 and
 // BTSetOption.UI_SAVE_REPLACE are the same request).
 long flag_bits(const Name& enum_name, nb::handle flag) {
-    nb::object member = global(enum_name)(flag);
-    long bits = PyLong_AsLong(getattr(member, k_value).ptr());
+    nb::object value = enum_fields(enum_member(global(enum_name), flag)).value;
+    long bits = PyLong_AsLong(value.ptr());
     if (bits == -1 && PyErr_Occurred()) raise_already_set();
     return bits;
 }
@@ -44,7 +43,7 @@ nb::object not_ready(const Log& log) {
 // --------------------------------------------------------------------- get
 
 nb::object read_batch(nb::handle self, const Log& log, nb::handle mode_filter, nb::handle callback) {
-    log.info(str("getBatchBeamPattern with filter: %s"), mode_filter);
+    log.info("getBatchBeamPattern with filter: %s", mode_filter);
     long bits = flag_bits(k_BTModeFilter, mode_filter);
     if (!callback.is_none()) {
         // Web mode: the table comes fresh from the host through _load.
@@ -57,13 +56,11 @@ nb::object read_batch(nb::handle self, const Log& log, nb::handle mode_filter, n
     if (table.is_none()) return not_ready(log);
     nb::dict batch;   // the table's own sections, not copies
     nb::object modes = RFMode();
-    if (bits & kTX) {
-        nb::object name = getattr(modes.attr("TX"), k_name);
-        batch[name] = getitem(table, name);
-    }
-    if (bits & kRX) {
-        nb::object name = getattr(modes.attr("RX"), k_name);
-        batch[name] = getitem(table, name);
+    static const Name k_TX{"TX"}, k_RX{"RX"};
+    for (auto [bit, mode] : {std::pair{kTX, &k_TX}, std::pair{kRX, &k_RX}}) {
+        if (!(bits & bit)) continue;
+        nb::object name = enum_fields(getattr(modes, *mode)).name;
+        setitem(batch, name, getitem(table, name));
     }
     return ret_data(batch);
 }

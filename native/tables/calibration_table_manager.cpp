@@ -40,12 +40,26 @@ nb::object py_format(const char* fmt, nb::handle value) {
     return nb::steal(text);
 }
 
-nb::object board_key(nb::handle number) { return py_format("BOARD_%S", number); }
-
+// The keys of the boards a device can have are made once each: every query builds
+// them, and formatting costs more than the lookup they serve.
 nb::object board_key(Py_ssize_t number) {
+    constexpr Py_ssize_t kKept = 256;
+    static PyObject* kept[kKept + 1] = {};   // kept for the life of the process
+    bool keep = number >= 1 && number <= kKept;
+    if (keep && kept[number]) return nb::borrow(kept[number]);
     PyObject* text = PyUnicode_FromFormat("BOARD_%zd", number);
     if (!text) raise_already_set();
+    if (keep) kept[number] = Py_NewRef(text);
     return nb::steal(text);
+}
+
+nb::object board_key(nb::handle number) {
+    if (PyLong_CheckExact(number.ptr())) {   // str() of an int is its decimal text; not so for bool
+        int overflow = 0;
+        long long n = PyLong_AsLongLongAndOverflow(number.ptr(), &overflow);
+        if (!overflow && n >= 1 && n <= 256) return board_key(static_cast<Py_ssize_t>(n));
+    }
+    return py_format("BOARD_%S", number);
 }
 
 bool dual_polarization(nb::handle self) { return truthy(getattr(self, k_support_polar)); }

@@ -60,18 +60,18 @@ nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
 // ------------------------------------------------------------------- DR ---
 
 nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
-    bool dual = dual_polarization(self);
-    bool from_database = !dual && truthy(getattr(self, k_web_mode));
     if (rf_mode.is_none()) {
-        if (from_database) return database(self).attr(k_query)("DR");
+        if (uses_database(self)) return database(self).attr(k_query)("DR");
         return ret_data(getitem(table_of(self), k_DR));
     }
-    nb::object mode = (dual ? cell_rf_mode() : RFMode())(rf_mode);
+    bool dual = dual_polarization(self);
+    bool from_database = !dual && truthy(getattr(self, k_web_mode));
+    nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
         logger_of(self).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
-    nb::object name = getattr(mode, k_name);
+    nb::object name = enum_fields(mode).name;
     if (from_database) return database(self).attr(k_query)(pair_list(k_DR, name));
     return ret_data(getitem(getitem(table_of(self), k_DR), name));
 }
@@ -176,7 +176,7 @@ nb::object ranges_of(nb::handle self, nb::handle kind) {
     Log log = logger_of(self);
     nb::object cache = getattr(self, k_allXXXDR);
     if (!cache.is_none()) {
-        log.debug(str("Fetch %s from cache"), kind);
+        log.debug("Fetch %s from cache", kind);
         return getitem(cache, kind);
     }
     cache = build_range_cache(self);
@@ -295,9 +295,8 @@ nb::object cache_level(nb::handle parent, nb::handle key) {
 // One board's offsets, from the cache or loaded into it. Callers get a copy, so
 // changing a returned list cannot change later answers.
 nb::object board_offsets(nb::handle self, nb::handle mode_cache, nb::handle mode_name, nb::handle board_number,
-                         nb::handle chip) {
+                         nb::handle chip_name) {
     nb::object board = board_key(board_number);
-    nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
     nb::object board_cache = dict_get(mode_cache, board);
     nb::object cached = board_cache.is_valid() ? dict_get(board_cache, chip_name) : nb::object();
     if (!cached.is_valid()) {
@@ -325,8 +324,10 @@ nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mod
         setattr(self, k_allOffset, cache);
     }
     nb::object mode_cache = cache_level(cache, rf_mode_str);
+    nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
     nb::list result;
-    for (nb::handle b : board_numbers(boards)) result.append(board_offsets(self, mode_cache, rf_mode_str, b, chip));
+    for (nb::handle b : board_numbers(boards))
+        result.append(board_offsets(self, mode_cache, rf_mode_str, b, chip_name));
     return result;
 }
 

@@ -33,6 +33,7 @@ void import_dependencies(nb::module_& m) {
     nb::module_ utils = nb::module_::import_("vexcore.QRVUtils");
     bind(m, "_Utils", utils.attr("_Utils"));
     bind(m, "RetType", utils.attr("RetType"));
+    vex::py::remember_stock_result_type(utils.attr("RetType"));
     nb::module_ pub = nb::module_::import_("vexcore.QRVPublic");
     bind(m, "RFMode", pub.attr("RFMode"));
     bind(m, "BeamType", pub.attr("BeamType"));
@@ -58,5 +59,6 @@ NB_MODULE(QRVTableManager, m) {
     define_ud_delta_freq_table_manager(m);
     define_table_db(m);
     define_check_hooks(m);
+    document_enums(m);
     vex::py::define_codec_submodule(m);
 }

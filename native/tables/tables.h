@@ -15,5 +15,6 @@ void define_aakit_table_manager(nb::module_& m);          // AAKitTableManager
 void define_ud_delta_freq_table_manager(nb::module_& m);  // UDDeltaFreqTableManager
 void define_table_db(nb::module_& m);                     // QRVTableDBError, _QRVTableDB
 void define_check_hooks(nb::module_& m);                  // fake_rf_layout, fake_check, fake_ic_check
+void document_enums(nb::module_& m);                      // docstrings of the enumerations above
 
 }  // namespace vex::tables

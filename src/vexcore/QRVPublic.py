@@ -1,15 +1,18 @@
 """Shared enumerations of the vexcore SDK."""
+
 from enum import Enum, IntEnum
 
 
 class RFMode(IntEnum):
     """Radio modes; ``name`` is a table key and ``value`` an index."""
+
     TX = 0
     RX = 1
 
 
 class CellRFMode(IntEnum):
     """Radio modes of dual-polarization devices."""
+
     TX = 0
     RX = 1
     STANDBY = 2
@@ -17,17 +20,21 @@ class CellRFMode(IntEnum):
 
 class BeamType(IntEnum):
     """Kinds of stored beams: steered (BEAM) or per-channel (CHANNEL)."""
+
     BEAM = 0
     CHANNEL = 1
 
 
 class POLARIZATION(IntEnum):
+    """Polarizations of dual-polarization devices (bound as POL by the table manager)."""
+
     HORIZON = 0
     VERTICAL = 1
 
 
 class RetCode(Enum):
     """Result codes carried by ``RetType.RetCode``."""
+
     OK = 0
     WARNING = 1
     ERROR = 2

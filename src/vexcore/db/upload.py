@@ -4,52 +4,32 @@ A file is parsed by the table manager itself (CalibrationTableManager.parse with
 object, as a back end does), so the database holds exactly what file mode would read,
 and a bad file is refused with the parser's own result code and message.
 """
-import csv
-import os
-import re
-
 from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer
-
-_FILE_NAME = re.compile(r"^(?P<sn>.+)_(?P<freq>[0-9]+(?:\.[0-9]+)?)GHz\.csv$")
+from vexcore.tables.calibration import infer_layout as _infer_layout_of_rows
+from vexcore.tables.kinds import calibration_name, read_rows
 
 
 class UploadError(Exception):
-    """A calibration file that cannot be stored, with the reason."""
+    """A calibration file that cannot be stored, with the reason (one line, naming the file)."""
 
 
 def name_parts(path):
-    """(serial number, frequency) from a file name "{SN}_{Freq}GHz.csv"."""
-    match = _FILE_NAME.match(os.path.basename(path))
-    if not match:
+    """(serial number, frequency) from a file name "{SN}_{Freq}GHz.csv", read as the
+    calibration manager and the table tool read it."""
+    parts = calibration_name(path) if path.endswith(".csv") else None
+    if parts is None:
         raise UploadError("%s: the name must read {SN}_{Freq}GHz.csv" % path)
-    return match.group("sn"), float(match.group("freq"))
+    return parts
 
 
 def infer_layout(path):
-    """(boards, ICs per board, channels per IC) from the file's own rows.
-
-    Boards are counted from the COMDR/ELEDR rows, ICs from the DATA rows (one when there
-    are none), channels from the length of the OFFSET_TX row.
-    """
-    boards, chips, offsets = set(), set(), None
-    with open(path, newline="", encoding="utf-8") as handle:
-        for row in csv.reader(line.replace("\0", "") for line in handle):
-            if not row:
-                continue
-            key = row[0]
-            if key == "END":
-                break
-            if key in ("COMDR", "ELEDR") and len(row) > 3:
-                boards.add(row[3])
-            elif key == "DATA" and len(row) > 5:
-                chips.add(row[5])
-            elif key == "OFFSET_TX" and offsets is None:
-                offsets = len(row) - 1
-    board_count, chip_count = len(boards), max(len(chips), 1)
-    if not board_count or not offsets or offsets % (board_count * chip_count):
-        raise UploadError("%s: cannot tell the device layout from the file; give it as BOARDS,ICS,CHANNELS" % path)
-    return board_count, chip_count, offsets // (board_count * chip_count)
+    """(boards, ICs per board, channels per IC) from the file's own rows, by the table
+    tool's rule (highest board and chip numbers, values per DATA row)."""
+    try:
+        return _infer_layout_of_rows(read_rows(path))
+    except OSError as error:
+        raise UploadError("%s: %s" % (path, error.strerror or error)) from None
 
 
 def parse_calibration(path, layout=None):
@@ -59,15 +39,19 @@ def parse_calibration(path, layout=None):
     sn, frequency = name_parts(path)
     layout = tuple(layout) if layout else infer_layout(path)
     manager = CalibrationTableManager(sn, frequency, lambda: layout, fetchCsvFromFile=False)
-    with open(path, encoding="utf-8") as handle:
-        ret = manager.parse(fileObject=handle)
+    try:
+        with open(path, encoding="utf-8") as handle:
+            ret = manager.parse(fileObject=handle)
+    except OSError as error:
+        raise UploadError("%s: %s" % (path, error.strerror or error)) from None
     if ret.RetCode != RetCode.OK:
         raise UploadError("%s: %s: %s" % (path, ret.RetCode.name, ret.RetMsg))
     return sn, frequency, manager._CaliTable
 
 
 def import_calibration_files(paths, layout=None, db_path=None):
-    """Parses every file, then stores them all in one transaction: all or nothing."""
+    """Parses every file, then stores them all in one transaction: all or nothing.
+    `db_path` is a path or a database URL (default: $VEXCORE_DB, see vexcore.db.engine)."""
     parsed = [parse_calibration(path, layout) for path in paths]
     with QRVDBQueryer.transaction(db_path) as connection:
         for sn, frequency, table in parsed:

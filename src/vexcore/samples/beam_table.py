@@ -12,11 +12,12 @@ table through BeamPatternTableManager and sets three beams:
 The beams are checked against the calibration limits and the kit's steering range
 as they are set, so the sample is a valid table.
 """
+
 import os
 import sys
 
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.samples import CALIBRATION_FILE, HERE, KIT_FILE
 from vexcore.tables import beam, calibration, kit, pattern
 from vexcore.tables.sandbox import collected_logs
@@ -36,9 +37,11 @@ def channel_beam(layout, spacing, freq):
     for i, phase in enumerate(phases):
         board = config.setdefault("board_%d" % (i // channels + 1), {"common_db": 2.0})
         inner = 0 < i % cols < cols - 1
-        board["channel_%d" % (i % channels + 1)] = {"sw": 1 if i == count - 1 else 0,
-                                                    "db": 5.0 if inner else 3.0,
-                                                    "deg": round(phase) % 360}
+        board["channel_%d" % (i % channels + 1)] = {
+            "sw": 1 if i == count - 1 else 0,
+            "db": 5.0 if inner else 3.0,
+            "deg": round(phase) % 360,
+        }
     return config
 
 
@@ -70,12 +73,24 @@ def _write(files_dir):
         os.remove(path)
     _ok(manager._load(FREQ, kit_table.name), "load")
     spacing = kit_table.record["SPACING"]
-    _ok(manager.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 3.0, "theta": 30, "phi": 0},
-                               "Steered 30 deg right"), "TX 1")
-    _ok(manager.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, channel_beam(cali.layout, spacing, FREQ),
-                               "Channel beam 20 deg left, last channel off"), "TX 2")
-    _ok(manager.setBeamPattern(RFMode.RX, 1, BeamType.BEAM, {"db": 0.0, "theta": 0, "phi": 15},
-                               "Receive 15 deg up"), "RX 1")
+    _ok(
+        manager.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 3.0, "theta": 30, "phi": 0}, "Steered 30 deg right"),
+        "TX 1",
+    )
+    _ok(
+        manager.setBeamPattern(
+            RFMode.TX,
+            2,
+            BeamType.CHANNEL,
+            channel_beam(cali.layout, spacing, FREQ),
+            "Channel beam 20 deg left, last channel off",
+        ),
+        "TX 2",
+    )
+    _ok(
+        manager.setBeamPattern(RFMode.RX, 1, BeamType.BEAM, {"db": 0.0, "theta": 0, "phi": 15}, "Receive 15 deg up"),
+        "RX 1",
+    )
     return path
 
 

@@ -1,4 +1,5 @@
 """python -m vexcore.tables: the table tool."""
+
 import sys
 
 from vexcore.tables.cli import main

@@ -8,6 +8,7 @@ a copy in a private files directory, then sets every stored beam again without
 saving, so the manager validates each one through check hooks that hold the beam to
 the calibration limits and the kit's steering range.
 """
+
 import dataclasses
 import json
 import math
@@ -15,11 +16,11 @@ import os
 from typing import Optional
 
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 
 from . import calibration, kinds, kit
-from .common import WARNING, ToolError, TableResult, as_number
+from .common import WARNING, TableResult, ToolError, as_number
 from .sandbox import Sandbox, collected_logs
 
 CURRENT_VERSION = "v2.0.0"
@@ -39,7 +40,7 @@ class BeamTable(TableResult):
     manager: object = None
     calibration: object = None
     kit: object = None
-    written: Optional[str] = None          # the file as loading rewrote it (old versions)
+    written: Optional[str] = None  # the file as loading rewrote it (old versions)
     json_error: object = None
     old_channel_beams: bool = False
 
@@ -63,10 +64,21 @@ class LimitChecks:
     """
 
     def __init__(self, cali=None, kit_record=None):
+        """From a checked calibration table (tables.calibration.load) and a kit record;
+        without a valid table only the shapes of beams are checked."""
         self.limits = cali.beam_limits() if cali is not None and cali.valid else None
         self.pairs = cali.comdr if self.limits else None
         self.steering = kit_record
         self.reasons = []
+
+    @classmethod
+    def from_limits(cls, dr, comdr, eledr, kit_record=None):
+        """From the calibration manager's answers, as a driver holds them: getDR(),
+        getCOMDR() and getELEDR() data, and the kit's record (getAAKitInfo() data)."""
+        checks = cls(None, kit_record)
+        checks.limits = calibration.numeric_limits(dr, comdr, eledr)
+        checks.pairs = comdr
+        return checks
 
     @property
     def funcs(self):
@@ -90,13 +102,13 @@ class LimitChecks:
             return ["board_%d is not in the calibration table" % (board_index + 1)]
         low, high = pairs[board_index]
         if not low <= common_db <= high:
-            reasons.append("board_%d common_db %g is outside COMDR [%g, %g]"
-                           % (board_index + 1, common_db, low, high))
+            reasons.append("board_%d common_db %g is outside COMDR [%g, %g]" % (board_index + 1, common_db, low, high))
         limit = limits[board_index]
         over = [g for g in gains if g > limit]
         if over:
-            reasons.append("board_%d channel gains %r exceed the element limit ELEDR %g"
-                           % (board_index + 1, over, limit))
+            reasons.append(
+                "board_%d channel gains %r exceed the element limit ELEDR %g" % (board_index + 1, over, limit)
+            )
         return reasons
 
     def check_beam(self, mode, db, theta, phi, _unused):
@@ -136,7 +148,7 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
     _settle_devtype(result, devtype)
     result.old_channel_beams = bool(_old_channel_count(data))
     result.num_beam = num_beam or _highest_id(data)
-    del data                      # a large table must not be held twice while the manager loads it
+    del data  # a large table must not be held twice while the manager loads it
     checks = LimitChecks(result.calibration, result.kit.record if result.kit and result.kit.valid else None)
     with Sandbox() as sandbox, collected_logs() as logs:
         file_name = kinds.beam_file_name(result.sn, result.freq, result.kit_name)
@@ -153,8 +165,12 @@ def load(path, layout=None, cali_path=None, kit_path=None, num_beam=None, valida
         if validate:
             _validate_beams(result, manager, checks, logs)
     _note_version(result)
-    result.summary = "%s at %s GHz, kit %r, %s" % (result.sn, kinds.frequency_text(result.freq),
-                                                   result.kit_name, _count_text(result.table))
+    result.summary = "%s at %s GHz, kit %r, %s" % (
+        result.sn,
+        kinds.frequency_text(result.freq),
+        result.kit_name,
+        _count_text(result.table),
+    )
     return result
 
 
@@ -198,16 +214,19 @@ def _settle_devtype(result, devtype):
 
 
 def _companion_calibration(result, path, cali_path):
-    found = cali_path or _find_beside(path, lambda p: kinds.calibration_name(p) == (result.sn, result.freq)
-                                      and p.endswith(".csv"))
+    found = cali_path or _find_beside(
+        path, lambda p: kinds.calibration_name(p) == (result.sn, result.freq) and p.endswith(".csv")
+    )
     if not found:
-        result.add("no calibration table %s_%sGHz.csv beside it: gains not checked against limits"
-                   % (result.sn, kinds.frequency_text(result.freq)), severity=WARNING)
+        result.add(
+            "no calibration table %s_%sGHz.csv beside it: gains not checked against limits"
+            % (result.sn, kinds.frequency_text(result.freq)),
+            severity=WARNING,
+        )
         return None
     cali = calibration.load(found, locate=False)
     if not cali.valid:
-        result.add("calibration table %s has problems (see its own check): limits not used" % found,
-                   severity=WARNING)
+        result.add("calibration table %s has problems (see its own check): limits not used" % found, severity=WARNING)
     return cali
 
 
@@ -215,8 +234,7 @@ def _companion_kit(result, path, kit_path):
     if not kit_path and not result.kit_name:
         return None
     found = kit_path or _find_beside(path, lambda p: os.path.basename(p) == "AAKIT_%s.csv" % result.kit_name)
-    found = found or _find_beside(path, lambda p: kinds.classify(p) == kinds.KIT
-                                  and _kit_name_in(p) == result.kit_name)
+    found = found or _find_beside(path, lambda p: kinds.classify(p) == kinds.KIT and _kit_name_in(p) == result.kit_name)
     if not found:
         result.add("kit %r not found beside it: steering not checked" % result.kit_name, severity=WARNING)
         return None
@@ -257,8 +275,9 @@ def _layout(result, data, layout):
         return inferred
     total = len((result.kit.record or {}).get("OFFSET_TX", [])) if result.kit else 0
     fallback = (1, 1, total) if total else tuple(tm.fake_rf_layout())
-    result.add("layout guessed as %s; give --layout BOARDSxICSxCHANNELS" % "x".join(map(str, fallback)),
-               severity=WARNING)
+    result.add(
+        "layout guessed as %s; give --layout BOARDSxICSxCHANNELS" % "x".join(map(str, fallback)), severity=WARNING
+    )
     return fallback
 
 
@@ -271,11 +290,11 @@ def infer_layout(data):
     boards = channels = 0
     for mode in ("TX", "RX"):
         section = data.get(mode) if isinstance(data, dict) else None
-        for beam in (section.values() if isinstance(section, dict) else ()):
+        for beam in section.values() if isinstance(section, dict) else ():
             config = beam.get("channel_config") if isinstance(beam, dict) else None
-            for key, board in (config.items() if isinstance(config, dict) else ()):
+            for key, board in config.items() if isinstance(config, dict) else ():
                 boards = max(boards, _number_after(key, "board_"))
-                for name in (board if isinstance(board, dict) else ()):
+                for name in board if isinstance(board, dict) else ():
                     channels = max(channels, _number_after(name, "channel_"))
     old = _old_channel_count(data)
     if boards and channels:
@@ -286,7 +305,7 @@ def infer_layout(data):
 def _old_channel_count(data):
     for mode in ("TX", "RX"):
         beams = data.get(mode + "_beam_list") if isinstance(data, dict) else None
-        for beam in (beams if isinstance(beams, list) else ()):
+        for beam in beams if isinstance(beams, list) else ():
             config = beam.get("channel_config") if isinstance(beam, dict) else None
             if isinstance(config, list) and config:
                 return len(config)
@@ -294,7 +313,7 @@ def _old_channel_count(data):
 
 
 def _number_after(key, prefix):
-    text = key[len(prefix):] if isinstance(key, str) and key.startswith(prefix) else ""
+    text = key[len(prefix) :] if isinstance(key, str) and key.startswith(prefix) else ""
     return int(text) if text.isdigit() else 0
 
 
@@ -311,9 +330,9 @@ def ordered_channels(config):
     """(board number, channel number, channel) of a channel configuration, in
     board/channel order whatever order the mapping holds them in."""
     found = []
-    for board_key, board in (config.items() if isinstance(config, dict) else ()):
+    for board_key, board in config.items() if isinstance(config, dict) else ():
         board_no = _number_after(board_key, "board_")
-        for name, channel in (board.items() if isinstance(board, dict) else ()):
+        for name, channel in board.items() if isinstance(board, dict) else ():
             channel_no = _number_after(name, "channel_")
             if board_no and channel_no and isinstance(channel, dict):
                 found.append((board_no, channel_no, channel))
@@ -330,14 +349,16 @@ def _highest_id(data):
         section = data.get(mode) if isinstance(data, dict) else None
         ids += [int(k) for k in (section if isinstance(section, dict) else ()) if str(k).isdigit()]
         beams = data.get(mode + "_beam_list") if isinstance(data, dict) else None
-        ids += [b["beamId"] for b in (beams if isinstance(beams, list) else ())
-                if isinstance(b, dict) and isinstance(b.get("beamId"), int)]
+        ids += [
+            b["beamId"]
+            for b in (beams if isinstance(beams, list) else ())
+            if isinstance(b, dict) and isinstance(b.get("beamId"), int)
+        ]
     return max(ids)
 
 
 def _manager(result, checks):
-    manager = tm.BeamPatternTableManager(result.sn, result.devtype, result.num_beam, result.layout,
-                                         checks.funcs)
+    manager = tm.BeamPatternTableManager(result.sn, result.devtype, result.num_beam, result.layout, checks.funcs)
     manager._updateFreq(result.freq, *_limits(result))
     manager._updateAAKit(result.kit_name)
     return manager
@@ -356,9 +377,12 @@ def _limits(result):
     if cali is not None and cali.valid:
         if not (result.old_format and result.old_channel_beams):
             return cali.dr, cali.comdr, cali.eledr
-        result.add("old channel beams are converted with COMDR upper bound + ELEDR per board as gain cap; "
-                   "the calibration manager's [min, max] and [limit] lists make the beam manager's "
-                   "conversion fail", severity=WARNING)
+        result.add(
+            "old channel beams are converted with COMDR upper bound + ELEDR per board as gain cap; "
+            "the calibration manager's [min, max] and [limit] lists make the beam manager's "
+            "conversion fail",
+            severity=WARNING,
+        )
         return cali.beam_limits()
     boards = result.layout[0] * result.layout[1]
     dr = {mode.name: None for mode in RFMode}
@@ -429,14 +453,15 @@ def _check_channels(result, beam, where):
     if beam.get("beam_type") == BeamType.BEAM:
         return
     for board_key, board in beam["channel_config"].items():
-        for name, channel in (board.items() if isinstance(board, dict) else ()):
+        for name, channel in board.items() if isinstance(board, dict) else ():
             if name == "common_db":
                 continue
             if not isinstance(channel, dict):
                 result.add("%s %s is not a mapping" % (board_key, name), where=where)
             elif channel.get("sw") not in (0, 1):
-                result.add("%s %s: sw is %r, expected 0 (on) or 1 (off)" % (board_key, name, channel.get("sw")),
-                           where=where)
+                result.add(
+                    "%s %s: sw is %r, expected 0 (on) or 1 (off)" % (board_key, name, channel.get("sw")), where=where
+                )
             elif as_number(channel.get("deg")) is None:
                 result.add("%s %s: deg is %r, not a number" % (board_key, name, channel.get("deg")), where=where)
 
@@ -444,9 +469,11 @@ def _check_channels(result, beam, where):
 def _note_version(result):
     version = result.version
     if result.old_format:
-        result.add("old format %s: loading converts it and rewrites the file "
-                   "('vexcore-tables convert' writes the converted table elsewhere)" % version,
-                   severity=WARNING)
+        result.add(
+            "old format %s: loading converts it and rewrites the file "
+            "('vexcore-tables convert' writes the converted table elsewhere)" % version,
+            severity=WARNING,
+        )
     elif isinstance(version, str) and version != CURRENT_VERSION:
         result.add("version %s: the beam manager re-saves this file on every load" % version, severity=WARNING)
 

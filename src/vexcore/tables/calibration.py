@@ -4,15 +4,16 @@ The file name gives the serial number and frequency the manager checks the heade
 against; the layout (boards, ICs per board, channels per IC) is read off the rows
 unless the user gives it, because the file does not state it.
 """
+
 import dataclasses
 import io
 from typing import Optional
 
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.QRVPublic import RFMode, RetCode
+from vexcore.QRVPublic import RetCode, RFMode
 
 from . import kinds
-from .common import TableResult, call_query, first_failing_prefix, line_label, as_number, unwrap
+from .common import TableResult, as_number, call_query, first_failing_prefix, line_label, unwrap
 from .sandbox import Sandbox, collected_logs
 
 HEADER_KEYS = ("VER", "REALVER", "SN", "FCENTER")
@@ -40,11 +41,17 @@ class Calibration(TableResult):
     offsets: dict = dataclasses.field(default_factory=dict)
 
     def beam_limits(self):
-        """(DR, COMDR, ELEDR) with one number per board: the common-arm upper bound
-        and the element limit, for arithmetic the limit lists do not allow."""
-        comdr = [[pair[1] if isinstance(pair, list) else pair for pair in mode] for mode in self.comdr]
-        eledr = [[unwrap(limit) for limit in mode] for mode in self.eledr]
-        return self.dr, comdr, eledr
+        """(DR, COMDR, ELEDR) with one number per board (see `numeric_limits`)."""
+        return numeric_limits(self.dr, self.comdr, self.eledr)
+
+
+def numeric_limits(dr, comdr, eledr):
+    """(DR, COMDR, ELEDR) as the calibration manager answers them, with one number per
+    board: the common-arm upper bound and the element limit, for arithmetic the limit
+    lists do not allow."""
+    comdr = [[pair[1] if isinstance(pair, list) else pair for pair in mode] for mode in comdr]
+    eledr = [[unwrap(limit) for limit in mode] for mode in eledr]
+    return dr, comdr, eledr
 
 
 def load(path, layout=None, locate=True):
@@ -63,8 +70,11 @@ def load(path, layout=None, locate=True):
             return result
         _run_queries(result, manager)
     _check_ranges(result)
-    result.summary = "%s at %s GHz, layout %s" % (result.sn, kinds.frequency_text(result.freq),
-                                                 "x".join(map(str, result.layout)))
+    result.summary = "%s at %s GHz, layout %s" % (
+        result.sn,
+        kinds.frequency_text(result.freq),
+        "x".join(map(str, result.layout)),
+    )
     return result
 
 
@@ -107,8 +117,10 @@ def _identity(path, result):
     named = kinds.calibration_name(path)
     if named:
         return named
-    result.add("the name is not <SN>_<freq>GHz.csv, so the calibration manager never finds this file",
-               RetCode.ERROR_BF_CALI_PATH.name)
+    result.add(
+        "the name is not <SN>_<freq>GHz.csv, so the calibration manager never finds this file",
+        RetCode.ERROR_BF_CALI_PATH.name,
+    )
     try:
         return result.header.get("SN", ""), float(result.header.get("FCENTER", "0"))
     except ValueError:
@@ -155,12 +167,14 @@ def _locate(result, manager, path, failed):
 
 
 def _header_row(lines, key, result):
-    expected = {"SN": result.sn, "FCENTER": kinds.frequency_text(result.freq),
-                "VER": "at least 2.0.0 (compared as text)"}[key]
+    expected = {
+        "SN": result.sn,
+        "FCENTER": kinds.frequency_text(result.freq),
+        "VER": "at least 2.0.0 (compared as text)",
+    }[key]
     for number, line in enumerate(lines, 1):
         if line.split(",", 1)[0].strip() == key:
-            return "%s: file says %r, expected %s" % (line_label(lines, number),
-                                                      result.header.get(key, ""), expected)
+            return "%s: file says %r, expected %s" % (line_label(lines, number), result.header.get(key, ""), expected)
     return "no %s row" % key
 
 
@@ -174,8 +188,11 @@ def _run_queries(result, manager, limits_only=False):
     boards, chips, _ = result.layout
     for mode in RFMode:
         for chip in range(1, chips + 1):
-            values = call_query(result, "offsets of %s chip %d" % (mode.name, chip),
-                                lambda: manager._getBoardsOffset(range(1, boards + 1), mode.name, chip))
+            values = call_query(
+                result,
+                "offsets of %s chip %d" % (mode.name, chip),
+                lambda mode=mode, chip=chip: manager._getBoardsOffset(range(1, boards + 1), mode.name, chip),
+            )
             if values is not None:
                 result.offsets[(mode.name, chip)] = values
 
@@ -200,8 +217,7 @@ def _check_export_header(result):
         result.add("SN in the table is %r, the name says %r" % (result.header.get("SN"), result.sn))
     try:
         if float(result.header.get("FCENTER")) != result.freq:
-            result.add("FCENTER in the table is %r, the name says %s" % (result.header.get("FCENTER"),
-                                                                         result.freq))
+            result.add("FCENTER in the table is %r, the name says %s" % (result.header.get("FCENTER"), result.freq))
     except (TypeError, ValueError):
         result.add("FCENTER in the table is not a number: %r" % (result.header.get("FCENTER"),))
 
@@ -256,7 +272,7 @@ def _layout_of_export(table):
             continue
         for mode in ("TX", "RX"):
             section = board.get(mode)
-            for key, chip in (section.items() if isinstance(section, dict) else ()):
+            for key, chip in section.items() if isinstance(section, dict) else ():
                 if key.startswith("OFFSET_CHIP_") and isinstance(chip, dict):
                     chips = max(chips, int(key[12:]) if key[12:].isdigit() else 1)
                     channels = max(channels, len(chip))

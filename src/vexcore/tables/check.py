@@ -1,29 +1,75 @@
-"""check: every table file through its manager; OK or the problems found."""
+"""check: every table file through its manager; OK or the problems found, and the
+temporary files that killed saves left behind."""
 import os
+import re
 
 from . import beam, calibration, kinds, kit, ud
 from .common import NO_CODE, WARNING, ToolError, TableResult
 from .terminal import Progress
+from vexcore.qrvdev.QRVTableManager import _codec
 
 
 MAX_PROBLEMS_SHOWN = 20          # per file: a broken large table must not flood the terminal
 
 
+# The hidden temporary of a save by an earlier version: "." + table file name + "." + six random characters.
+_EARLIER_TEMPORARY = re.compile(r"^\.(.+\.(csv|json))\.[A-Za-z0-9_]{6}$")
+
+
 def collect(paths, kind=None):
-    """(files to check, files skipped) for the paths given: folders are searched
-    recursively and keep only files that hold a known table; a file named
-    explicitly is always checked."""
-    chosen, skipped = [], []
+    """(files to check, files skipped, stray temporaries) for the paths given:
+    folders are searched recursively and keep only files that hold a known table;
+    a file named explicitly is always checked."""
+    chosen, skipped, strays = [], [], []
     for path in paths:
         if os.path.isdir(path):
-            for found in kinds.table_files(path):
+            found_files = kinds.table_files(path)
+            owned = _owned_temporaries(found_files)
+            for found in found_files:
+                stray = owned.get(found) or _earlier_temporary(found)
+                if stray:
+                    strays.append(stray)
+                    continue
                 found_kind = kind or kinds.classify(found)
                 (chosen if found_kind else skipped).append((found, found_kind))
         elif os.path.isfile(path):
             chosen.append((path, kind or kinds.classify(path)))
         else:
             raise ToolError("no such file or folder: %s" % path)
-    return chosen, [path for path, _ in skipped]
+    return chosen, [path for path, _ in skipped], strays
+
+
+def _owned_temporaries(paths):
+    """{path: stray} for the files the table manager owns (temporaries of saves,
+    journals of kit renames), as the manager itself recognises them."""
+    strays = {}
+    for folder in sorted({os.path.dirname(p) for p in paths}):
+        for name, what, pid, host, local, stale in _codec.owned_files(os.fsencode(folder)):
+            path = os.path.join(folder, os.fsdecode(name))
+            if stale:
+                state = "left by process %d, which was killed; the next save or kit parse here removes it" % pid
+            elif local:
+                state = "in use by process %d (a save in progress)" % pid
+            else:
+                state = "of process %d on host %s; a save or kit parse there removes it once stale" % (pid, host)
+            strays[path] = _stray(path, "rename journal" if what == "rename" else "temporary", state)
+    return strays
+
+
+def _earlier_temporary(path):
+    match = _EARLIER_TEMPORARY.match(os.path.basename(path))
+    if not match:
+        return None
+    return _stray(path, "temporary", "of a save of %s by an earlier version, which was killed; remove it when no "
+                                      "older vexcore process is saving" % match.group(1))
+
+
+def _stray(path, what, state):
+    try:
+        size = os.path.getsize(path)
+    except OSError:
+        size = 0
+    return {"path": path, "what": what, "state": state, "bytes": size}
 
 
 def check_file(path, kind, options):
@@ -56,7 +102,7 @@ def check_file(path, kind, options):
 
 
 def run(options, out):
-    files, skipped = collect(options.paths, options.kind)
+    files, skipped, strays = collect(options.paths, options.kind)
     progress = Progress(len(files), enabled=options.progress)
     results = []
     for index, (path, kind) in enumerate(files, 1):
@@ -68,9 +114,10 @@ def run(options, out):
     _note_shadowed_kits(results)
     if options.json:
         out.json({"valid": all(r.valid for r in results), "files": [_as_dict(r) for r in results],
-                  "skipped": skipped})
+                  "skipped": skipped, "strays": strays})
     else:
         _print_results(results, skipped, out)
+        _print_strays(strays, out)
     return 0 if results and all(r.valid for r in results) else 1
 
 
@@ -114,6 +161,15 @@ def _print_results(results, skipped, out):
     if not results:
         summary = "no table files found" + (" (%d other files skipped)" % len(skipped) if skipped else "")
     out.line(summary)
+
+
+def _print_strays(strays, out):
+    for stray in strays:
+        out.line("STRAY %s  %s (%d bytes)" % (stray["what"], stray["path"], stray["bytes"]))
+        out.line("      %s" % stray["state"])
+    if strays:
+        out.line("%d stray file%s (%d bytes) beside the tables" % (len(strays), "" if len(strays) == 1 else "s",
+                                                                  sum(s["bytes"] for s in strays)))
 
 
 def print_problem(problem, out):

@@ -1,14 +1,17 @@
 """What every table check produces: problems, each with the code and message the
 module gave (or the exception a query let through), where in the file it lies and
 the cause the manager logged."""
+
 import dataclasses
+import os
 from typing import List
 
 from vexcore.QRVPublic import RetCode
+from vexcore.qrvdev.QRVTableManager import _codec
 
 ERROR = "error"
 WARNING = "warning"
-NO_CODE = "-"          # a finding of this tool, not a result of the module
+NO_CODE = "-"  # a finding of this tool, not a result of the module
 
 
 @dataclasses.dataclass
@@ -27,9 +30,21 @@ class ToolError(Exception):
     """A user error: printed as one line, without a traceback."""
 
 
+def write_file(path, data):
+    """Writes `data` (bytes) to `path` as the managers write their tables: atomically
+    (a kill leaves the old file or the new one), a replaced file keeping its mode, a
+    new one getting the mode the umask gives, a symbolic link followed so that the
+    file it names is replaced."""
+    try:
+        _codec.write_file_atomic(os.fspath(path), data)
+    except OSError as error:
+        raise ToolError("cannot write %s: %s" % (path, error.strerror or error)) from error
+
+
 @dataclasses.dataclass
 class TableResult:
     """One file run through its manager: the problems found and what was learnt."""
+
     path: str
     kind: str
     problems: List[Problem] = dataclasses.field(default_factory=list)

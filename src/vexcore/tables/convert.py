@@ -6,13 +6,12 @@ result to where the user asked. The input is never changed unless --in-place is 
 and an existing output is never overwritten without --force.
 """
 import os
-import tempfile
 
 import vexcore.qrvdev.QRVTableManager as tm
 
 from . import beam, calibration, kinds
 from .check import print_problem
-from .common import ToolError
+from .common import ToolError, write_file
 from .sandbox import Sandbox, collected_logs
 
 
@@ -72,16 +71,6 @@ def _failed(result, out):
 
 
 def _write(target, data, replace_allowed):
-    """Writes `data` to `target` through a temporary file, so a failure leaves no half file."""
-    if os.path.exists(target) and not replace_allowed:
+    if os.path.lexists(target) and not replace_allowed:
         raise ToolError("%s exists; give --force to replace it" % target)
-    folder = os.path.dirname(os.path.abspath(target))
-    handle, temporary = tempfile.mkstemp(dir=folder, prefix=".vexcore-tables-")
-    try:
-        with os.fdopen(handle, "wb") as f:
-            f.write(data)
-        os.replace(temporary, target)
-    except BaseException:
-        if os.path.exists(temporary):
-            os.remove(temporary)
-        raise
+    write_file(target, data)

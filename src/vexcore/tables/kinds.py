@@ -5,6 +5,7 @@ The managers find their files by name, so the name decides the kind first:
 export), "Beam_Configuration_*.json" a beam table. Other files are told apart by a
 quick look at their contents.
 """
+
 import csv
 import io
 import json

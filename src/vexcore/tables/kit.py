@@ -4,6 +4,7 @@ The kit manager reads every "AAKIT_*.csv" of its files directory and skips files
 refuses, saying why only in its log; so a kit is checked alone in a private files
 directory and the manager's warnings and errors become the file's problems.
 """
+
 import dataclasses
 import logging
 import os
@@ -14,7 +15,7 @@ import vexcore.qrvdev.QRVTableManager as tm
 from vexcore.QRVPublic import RetCode
 
 from . import kinds
-from .common import WARNING, TableResult, first_failing_prefix, line_label, as_number
+from .common import WARNING, TableResult, as_number, first_failing_prefix, line_label
 from .sandbox import Sandbox, collected_logs
 
 FIELDS = ("DEV_TYPE", "TYPE", "SPACING", "STEERING_H", "STEERING_V", "OFFSET_TX", "OFFSET_RX")
@@ -38,22 +39,27 @@ def load(path, devtype=None, channels=None, locate=True):
     channels = channels or _offset_count(rows)
     file_name = _sandbox_name(path, result)
     with Sandbox() as sandbox, collected_logs() as logs:
+
         def run(source):
             sandbox.copy_in(source, file_name)
-            manager = tm.AAKitTableManager(devtype if devtype is not None else 0, channels,
-                                           support_dev=[devtype] if devtype is not None else [])
+            manager = tm.AAKitTableManager(
+                devtype if devtype is not None else 0, channels, support_dev=[devtype] if devtype is not None else []
+            )
             start = len(logs.records)
             try:
                 ret = manager.parse()
-            except KeyError as error:          # a kit without TYPE ends the parse this way
+            except KeyError as error:  # a kit without TYPE ends the parse this way
                 return manager, None, error, start
             return manager, ret, None, start
 
         manager, ret, escaped, start = run(path)
         _add_reasons(result, ret, _collect(result, logs, start, sandbox, path))
         if escaped is not None:
-            result.add("the kit has no %s row" % escaped.args[0], type(escaped).__name__,
-                       detail="the kit manager's parse stops with this error")
+            result.add(
+                "the kit has no %s row" % escaped.args[0],
+                type(escaped).__name__,
+                detail="the kit manager's parse stops with this error",
+            )
             return result
         if locate and logs.exception_texts(start):
             where = _locate(path, sandbox, run, logs)
@@ -66,8 +72,12 @@ def load(path, devtype=None, channels=None, locate=True):
         result.name, result.record = _the_kit(table, result)
     _check_record(result, channels)
     kind = {0: "official", 1: "custom"}.get(result.record.get("TYPE"), "?")
-    result.summary = "%s (%s kit, device type %s, %d channels)" % (result.name, kind,
-                                                                 result.record.get("DEV_TYPE"), channels)
+    result.summary = "%s (%s kit, device type %s, %d channels)" % (
+        result.name,
+        kind,
+        result.record.get("DEV_TYPE"),
+        channels,
+    )
     return result
 
 
@@ -75,8 +85,9 @@ def _sandbox_name(path, result):
     name = os.path.basename(path)
     if name.startswith("AAKIT_") and name.endswith(".csv"):
         return name
-    result.add("the name does not match AAKIT_*.csv, so the kit manager never reads this file",
-               RetCode.ERROR_BF_NO_AAKIT.name)
+    result.add(
+        "the name does not match AAKIT_*.csv, so the kit manager never reads this file", RetCode.ERROR_BF_NO_AAKIT.name
+    )
     return "AAKIT_" + os.path.splitext(name)[0] + ".csv"
 
 
@@ -92,8 +103,11 @@ def _collect(result, logs, start, sandbox, path):
         renamed = _RENAMED.search(message)
         if renamed:
             result.renamed_to = renamed.group("name")
-            result.add("custom kit name has no valid time stamp: loading renames the kit to %r "
-                       "and rewrites its file" % result.renamed_to, severity=WARNING)
+            result.add(
+                "custom kit name has no valid time stamp: loading renames the kit to %r "
+                "and rewrites its file" % result.renamed_to,
+                severity=WARNING,
+            )
         elif record.levelno >= logging.WARNING and message != _NOTHING_LOADED:
             detail = ""
             if record.exc_info and record.exc_info[1] is not None:

@@ -23,6 +23,7 @@ The sums are taken per distinct x (or y) coordinate: on a grid a cut then costs
 columns (or rows) terms per angle instead of one per channel, which keeps the
 pattern of a 1024-channel device fast enough to draw on every page view.
 """
+
 import cmath
 import math
 from operator import mul
@@ -31,12 +32,12 @@ from vexcore.QRVPublic import BeamType
 
 from .common import as_number, unwrap
 
-DEFAULT_OFFSET_STEP_DEG = 360.0 / 64          # one step of a 6-bit phase shifter
+DEFAULT_OFFSET_STEP_DEG = 360.0 / 64  # one step of a 6-bit phase shifter
 CUT_STEP_DEG = 0.25
 SEARCH_STEP_DEG = 2.0
 FLOOR_DB = -40.0
 
-LIGHT_SPEED_MM_GHZ = 299.792458        # millimetres per nanosecond: lambda[mm] = c / f[GHz]
+LIGHT_SPEED_MM_GHZ = 299.792458  # millimetres per nanosecond: lambda[mm] = c / f[GHz]
 
 
 def wavelength_mm(freq_ghz):
@@ -124,6 +125,7 @@ def first_nulls(angles_deg, values):
 
 # --- a beam of the table and its kit ----------------------------------------------
 
+
 class PatternInputs:
     """Weights, element positions and the direction the cuts go through."""
 
@@ -136,7 +138,7 @@ def beam_channels(entry):
     """(board, channel, sw, total gain dB, phase deg) of a channel beam, in board/channel
     order; [] for a steered beam. The total gain is the board's common_db plus the
     channel's db."""
-    from .beam import ordered_channels          # beam loads the module; keep this file light to import
+    from .beam import ordered_channels  # beam loads the module; keep this file light to import
 
     if entry.get("beam_type") == BeamType.BEAM:
         return []
@@ -144,13 +146,21 @@ def beam_channels(entry):
     for board_no, channel_no, channel in ordered_channels(entry.get("channel_config")):
         common = as_number(unwrap(entry["channel_config"]["board_%d" % board_no].get("common_db"))) or 0.0
         gain = as_number(unwrap(channel.get("db")))
-        found.append((board_no, channel_no, channel.get("sw"), None if gain is None else gain + common,
-                      as_number(channel.get("deg"))))
+        found.append(
+            (
+                board_no,
+                channel_no,
+                channel.get("sw"),
+                None if gain is None else gain + common,
+                as_number(channel.get("deg")),
+            )
+        )
     return found
 
 
-def pattern_inputs(entry, channels, kit_record, freq, layout, mode_name, grid=None,
-                   offset_step=DEFAULT_OFFSET_STEP_DEG):
+def pattern_inputs(
+    entry, channels, kit_record, freq, layout, mode_name, grid=None, offset_step=DEFAULT_OFFSET_STEP_DEG
+):
     """What the cuts of a beam are computed from (ValueError for a grid that does not fit)."""
     count = len(channels) or layout[0] * layout[1] * layout[2]
     shape = grid_shape(count, grid)
@@ -163,8 +173,9 @@ def pattern_inputs(entry, channels, kit_record, freq, layout, mode_name, grid=No
         amplitude = float(unwrap(config.get("db")) or 0.0)
         weights = [excitation(0, amplitude, p + o) for p, o in zip(phases, offsets)]
     else:
-        weights = [excitation(sw, gain or 0.0, (phase or 0.0) + o)
-                   for (_, _, sw, gain, phase), o in zip(channels, offsets)]
+        weights = [
+            excitation(sw, gain or 0.0, (phase or 0.0) + o) for (_, _, sw, gain, phase), o in zip(channels, offsets)
+        ]
         theta, phi = peak_direction(weights, points, freq)
     return PatternInputs(weights, points, freq, theta, phi, shape)
 
@@ -172,7 +183,7 @@ def pattern_inputs(entry, channels, kit_record, freq, layout, mode_name, grid=No
 def kit_offsets(kit_record, mode_name, count, step):
     """The kit's phase offsets of the mode in degrees (added to each channel's phase)."""
     values = kit_record.get("OFFSET_" + mode_name)
-    if isinstance(values, dict):              # per polarization: the first one
+    if isinstance(values, dict):  # per polarization: the first one
         values = next(iter(values.values()), [])
     values = list(values or [])[:count]
     return [v * step for v in values] + [0.0] * (count - len(values))
@@ -183,20 +194,20 @@ def peak_direction(weights, points, freq):
     k = 2 * math.pi / wavelength_mm(freq)
     angles = [-90 + SEARCH_STEP_DEG * i for i in range(int(180 / SEARCH_STEP_DEG) + 1)]
     sines = [math.sin(math.radians(a)) for a in angles]
-    rows = {}                                     # y -> ([x], [weight]) of the elements in that row
+    rows = {}  # y -> ([x], [weight]) of the elements in that row
     for w, (x, y) in zip(weights, points):
         xs, ws = rows.setdefault(y, ([], []))
         xs.append(x)
         ws.append(w)
     ys = list(rows)
     xs_all = sorted({x for x, _ in points})
-    row_phases = [[cmath.exp(1j * k * y * s) for y in ys] for s in sines]      # per phi
+    row_phases = [[cmath.exp(1j * k * y * s) for y in ys] for s in sines]  # per phi
     sums_per_theta = []
     for st in sines:
         column = {x: cmath.exp(1j * k * x * st) for x in xs_all}
         sums_per_theta.append([sum(map(mul, ws, map(column.__getitem__, xs))) for xs, ws in rows.values()])
     best = (-1.0, 0.0, 0.0)
-    for phi, phases in zip(angles, row_phases):        # phi first: the first of equal peaks wins
+    for phi, phases in zip(angles, row_phases):  # phi first: the first of equal peaks wins
         for theta, row_sums in zip(angles, sums_per_theta):
             value = abs(sum(map(mul, row_sums, phases)))
             if value > best[0]:

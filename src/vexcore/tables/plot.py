@@ -6,15 +6,17 @@
   vertical cut through the beam's direction, with the kit's steering limits marked
   (geometry, angles and excitation as described in vexcore.tables.pattern).
 """
-import math
 
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+import io
+import math
+import os
+
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 from . import beam, calibration, kinds, pattern
-from .common import ToolError, unwrap
+from .common import ToolError, unwrap, write_file
 
 INSTALL_HINT = "plot needs matplotlib: pip install 'vexcore[plot]' (or pip install matplotlib)"
-DEFAULT_OFFSET_STEP_DEG = pattern.DEFAULT_OFFSET_STEP_DEG
 FLOOR_DB = pattern.FLOOR_DB
 
 
@@ -26,10 +28,16 @@ def run(options, out):
     elif kind == kinds.BEAM:
         figure = _beam_figure(pyplot, options)
     else:
-        raise ToolError("plot draws calibration and beam tables; %s is %s"
-                        % (options.path, "a %s table" % kind if kind else "neither"))
-    figure.savefig(options.out, dpi=options.dpi)
+        raise ToolError(
+            "plot draws calibration and beam tables; %s is %s"
+            % (options.path, "a %s table" % kind if kind else "neither")
+        )
+    # Drawn in memory and written as the tables are, so an interrupted run
+    # leaves no half picture.
+    picture = io.BytesIO()
+    figure.savefig(picture, format=os.path.splitext(str(options.out))[1][1:].lower() or None, dpi=options.dpi)
     pyplot.close(figure)
+    write_file(options.out, picture.getvalue())
     out.line("wrote %s" % options.out)
     return 0
 
@@ -39,8 +47,9 @@ def _pyplot():
         import matplotlib
     except ImportError:
         raise ToolError(INSTALL_HINT) from None
-    matplotlib.use("Agg")                      # files only: no display needed
+    matplotlib.use("Agg")  # files only: no display needed
     import matplotlib.pyplot as pyplot
+
     return pyplot
 
 
@@ -58,6 +67,7 @@ def _blocking(result):
 
 
 # --- calibration -----------------------------------------------------------------
+
 
 def _calibration_figure(pyplot, options, kind):
     loader = calibration.load if kind == kinds.CALIBRATION else calibration.load_export
@@ -88,11 +98,15 @@ def _calibration_panel(ax, cali, mode):
 
 # --- beams -------------------------------------------------------------------------
 
+
 def _beam_figure(pyplot, options):
     mode_name, beam_id = options.beam
     num_beam = options.num_beam or max(beam.highest_id_in(options.path), beam_id)
-    table = _loaded(beam.load(options.path, options.layout, options.cali, options.kit, num_beam,
-                              validate=False, devtype=options.devtype))
+    table = _loaded(
+        beam.load(
+            options.path, options.layout, options.cali, options.kit, num_beam, validate=False, devtype=options.devtype
+        )
+    )
     ret = table.beam(RFMode[mode_name], beam_id)
     if ret.RetCode != RetCode.OK:
         raise ToolError("%s beam %d: %s %s" % (mode_name, beam_id, ret.RetCode.name, ret.RetMsg))
@@ -129,8 +143,14 @@ def _beam_title(table, mode_name, beam_id, entry, steered):
         what += " db %s, theta %s, phi %s" % (config.get("db"), config.get("theta"), config.get("phi"))
     description = entry.get("beam_description") or ""
     return "%s beam %d (%s)%s\n%s at %s GHz, kit %s" % (
-        mode_name, beam_id, what, " '%s'" % description if description else "",
-        table.sn, kinds.frequency_text(table.freq), table.kit_name or "none")
+        mode_name,
+        beam_id,
+        what,
+        " '%s'" % description if description else "",
+        table.sn,
+        kinds.frequency_text(table.freq),
+        table.kit_name or "none",
+    )
 
 
 def _channel_map(figure, ax, channels, layout, which):
@@ -142,14 +162,25 @@ def _channel_map(figure, ax, channels, layout, which):
         grid[board_no - 1][channel_no - 1] = math.nan if sw != 0 or value is None else value
     cmap = "viridis" if which == "gain" else "twilight"
     limits = {} if which == "gain" else {"vmin": 0, "vmax": 360}
-    image = ax.imshow([[v % 360 if which == "phase" and not math.isnan(v) else v for v in row] for row in grid],
-                      cmap=cmap, aspect="auto", **limits)
+    image = ax.imshow(
+        [[v % 360 if which == "phase" and not math.isnan(v) else v for v in row] for row in grid],
+        cmap=cmap,
+        aspect="auto",
+        **limits,
+    )
     for board_no, channel_no, sw, gain, phase in channels:
         value = gain if which == "gain" else phase
         text = "off" if sw != 0 else ("?" if value is None else "%g" % value)
         # A light box keeps the value readable on any colour of the map.
-        ax.text(channel_no - 1, board_no - 1, text, ha="center", va="center", fontsize="small",
-                bbox={"boxstyle": "round,pad=0.15", "facecolor": "white", "alpha": 0.7, "linewidth": 0})
+        ax.text(
+            channel_no - 1,
+            board_no - 1,
+            text,
+            ha="center",
+            va="center",
+            fontsize="small",
+            bbox={"boxstyle": "round,pad=0.15", "facecolor": "white", "alpha": 0.7, "linewidth": 0},
+        )
     ax.set_xticks(range(per_board), ["ch%d" % (i + 1) for i in range(per_board)])
     ax.set_yticks(range(boards), ["board_%d" % (i + 1) for i in range(boards)])
     ax.set_title("channel gain, common + element (dB)" if which == "gain" else "channel phase (deg)")
@@ -158,8 +189,9 @@ def _channel_map(figure, ax, channels, layout, which):
 
 def _pattern_inputs(entry, channels, kit_record, table, mode, options):
     try:
-        return pattern.pattern_inputs(entry, channels, kit_record, table.freq, table.layout, mode.name,
-                                      options.grid, options.offset_step)
+        return pattern.pattern_inputs(
+            entry, channels, kit_record, table.freq, table.layout, mode.name, options.grid, options.offset_step
+        )
     except ValueError as error:
         raise ToolError(str(error)) from None
 
@@ -176,8 +208,9 @@ def _pattern_panel(ax, drawing, cut, kit_record):
     ax.axvline(steered_to, color="tab:red", linestyle=":", label="beam direction %g deg" % steered_to)
     name = "theta (horizontal)" if cut == "horizontal" else "phi (vertical)"
     other = "phi" if cut == "horizontal" else "theta"
-    ax.set_title("array factor, %s cut at %s = %g deg (%dx%d grid)" % (cut, other, fixed, *drawing.grid),
-                 fontsize="medium")
+    ax.set_title(
+        "array factor, %s cut at %s = %g deg (%dx%d grid)" % (cut, other, fixed, *drawing.grid), fontsize="medium"
+    )
     ax.set_xlabel("%s, deg" % name)
     ax.set_ylabel("relative gain, dB")
     ax.set_xlim(-90, 90)

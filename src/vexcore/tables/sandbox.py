@@ -4,6 +4,7 @@ Loading a kit may rename it and loading an old beam table rewrites it, so the to
 always works on a copy in a private files directory. The managers' log records are
 collected instead of printed: they are the detail behind a result.
 """
+
 import contextlib
 import logging
 import os

@@ -1,5 +1,6 @@
 """show: a readable summary of one table, as the managers read it."""
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 from . import beam, kinds
 from .check import check_file, print_problem
@@ -42,8 +43,13 @@ def _load(options, kind):
 
 def _summary(result, options):
     """The facts to show as plain data (also the --json output), or None when unreadable."""
-    makers = {kinds.CALIBRATION: _calibration_summary, kinds.CALIBRATION_JSON: _calibration_summary,
-              kinds.KIT: _kit_summary, kinds.BEAM: _beam_summary, kinds.UD_DELTA: _ud_summary}
+    makers = {
+        kinds.CALIBRATION: _calibration_summary,
+        kinds.CALIBRATION_JSON: _calibration_summary,
+        kinds.KIT: _kit_summary,
+        kinds.BEAM: _beam_summary,
+        kinds.UD_DELTA: _ud_summary,
+    }
     return makers[result.kind](result, options)
 
 
@@ -54,13 +60,22 @@ def _calibration_summary(result, options):
     for index in range(result.layout[0]):
         board = {"board": index + 1}
         for mode in RFMode:
-            board[mode.name] = {"COMDR": _at(result.comdr[mode.value], index),
-                                "ELEDR": unwrap(_at(result.eledr[mode.value], index))}
+            board[mode.name] = {
+                "COMDR": _at(result.comdr[mode.value], index),
+                "ELEDR": unwrap(_at(result.eledr[mode.value], index)),
+            }
         board["TC"] = _at(result.tc or [], index)
         boards.append(board)
     offsets = [{"mode": mode, "chip": chip, "boards": values} for (mode, chip), values in result.offsets.items()]
-    return {"kind": result.kind, "path": result.path, "header": result.header,
-            "layout": list(result.layout), "DR": result.dr, "boards": boards, "offsets": offsets}
+    return {
+        "kind": result.kind,
+        "path": result.path,
+        "header": result.header,
+        "layout": list(result.layout),
+        "DR": result.dr,
+        "boards": boards,
+        "offsets": offsets,
+    }
 
 
 def _kit_summary(result, options):
@@ -76,9 +91,14 @@ def _beam_summary(result, options):
     for mode in RFMode:
         section = result.table.get(mode.name) or {}
         modes[mode.name] = [_beam_line(key, entry) for key, entry in section.items()]
-    data = {"kind": result.kind, "path": result.path,
-            "header": {k: result.table.get(k) for k in ("VERSION", "SN", "DEV_TYPE", "FREQ", "AAKIT_NAME")},
-            "layout": list(result.layout), "num_beam": result.num_beam, "beams": modes}
+    data = {
+        "kind": result.kind,
+        "path": result.path,
+        "header": {k: result.table.get(k) for k in ("VERSION", "SN", "DEV_TYPE", "FREQ", "AAKIT_NAME")},
+        "layout": list(result.layout),
+        "num_beam": result.num_beam,
+        "beams": modes,
+    }
     if options.beam:
         data["beam"] = _one_beam(result, *options.beam)
     return data
@@ -99,8 +119,12 @@ def _beam_line(key, entry):
         return {"id": key, "type": "?", "description": "", "settings": repr(entry)}
     steered = entry.get("beam_type") == BeamType.BEAM
     settings = _steered_text(entry.get("beam_config")) if steered else _channel_text(entry.get("channel_config"))
-    return {"id": key, "type": "steered" if steered else "channel",
-            "description": entry.get("beam_description", ""), "settings": settings}
+    return {
+        "id": key,
+        "type": "steered" if steered else "channel",
+        "description": entry.get("beam_description", ""),
+        "settings": settings,
+    }
 
 
 def _steered_text(config):
@@ -130,8 +154,13 @@ def _one_beam(result, mode_name, beam_id):
 
 
 def _render(result, data):
-    renderers = {kinds.CALIBRATION: _render_calibration, kinds.CALIBRATION_JSON: _render_calibration,
-                 kinds.KIT: _render_kit, kinds.BEAM: _render_beam, kinds.UD_DELTA: _render_ud}
+    renderers = {
+        kinds.CALIBRATION: _render_calibration,
+        kinds.CALIBRATION_JSON: _render_calibration,
+        kinds.KIT: _render_kit,
+        kinds.BEAM: _render_beam,
+        kinds.UD_DELTA: _render_ud,
+    }
     return renderers[result.kind](data)
 
 
@@ -142,8 +171,9 @@ def _render_calibration(data):
     header.append(("layout", "%d boards x %d IC x %d channels" % (boards, chips, channels)))
     lines += columns(header, indent="  ")
     lines += ["", "Dynamic range (dB)"]
-    lines += columns([(mode, pair[0], pair[1]) for mode, pair in data["DR"].items()],
-                     header=("mode", "lower", "upper"), indent="  ")
+    lines += columns(
+        [(mode, pair[0], pair[1]) for mode, pair in data["DR"].items()], header=("mode", "lower", "upper"), indent="  "
+    )
     lines += ["", "Per board (dB): common-arm range COMDR, element limit ELEDR; temperature compensation TC"]
     rows = []
     for board in data["boards"]:
@@ -153,8 +183,11 @@ def _render_calibration(data):
             row += [pair[0], pair[1], board[mode]["ELEDR"]]
         row.append(" ".join(map(str, board["TC"] or [])))
         rows.append(row)
-    lines += columns(rows, header=("board", "TX COMDR min", "max", "TX ELEDR", "RX COMDR min", "max",
-                                   "RX ELEDR", "TC (TX, RX)"), indent="  ")
+    lines += columns(
+        rows,
+        header=("board", "TX COMDR min", "max", "TX ELEDR", "RX COMDR min", "max", "RX ELEDR", "TC (TX, RX)"),
+        indent="  ",
+    )
     for entry in data["offsets"]:
         lines += ["", "Phase offsets %s, IC %d (steps)" % (entry["mode"], entry["chip"])]
         rows = [[b + 1] + list(values) for b, values in enumerate(entry["boards"])]
@@ -165,11 +198,16 @@ def _render_calibration(data):
 def _render_kit(data):
     record = data["record"]
     kit_type = {0: "official", 1: "custom"}.get(record.get("TYPE"), record.get("TYPE"))
-    lines = ["Antenna kit %s (%s, device type %s)" % (data["name"], kit_type, record.get("DEV_TYPE")),
-             "  file %s" % data["path"], ""]
-    facts = [("spacing", _pair_text(record.get("SPACING"), " x ", " mm")),
-             ("steering H", _pair_text(record.get("STEERING_H"), " .. ", " deg")),
-             ("steering V", _pair_text(record.get("STEERING_V"), " .. ", " deg"))]
+    lines = [
+        "Antenna kit %s (%s, device type %s)" % (data["name"], kit_type, record.get("DEV_TYPE")),
+        "  file %s" % data["path"],
+        "",
+    ]
+    facts = [
+        ("spacing", _pair_text(record.get("SPACING"), " x ", " mm")),
+        ("steering H", _pair_text(record.get("STEERING_H"), " .. ", " deg")),
+        ("steering V", _pair_text(record.get("STEERING_V"), " .. ", " deg")),
+    ]
     lines += columns(facts, indent="  ")
     for field in ("OFFSET_TX", "OFFSET_RX"):
         values = record.get(field)
@@ -185,12 +223,14 @@ def _pair_text(pair, joint, unit):
 
 
 def _offset_rows(values, per_row=16):
-    if isinstance(values, dict):         # per polarization
+    if isinstance(values, dict):  # per polarization
         return [line for name, inner in values.items() for line in ["  " + name] + _offset_rows(inner)]
     if not isinstance(values, list):
         return ["  missing"]
-    rows = [["ch%d-%d" % (i + 1, min(i + per_row, len(values)))] + values[i:i + per_row]
-            for i in range(0, len(values), per_row)]
+    rows = [
+        ["ch%d-%d" % (i + 1, min(i + per_row, len(values)))] + values[i : i + per_row]
+        for i in range(0, len(values), per_row)
+    ]
     return columns(rows, indent="  ")
 
 
@@ -199,8 +239,12 @@ def _render_beam(data):
     boards, chips, channels = data["layout"]
     lines = ["Beam table %s" % data["path"], ""]
     facts = [(key, value) for key, value in header.items() if value is not None]
-    facts.append(("layout", "%d boards x %d IC x %d channels, beam ids 1..%d per mode"
-                  % (boards, chips, channels, data["num_beam"])))
+    facts.append(
+        (
+            "layout",
+            "%d boards x %d IC x %d channels, beam ids 1..%d per mode" % (boards, chips, channels, data["num_beam"]),
+        )
+    )
     lines += columns(facts, indent="  ")
     for mode, entries in data["beams"].items():
         lines += ["", "%s beams (%d stored)" % (mode, len(entries))]
@@ -215,9 +259,10 @@ def _render_one_beam(shown):
     entry = shown["beam"]
     origin = "stored" if shown["stored"] else "not stored: the default from the calibration limits"
     steered = entry.get("beam_type") == BeamType.BEAM
-    lines = ["%s beam %d (%s): %s beam %r" % (shown["mode"], shown["id"], origin,
-                                              "steered" if steered else "channel",
-                                              entry.get("beam_description", ""))]
+    lines = [
+        "%s beam %d (%s): %s beam %r"
+        % (shown["mode"], shown["id"], origin, "steered" if steered else "channel", entry.get("beam_description", ""))
+    ]
     if steered:
         config = entry.get("beam_config") or {}
         return lines + columns([(k, config.get(k)) for k in ("db", "theta", "phi")], indent="  ")
@@ -225,12 +270,22 @@ def _render_one_beam(shown):
     for board_key, board in (entry.get("channel_config") or {}).items():
         for name, channel in board.items():
             if name != "common_db" and isinstance(channel, dict):
-                rows.append((board_key, board.get("common_db"), name, "on" if channel.get("sw") == 0 else "off",
-                             unwrap(channel.get("db")), channel.get("deg")))
+                rows.append(
+                    (
+                        board_key,
+                        board.get("common_db"),
+                        name,
+                        "on" if channel.get("sw") == 0 else "off",
+                        unwrap(channel.get("db")),
+                        channel.get("deg"),
+                    )
+                )
     return lines + columns(rows, header=("board", "common_db", "channel", "sw", "db", "deg"), indent="  ")
 
 
 def _render_ud(data):
-    return ["UD delta-frequency table %s" % data["path"],
-            "  serial number  %s" % data["sn"],
-            "  minimum LO/IF spacing  %s" % data["delta"]]
+    return [
+        "UD delta-frequency table %s" % data["path"],
+        "  serial number  %s" % data["sn"],
+        "  minimum LO/IF spacing  %s" % data["delta"],
+    ]

@@ -1,4 +1,5 @@
 """Terminal output: aligned columns and a progress line."""
+
 import shutil
 import sys
 
@@ -51,7 +52,7 @@ class Progress:
     def step(self, index, label):
         if self.enabled:
             text = "[%d/%d] checking %s" % (index, self.total, label)
-            self.stream.write("\r" + text[:self.width].ljust(self.width))
+            self.stream.write("\r" + text[: self.width].ljust(self.width))
             self.stream.flush()
 
     def done(self):

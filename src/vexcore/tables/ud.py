@@ -1,4 +1,5 @@
 """UD delta-frequency tables through UDDeltaFreqTableManager ("<SN>.csv")."""
+
 import dataclasses
 import os
 

@@ -20,8 +20,9 @@ def configure(db_path=None):
     """Points the front end, and the managers' web mode with it, at one database."""
     global _db_path
     if db_path:
-        # The calibration manager's web mode finds the database through the environment.
-        os.environ[QRVDBQueryer.DB_ENV] = os.path.abspath(db_path)
+        # The calibration manager's web mode finds the database through the environment;
+        # a file path is made absolute, a URL (postgresql://, sqlite:///) kept as it is.
+        os.environ[QRVDBQueryer.DB_ENV] = db_path if "://" in str(db_path) else os.path.abspath(db_path)
     _db_path = QRVDBQueryer.database_path()
     return _db_path
 
@@ -32,8 +33,11 @@ def database_path():
 
 def devices():
     """[(serial number, frequency, calibration version)] of every stored calibration table."""
-    with QRVDBQueryer.transaction(database_path()) as connection:
-        return QRVDBQueryer.calibration_index(connection)
+    db = QRVDBQueryer.connect(database_path())
+    try:
+        return QRVDBQueryer.calibration_index(db)
+    finally:
+        db.close()
 
 
 def store_calibration_file(path, layout):

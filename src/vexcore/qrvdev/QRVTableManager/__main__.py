@@ -8,17 +8,18 @@ tables (``python -m vexcore.samples DIR`` prepares one from the bundled samples)
 The calibration manager runs in web mode, so the table database must hold the
 device's calibration table; a failed step ends the process at once with status -1.
 """
+
 import logging.config
 import os
 import sys
 
 import vexcore.qrvdev.QRVTableManager as tm
-from vexcore.QRVPublic import RFMode, RetCode
+from vexcore.QRVPublic import RetCode, RFMode
 
 SN = "K5350R019-28"
 FREQ = 28
 KIT = "AAKIT_QRVLAB-4x4_PRIME_28_IDEAL"
-DEV_TYPE = 9                        # the 16-channel device the sample kit is made for
+DEV_TYPE = 9  # the 16-channel device the sample kit is made for
 
 logger = None
 
@@ -52,7 +53,7 @@ def calibration_steps():
     show("DR:", dr)
     show("COMDR:", checked("getCOMDR", cali.getCOMDR()))
     show("ELEDR:", checked("getELEDR", cali.getELEDR()))
-    low, high = -4.0, -1.0          # a common-arm gain request in dB
+    low, high = -4.0, -1.0  # a common-arm gain request in dB
     steps = []
     for board in (1, 2):
         steps += cali._searchComStepDR(board, RFMode.TX.name, low, high, None)
@@ -89,8 +90,10 @@ def ic_mode_steps(dr):
 def main():
     global logger
     if not os.path.isfile("logging.conf"):
-        print("No logging.conf here: run the demonstration in a folder prepared with "
-              "'python -m vexcore.samples DIR'.", file=sys.stderr)
+        print(
+            "No logging.conf here: run the demonstration in a folder prepared with 'python -m vexcore.samples DIR'.",
+            file=sys.stderr,
+        )
         return 2
     logging.config.fileConfig("logging.conf")
     logger = logging.getLogger("UT")

@@ -14,8 +14,9 @@ through the application's own HTTP interface (Starlette's test client, no networ
 Medians of interleaved samples; the calibration answers are read once (the first page
 pays for them, shown apart) and kept for a minute, as the front end does.
 
-Usage: python bench/bench_web.py [--reps N] [--keep DIR]   (a kept DIR is used again as it is)
+Usage: python bench/web_pages.py [--reps N] [--keep DIR]   (a kept DIR is used again as it is)
 """
+
 import argparse
 import os
 import random
@@ -32,7 +33,12 @@ import gen_data  # noqa: E402
 
 SN, FREQ = gen_data.SERIAL, 28
 KIT = "QRVLAB-1024CH_PRIME_28_BENCH"
-TARGETS_MS = {"beam list page": 300, "steered beam page": 300, "beam 16 page (a channel beam)": 300, "save one beam": 200}
+TARGETS_MS = {
+    "beam list page": 300,
+    "steered beam page": 300,
+    "beam 16 page (a channel beam)": 300,
+    "save one beam": 200,
+}
 
 
 def prepare(folder, channel_every):
@@ -43,6 +49,7 @@ def prepare(folder, channel_every):
     os.environ["VEXCORE_FILES_DIR"] = files
     db = os.path.join(files, "vexcore_tables.db")
     from vexcore.web import demo, managers, store
+
     store.configure(db)
     cali = os.path.join(files, "%s_%sGHz.csv" % (SN, FREQ))
     gen_data.write_csv_rows(cali, gen_data.calibration_rows(size, rnd))
@@ -61,14 +68,18 @@ def prepare(folder, channel_every):
 
 def rf_mode(name):
     from vexcore.QRVPublic import RFMode
+
     return RFMode[name]
 
 
 def _beam(beam_id, session, mode, channel_every):
     if not channel_every or beam_id % channel_every:
-        return {"beam_description": "steered %d" % beam_id, "beam_type": 0,
-                "beam_config": {"db": 1.0, "theta": (beam_id % 61) - 30, "phi": (beam_id % 41) - 20}}
-    beam = session.manager.getBeamPattern(rf_mode(mode), beam_id).RetData     # the default, with its limits
+        return {
+            "beam_description": "steered %d" % beam_id,
+            "beam_type": 0,
+            "beam_config": {"db": 1.0, "theta": (beam_id % 61) - 30, "phi": (beam_id % 41) - 20},
+        }
+    beam = session.manager.getBeamPattern(rf_mode(mode), beam_id).RetData  # the default, with its limits
     for board in beam["channel_config"].values():
         for name, channel in board.items():
             if name != "common_db":
@@ -81,8 +92,13 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--reps", type=int, default=7)
     parser.add_argument("--keep", help="build the data in this folder and keep it")
-    parser.add_argument("--channel-every", type=int, default=16, metavar="N",
-                        help="every N-th beam id is a channel beam, the others steered (0: none; default 16)")
+    parser.add_argument(
+        "--channel-every",
+        type=int,
+        default=16,
+        metavar="N",
+        help="every N-th beam id is a channel beam, the others steered (0: none; default 16)",
+    )
     args = parser.parse_args(argv)
     if args.keep:
         return run(args, args.keep)
@@ -93,12 +109,13 @@ def main(argv=None):
 def run(args, folder):
     db = os.path.join(folder, "files", "vexcore_tables.db")
     kept = os.path.exists(db)
-    if kept:                                    # a kept folder: its data is used again
+    if kept:  # a kept folder: its data is used again
         os.environ["VEXCORE_FILES_DIR"] = os.path.dirname(db)
     else:
         db = prepare(folder, args.channel_every)
 
     from starlette.testclient import TestClient
+
     from vexcore.web import store
     from vexcore.web.app import create_app
 
@@ -112,9 +129,16 @@ def run(args, folder):
 
     def save():
         page = client.get(base + "/TX/3" + query).text
-        form = {"csrf": client.cookies.get("vexcore_csrf"), "action": "save", "beam_type": "steered",
-                "description": "bench", "db": "2.0", "theta": str(random.randint(-40, 40)), "phi": "0",
-                "revision": re.search(r'name="revision" value="([^"]+)"', page).group(1)}
+        form = {
+            "csrf": client.cookies.get("vexcore_csrf"),
+            "action": "save",
+            "beam_type": "steered",
+            "description": "bench",
+            "db": "2.0",
+            "theta": str(random.randint(-40, 40)),
+            "phi": "0",
+            "revision": re.search(r'name="revision" value="([^"]+)"', page).group(1),
+        }
         started = time.perf_counter()
         answer = client.post(base + "/TX/3" + query, data=form, follow_redirects=False)
         elapsed = time.perf_counter() - started
@@ -126,22 +150,33 @@ def run(args, folder):
         ("steered beam page", lambda: _timed(lambda: _ok(client.get(base + "/TX/1" + query)))),
         ("beam 16 page (a channel beam)", lambda: _timed(lambda: _ok(client.get(base + "/TX/16" + query)))),
         ("save one beam", save),
-        ("floor: read the table (sqlite3 + json.loads)",
-         lambda: _timed(lambda: callback("_load", freq=float(FREQ), aakit=KIT, devtype=9))),
-        ("floor: store the table (json.dumps + sqlite3)",
-         lambda: _timed(lambda: callback("saveToBeamTableFile", new_table=table))),
+        (
+            "floor: read the table (sqlite3 + json.loads)",
+            lambda: _timed(lambda: callback("_load", freq=float(FREQ), aakit=KIT, devtype=9)),
+        ),
+        (
+            "floor: store the table (json.dumps + sqlite3)",
+            lambda: _timed(lambda: callback("saveToBeamTableFile", new_table=table)),
+        ),
     ]
     samples = {name: [] for name, _ in cases}
     for _ in range(args.reps):
         for name, run in cases:
             samples[name].append(run())
     medians = {name: statistics.median(values) * 1000 for name, values in samples.items()}
-    read, write = medians["floor: read the table (sqlite3 + json.loads)"], medians["floor: store the table (json.dumps + sqlite3)"]
+    read, write = (
+        medians["floor: read the table (sqlite3 + json.loads)"],
+        medians["floor: store the table (json.dumps + sqlite3)"],
+    )
     mix = "1 in %d a channel beam" % args.channel_every if args.channel_every else "all steered"
-    print("\n64x4x4 device, 1024 beams per mode (%s), table %.1f MB as JSON; median of %d, %s"
-          % (mix, size_mb, args.reps, time.strftime("%Y-%m-%dT%H:%M:%S")))
-    print("first page of the device: %.0f ms%s\n" % (first * 1000, "" if kept else
-          " (its calibration answers were read while preparing the data, above)"))
+    print(
+        "\n64x4x4 device, 1024 beams per mode (%s), table %.1f MB as JSON; median of %d, %s"
+        % (mix, size_mb, args.reps, time.strftime("%Y-%m-%dT%H:%M:%S"))
+    )
+    print(
+        "first page of the device: %.0f ms%s\n"
+        % (first * 1000, "" if kept else " (its calibration answers were read while preparing the data, above)")
+    )
     print("| request | median | target | vs its floor |")
     print("|---|---|---|---|")
     for name, value in medians.items():
