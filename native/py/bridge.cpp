@@ -187,22 +187,56 @@ nb::object exception_object(std::exception_ptr error) {
     }
 }
 
+namespace {
+
+// A Python function that gives an exception a traceback of one frame, named
+// "<native code>" at line 0 of the module's file: the frame a traceback shows for
+// a failure that began in C++. The exception is raised from that frame and caught
+// by a caller, which drops its own entry. Everything is public Python: CPython's
+// helper for adding such a frame is private (its declaration left the public
+// headers in 3.13) and the stable ABI cannot build a frame object. Made on first
+// use and kept for the life of the process, like the interned names.
+PyObject* native_frame_attacher() {
+    static PyObject* attacher = [] {
+        static const char* source =
+            "def attach(error):\n"
+            "    try:\n"
+            "        raise_from_native_code(error)\n"
+            "    except BaseException:\n"
+            "        error.__traceback__ = error.__traceback__.tb_next\n"
+            "def raise_from_native_code(error): raise error\n";
+        nb::module_ builtins = nb::module_::import_("builtins");
+        nb::dict scope;
+        builtins.attr("exec")(builtins.attr("compile")(source, module().attr("__file__"), "exec"), scope);
+        // One line of source, so every instruction is on the first line, moved to 0.
+        nb::object raiser = scope["raise_from_native_code"];
+        raiser.attr("__code__") = raiser.attr("__code__").attr("replace")(
+            nb::arg("co_name") = "<native code>", nb::arg("co_qualname") = "<native code>",
+            nb::arg("co_firstlineno") = 0);
+        return nb::object(scope["attach"]).release().ptr();
+    }();
+    return attacher;
+}
+
+}  // namespace
+
 void give_traceback(nb::handle exc) {
     PyObject* tb = PyException_GetTraceback(exc.ptr());
     if (tb) {
         Py_DECREF(tb);
         return;
     }
-    nb::object file = nb::borrow(module().attr("__file__"));
-    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), Py_NewRef(exc.ptr()), nullptr);
-    _PyTraceback_Add("<native code>", PyUnicode_AsUTF8(file.ptr()), 0);
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    if (traceback && value == exc.ptr()) PyException_SetTraceback(value, traceback);
-    Py_XDECREF(type);
-    Py_XDECREF(value);
-    Py_XDECREF(traceback);
+    // No exception may be the handled one while it is raised, or `raise` would
+    // chain it as the __context__ of an exception it has nothing to do with.
+    HandledException none(nb::handle{});
+    // The frame is a courtesy to the reader of the log: if even this fails (no
+    // memory), the exception is reported without it.
+    try {
+        PyObject* result = PyObject_CallFunctionObjArgs(native_frame_attacher(), exc.ptr(), nullptr);
+        Py_XDECREF(result);
+    } catch (const nb::python_error&) {
+    }
+    PyErr_Clear();
 }
 
 bool truthy(nb::handle value) {

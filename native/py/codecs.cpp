@@ -2,6 +2,8 @@
 // walk over Python containers. The byte-level work is in native/codec/.
 #include "py/codecs.h"
 
+#include "py/stdlib_messages.h"
+
 #include "codec/atomic_file.h"
 #include "codec/csv.h"
 #include "codec/json.h"
@@ -81,8 +83,7 @@ nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
     if (parser.error() == codec::CsvError::field_too_large)
         raise_csv_error(nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)",
                                                        parser.field_limit())));
-    raise_csv_error(str("new-line character seen in unquoted field - "
-                        "do you need to open the file in universal-newline mode?"));
+    raise_csv_error(str(stdlib_messages().csv_newline_in_unquoted_field));
 }
 
 long current_field_limit() {

@@ -8,6 +8,7 @@
 #include "py/codecs.h"
 
 #include "codec/text.h"
+#include "py/stdlib_messages.h"
 
 #include <charconv>
 #include <deque>
@@ -293,6 +294,16 @@ private:
         return i;
     }
 
+    // The position of the next item after the comma at `comma`. A closing bracket
+    // there is refused at the comma by interpreters that name the trailing comma;
+    // older ones fail on the bracket itself, as a missing item.
+    std::size_t after_comma(std::size_t comma, char closing, const char* trailing_comma) {
+        const std::size_t i = skip_whitespace(comma + 1);
+        if (at(i, closing) && stdlib_messages().json_names_trailing_comma)
+            throw ScanError{trailing_comma, comma};
+        return i;
+    }
+
     PyObject* scan_object(std::size_t i, std::size_t& next) {
         Ref dict(checked(PyDict_New()));
         i = skip_whitespace(i);
@@ -308,7 +319,7 @@ private:
                 i = skip_whitespace(i);
                 if (at(i, '}')) break;
                 if (!at(i, ',')) throw ScanError{"Expecting ',' delimiter", i};
-                i = skip_whitespace(i + 1);
+                i = after_comma(i, '}', "Illegal trailing comma before end of object");
             }
         }
         next = i + 1;
@@ -325,7 +336,7 @@ private:
                 i = skip_whitespace(i);
                 if (at(i, ']')) break;
                 if (!at(i, ',')) throw ScanError{"Expecting ',' delimiter", i};
-                i = skip_whitespace(i + 1);
+                i = after_comma(i, ']', "Illegal trailing comma before end of array");
             }
         }
         const std::size_t count = stack_.size() - base;
