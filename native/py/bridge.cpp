@@ -1,3 +1,4 @@
+#include "py/capi.h"
 #include "py/bridge.h"
 
 #include <deque>
@@ -148,7 +149,7 @@ void raise(PyObject* type, std::string_view message) {
 
 void raise_key_error(nb::handle key) {
     // KeyError takes the key as its single argument (a tuple key would be unpacked).
-    PyObject* exc = PyObject_CallOneArg(PyExc_KeyError, key.ptr());
+    PyObject* exc = call_one_arg(PyExc_KeyError, key.ptr());
     if (!exc) raise_already_set();
     PyErr_SetObject(PyExc_KeyError, exc);
     Py_DECREF(exc);
@@ -181,9 +182,9 @@ nb::object exception_object(std::exception_ptr error) {
     } catch (const std::bad_alloc&) {
         return nb::steal(PyObject_CallNoArgs(PyExc_MemoryError));
     } catch (const std::exception& e) {
-        return nb::steal(PyObject_CallOneArg(PyExc_RuntimeError, str(e.what()).ptr()));
+        return nb::steal(call_one_arg(PyExc_RuntimeError, str(e.what()).ptr()));
     } catch (...) {
-        return nb::steal(PyObject_CallOneArg(PyExc_RuntimeError, str("unknown C++ exception").ptr()));
+        return nb::steal(call_one_arg(PyExc_RuntimeError, str("unknown C++ exception").ptr()));
     }
 }
 

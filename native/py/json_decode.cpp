@@ -5,6 +5,7 @@
 // It is faster than the scanner because it reads UTF-8 directly (no str of the
 // whole document unless an error must be reported), converts numbers without an
 // intermediate object, and sizes every list once.
+#include "py/capi.h"
 #include "py/codecs.h"
 
 #include "codec/text.h"
@@ -47,9 +48,7 @@ struct ScanError {
 // A str from UTF-8: ASCII is copied straight into a new compact str.
 PyObject* make_str(const char* data, std::size_t size, bool ascii) {
     if (ascii) {
-        PyObject* s = checked(PyUnicode_New(static_cast<Py_ssize_t>(size), 127));
-        std::memcpy(PyUnicode_DATA(s), data, size);
-        return s;
+        return checked(ascii_str(data, size));
     }
     return checked(PyUnicode_DecodeUTF8(data, static_cast<Py_ssize_t>(size), "surrogatepass"));
 }
@@ -342,7 +341,7 @@ private:
         const std::size_t count = stack_.size() - base;
         PyObject* list = checked(PyList_New(static_cast<Py_ssize_t>(count)));
         for (std::size_t k = 0; k < count; ++k)
-            PyList_SET_ITEM(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
+            list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
         stack_.resize(base);
         next = i + 1;
         return list;

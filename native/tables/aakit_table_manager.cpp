@@ -12,6 +12,7 @@
 // would use (private ones mangled, the misspelt `__totol_ch` included), so drivers
 // and tests can read and patch it. Public and single-underscore methods that call
 // each other go through the instance, so subclass overrides take effect.
+#include "py/capi.h"
 #include "tables/tables.h"
 #include "py/codecs.h"
 
@@ -94,8 +95,8 @@ nb::object py_int(Py_ssize_t n) {
 nb::object pair_list(nb::handle first, nb::handle second) {
     PyObject* list = PyList_New(2);
     if (!list) raise_already_set();
-    PyList_SET_ITEM(list, 0, Py_NewRef(first.ptr()));
-    PyList_SET_ITEM(list, 1, Py_NewRef(second.ptr()));
+    list_fill(list, 0, Py_NewRef(first.ptr()));
+    list_fill(list, 1, Py_NewRef(second.ptr()));
     return nb::steal(list);
 }
 
@@ -388,7 +389,7 @@ nb::object offset_list(const Cells& row) {
     Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
     nb::object list = nb::steal(PyList_New(count));
     if (!list.is_valid()) raise_already_set();
-    for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(list.ptr(), i, offset_value(row[i + 1]));
+    for (Py_ssize_t i = 0; i < count; ++i) list_fill(list.ptr(), i, offset_value(row[i + 1]));
     return list;
 }
 
@@ -483,8 +484,8 @@ bool check_time_format(nb::handle self, nb::handle time_str);
 void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record) {
     nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
     if (!parts.is_valid()) raise_already_set();
-    Py_ssize_t count = PyList_GET_SIZE(parts.ptr());
-    if (count >= 2 && check_time_format(self, PyList_GET_ITEM(parts.ptr(), count - 1))) {
+    Py_ssize_t count = list_size(parts.ptr());
+    if (count >= 2 && check_time_format(self, list_item(parts.ptr(), count - 1))) {
         log.debug(str("Valid custom AAKit name"));
         return;
     }
@@ -692,8 +693,8 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
 
 void require_exact_type(nb::handle value, PyTypeObject* type, const char* arg_name) {
     if (Py_TYPE(value.ptr()) == type) return;
-    PyErr_Format(PyExc_TypeError, "setAAKitInfo() argument '%s' must be %s, not %.200s", arg_name, type->tp_name,
-                 Py_TYPE(value.ptr())->tp_name);
+    PyErr_Format(PyExc_TypeError, "setAAKitInfo() argument '%s' must be %s, not %.200s", arg_name,
+                 type_name(reinterpret_cast<PyObject*>(type)).c_str(), type_name_of(value.ptr()).c_str());
     raise_already_set();
 }
 
@@ -820,12 +821,12 @@ nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle ca
 nb::object kit_row(nb::handle record, nb::handle field) {
     nb::object value = getitem(record, field);
     if (!PyList_Check(value.ptr())) return pair_list(field, value);
-    Py_ssize_t count = PyList_GET_SIZE(value.ptr());
+    Py_ssize_t count = list_size(value.ptr());
     nb::object row = nb::steal(PyList_New(count + 1));
     if (!row.is_valid()) raise_already_set();
-    PyList_SET_ITEM(row.ptr(), 0, Py_NewRef(field.ptr()));
+    list_fill(row.ptr(), 0, Py_NewRef(field.ptr()));
     for (Py_ssize_t i = 0; i < count; ++i)
-        PyList_SET_ITEM(row.ptr(), i + 1, Py_NewRef(PyList_GET_ITEM(value.ptr(), i)));
+        list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
     return row;
 }
 

@@ -14,6 +14,7 @@
 // per row. The cyclic garbage collector is paused while the table is built: the
 // table holds no cycles, and collections over a growing table cost more than the
 // reading itself.
+#include "py/capi.h"
 #include "tables/calibration_table_manager.h"
 
 #include "codec/numbers.h"
@@ -111,7 +112,7 @@ public:
         if (!list) raise_already_set();
         nb::object values = nb::steal(list);
         for (Py_ssize_t i = 0; i < count; ++i)
-            PyList_SET_ITEM(list, i, get(row[first + static_cast<size_t>(i)]).release().ptr());
+            list_fill(list, i, get(row[first + static_cast<size_t>(i)]).release().ptr());
         return values;
     }
 
