@@ -21,6 +21,8 @@ namespace {
 const Name k_csv{"csv"};
 const Name k_Error{"Error"};
 const Name k_field_size_limit{"field_size_limit"};
+const Name k_dunder_class{"__class__"};
+const Name k_dunder_name{"__name__"};
 const Name k_items{"items"};
 
 // ------------------------------------------------------------------ paths --
@@ -329,13 +331,18 @@ public:
     JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
         : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
 
+    // o.__class__.__name__, the name json's encoder puts in its refusals
+    // ("datetime", where C code would say "datetime.datetime").
+    static nb::object class_name(PyObject* o) {
+        return getattr(getattr(o, k_dunder_class), k_dunder_name);
+    }
+
     void value(PyObject* o, std::size_t level) {
         if (scalar(o)) return;
         if (PyList_Check(o) || PyTuple_Check(o)) return sequence(o, level);
         if (PyDict_Check(o)) return mapping(o, level);
         // The encoder marks the object before calling its default hook, which refuses it.
-        PyErr_Format(PyExc_TypeError, "Object of type %s is not JSON serializable",
-                     type_name_of(o).c_str());
+        PyErr_Format(PyExc_TypeError, "Object of type %S is not JSON serializable", class_name(o).ptr());
         raise_already_set();
     }
 
@@ -396,8 +403,8 @@ private:
             try { integer(k); } catch (...) { std::swap(text, out_); throw; }
             std::swap(text, out_);
         } else {
-            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %s",
-                         type_name_of(k).c_str());
+            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S",
+                         class_name(k).ptr());
             raise_already_set();
         }
         codec::append_json_string(out_, text);
