@@ -1,5 +1,5 @@
-#include "py/capi.h"
 #include "py/bridge.h"
+#include "py/capi.h"
 
 #include <deque>
 #include <new>

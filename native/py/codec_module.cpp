@@ -1,8 +1,8 @@
 // The internal submodule `_codec`: the codec functions reachable from Python so
 // that tests can compare them with the standard library and benchmarks can time
 // them. Drivers never use it.
-#include "py/capi.h"
 #include "py/codecs.h"
+#include "py/capi.h"
 
 #include <nanobind/stl/string.h>
 

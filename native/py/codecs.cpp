@@ -1,7 +1,7 @@
 // The Python-object side of the codecs: paths, str objects, exceptions and the
 // walk over Python containers. The byte-level work is in native/codec/.
-#include "py/capi.h"
 #include "py/codecs.h"
+#include "py/capi.h"
 
 #include "py/stdlib_messages.h"
 

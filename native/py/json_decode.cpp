@@ -5,8 +5,8 @@
 // It is faster than the scanner because it reads UTF-8 directly (no str of the
 // whole document unless an error must be reported), converts numbers without an
 // intermediate object, and sizes every list once.
-#include "py/capi.h"
 #include "py/codecs.h"
+#include "py/capi.h"
 
 #include "codec/text.h"
 #include "py/stdlib_messages.h"

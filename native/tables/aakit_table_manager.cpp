@@ -12,8 +12,8 @@
 // would use (private ones mangled, the misspelt `__totol_ch` included), so drivers
 // and tests can read and patch it. Public and single-underscore methods that call
 // each other go through the instance, so subclass overrides take effect.
-#include "py/capi.h"
 #include "tables/tables.h"
+#include "py/capi.h"
 #include "py/codecs.h"
 
 #include <algorithm>

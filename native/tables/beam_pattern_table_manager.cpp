@@ -3,8 +3,8 @@
 // frequency or kit change, single beam get/set with validation through the driver's
 // check hooks, and the class definition. Defaults and saving, loading, and batch
 // access live in the sibling beam_pattern_table_manager_*.cpp files.
-#include "py/capi.h"
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "tables/tables.h"
 

@@ -5,8 +5,8 @@
 // _setBatchBeamPattern runs its flags in a fixed order: SAVE (apply every beam
 // through setBeamPattern, then write the file), VALIDATE (check every beam of the
 // batch through the hooks), GET (hand the batch back as the result's data).
-#include "py/capi.h"
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include <string>
 

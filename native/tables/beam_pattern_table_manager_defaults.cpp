@@ -4,8 +4,8 @@
 // each such read: 1024 channels make 1024 channel mappings and 256 board mappings.
 // It is built here natively with interned keys and pre-sized dicts, and the gain
 // limit objects are shared into the beam as they are (no conversion).
-#include "py/capi.h"
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "py/codecs.h"
 

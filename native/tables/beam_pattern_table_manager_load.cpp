@@ -2,8 +2,8 @@
 // serial number, frequency and kit, reads it, converts files of the old list-based
 // format (before "v1.1.0") and re-saves tables whose version is not the current one.
 // In web mode the load is handed to the caller's callback instead.
-#include "py/capi.h"
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "py/codecs.h"
 

@@ -4,8 +4,8 @@
 // the header check and the insertion primitive every parsed value goes through.
 // Parsing lives in calibration_table_manager_parse.cpp, the queries in
 // calibration_table_manager_queries.cpp.
-#include "py/capi.h"
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 #include <array>
 

@@ -14,8 +14,8 @@
 // per row. The cyclic garbage collector is paused while the table is built: the
 // table holds no cycles, and collections over a growing table cost more than the
 // reading itself.
-#include "py/capi.h"
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 #include "codec/numbers.h"
 #include "py/codecs.h"

@@ -9,8 +9,8 @@
 //
 // Board-level answers are built once per frequency into caches (__allXXXDR,
 // __allOffset, __allComDataMap) that a parse with a new frequency drops.
-#include "py/capi.h"
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 namespace vex::tables::cali {
 namespace {

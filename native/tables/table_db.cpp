@@ -6,8 +6,8 @@
 // one "getMultiData" request; the answers come back as a list in the order the
 // queries were added. Service replies are unwrapped here; failures are raised as
 // QRVTableDBError, which the calibration manager catches and returns.
-#include "py/capi.h"
 #include "tables/tables.h"
+#include "py/capi.h"
 
 namespace vex::tables {
 namespace {
