@@ -331,8 +331,9 @@ public:
     JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
         : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
 
-    // o.__class__.__name__, the name json's encoder puts in its refusals
-    // ("datetime", where C code would say "datetime.datetime").
+    // o.__class__.__name__, the name json's default() gives an object it refuses
+    // (and, before 3.13, the pure-Python indenting encoder a key it refuses):
+    // "datetime", where C code says "datetime.datetime".
     static nb::object class_name(PyObject* o) {
         return getattr(getattr(o, k_dunder_class), k_dunder_name);
     }
@@ -403,8 +404,9 @@ private:
             try { integer(k); } catch (...) { std::swap(text, out_); throw; }
             std::swap(text, out_);
         } else {
-            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S",
-                         class_name(k).ptr());
+            nb::object type = stdlib_messages().json_key_refusal_names_c_type
+                                  ? str(type_name_of(k)) : class_name(k);
+            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S", type.ptr());
             raise_already_set();
         }
         codec::append_json_string(out_, text);

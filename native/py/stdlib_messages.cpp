@@ -16,10 +16,10 @@ constexpr Since k_messages_by_version[] = {
     {0x030B0000,
      {"new-line character seen in unquoted field - "
       "do you need to open the file in universal-newline mode?",
-      false}},
+      false, false}},
     {0x030D0000,
      {"new-line character seen in unquoted field - do you need to open the file with newline=''?",
-      true}},
+      true, true}},
 };
 
 const StdlibMessages& messages_of(unsigned long version) {

@@ -14,6 +14,10 @@ struct StdlibMessages {
     // before end of array" / "... of object" at the comma (since 3.13), instead of
     // failing on the closing bracket as a missing value or property name.
     bool json_names_trailing_comma;
+    // json.dumps(..., indent=N) refuses a key of another type naming the type as
+    // C code does ("datetime.date"), since 3.13 runs its C encoder with an indent;
+    // the pure-Python encoder before names the class ("date").
+    bool json_key_refusal_names_c_type;
 };
 
 // The messages of the running interpreter.
