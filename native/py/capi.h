@@ -65,7 +65,7 @@ inline PyObject* ascii_str(const char* data, std::size_t size) {
 }
 inline PyObject* int_from_str(PyObject* text) { return PyNumber_Long(text); }
 // tp_name rebuilt from the public attributes: "module.Name" for a type defined in
-// C outside builtins, the bare name otherwise. (A C type made from a type spec
+// C outside builtins, the bare name otherwise. (A C type made by PyType_FromSpec
 // keeps its module in tp_name too; it is named without it here.)
 std::string type_name(PyObject* type);
 
