@@ -205,7 +205,7 @@ class _Use:
 class Engine:
     """One database of this process: its pool, placeholders, errors and schema state."""
 
-    errors = ()
+    errors: tuple[type[Exception], ...] = ()
     write_begin = "BEGIN"
     snapshot_begin = "BEGIN"
 
@@ -353,7 +353,7 @@ class PostgresEngine(Engine):
         session.execute("SELECT pg_advisory_xact_lock(?)", (self.SCHEMA_LOCK,))
 
 
-_engines = {}
+_engines: dict[tuple[int, str], Engine] = {}
 _engines_lock = threading.Lock()
 
 
@@ -372,7 +372,7 @@ def open_engine(name=None):
     return engine
 
 
-_inherited = []
+_inherited: list[Engine] = []
 
 
 def _forget_parent_engines():
