@@ -63,12 +63,15 @@ def test_web_mode_makes_a_database_adapter_and_finds_its_table_without_asking(tm
     assert service.calls == []
 
 
-@pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, "ab"])
-def test_layout_must_unpack_into_three_values_as_python_unpacks(tm, files_dir, layout):
+@pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, "ab", 16])
+@pytest.mark.parametrize("make", [lambda tm, layout: tm.CalibrationTableManager(SN, 28, lambda: layout),
+                                  lambda tm, layout: tm.BeamPatternTableManager("SN9", 1, 4, layout)],
+                         ids=["calibration", "beam"])
+def test_layout_must_unpack_into_three_values_as_python_unpacks(tm, files_dir, make, layout):
     with pytest.raises(Exception) as expected:
         a, b, c = layout
     with pytest.raises(type(expected.value)) as caught:
-        tm.CalibrationTableManager(SN, 28, lambda: layout)
+        make(tm, layout)
     assert str(caught.value) == str(expected.value)
 
 
