@@ -33,21 +33,17 @@ def test_default_steered_beam_points_at_boresight(tm, files_dir):
     assert beam["beam_config"]["db"] is DR["RX"]
 
 
-@pytest.mark.parametrize("layout, limits, error", [
-    ((4, 1, 1), (COMDR, ELEDR), UnboundLocalError),        # one channel per IC never starts a board
-    ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), KeyError),      # rows keyed by name instead of value
+@pytest.mark.parametrize("layout, limits, beam, error", [
+    ((4, 1, 1), (COMDR, ELEDR), {}, UnboundLocalError),        # one channel per IC never starts a board
+    ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), {}, KeyError),      # rows keyed by name instead of value
+    ((4, 1, 4), (COMDR, ELEDR), [], TypeError),                # the beam must be a mapping
+    ((4, 1, 4), (COMDR, ELEDR), None, TypeError),
 ])
-def test_default_channel_beam_without_limits_raises(tm, files_dir, layout, limits, error):
+def test_default_channel_beam_without_limits_or_a_mapping_raises(tm, files_dir, layout, limits, beam, error):
     manager = make_manager(tm, layout=layout, limits=False)
     manager._updateFreq(28.0, DR, *limits)
     with pytest.raises(error):
-        default_beam(manager, mode=RFMode.TX)
-
-
-@pytest.mark.parametrize("beam", [[], None])
-def test_default_beam_needs_a_mapping(tm, files_dir, beam):
-    with pytest.raises(TypeError):
-        make_manager(tm)._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.CHANNEL, RFMode.TX)
+        manager._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.CHANNEL, RFMode.TX)
 
 
 # ----------------------------------------------------------------- saving ---
