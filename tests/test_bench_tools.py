@@ -79,10 +79,15 @@ def test_samples_are_interleaved_and_reset_runs_before_every_call():
 
 
 def test_timed_calls_see_older_objects_frozen_and_the_collector_is_restored_after():
+    # Some interpreters (3.12) start with objects of their own frozen; the run may
+    # unfreeze those, but must leave nothing more frozen than it found.
+    gc.collect()
+    frozen_before = gc.get_freeze_count()
     older = [[] for _ in range(1000)]
     frozen = []
     run(side(PYTHON, lambda _: frozen.append(gc.get_freeze_count())))
-    assert min(frozen) >= len(older) and gc.get_freeze_count() == 0 and gc.isenabled()
+    assert min(frozen) >= frozen_before + len(older)
+    assert gc.get_freeze_count() <= frozen_before and gc.isenabled()
 
 
 def test_fast_calls_are_batched_and_timed_per_call():

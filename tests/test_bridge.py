@@ -50,6 +50,10 @@ def test_failures_inside_native_code_are_logged_with_a_traceback(tm, caplog, fil
     (record,) = [r for r in caplog.records if r.name == "CaliTbl" and r.exc_info]
     assert record.exc_info[0] is ValueError and record.exc_info[2] is not None
     assert "Traceback (most recent call last)" in caplog.text and "<native code>" in caplog.text
+    # One frame, as a C extension's: the module's file at line 0, nothing chained.
+    trace = record.exc_info[2]
+    assert (trace.tb_frame.f_code.co_filename, trace.tb_lineno, trace.tb_next) == (tm.__file__, 0, None)
+    assert record.exc_info[1].__context__ is None
 
 
 def test_disabled_level_emits_nothing(tm, caplog, service):

@@ -1,11 +1,13 @@
 """The native codecs against the standard library where generated inputs rarely reach:
 file objects, odd Python objects, error messages and positions, file-system failures."""
 import csv
+import datetime
 import errno
 import gc
 import io
 import json
 import os
+import re
 import stat
 import subprocess
 import sys
@@ -183,6 +185,14 @@ def test_write_failure_keeps_old_file_and_leaves_no_temporary(tmp_path, limit, c
     assert done.stdout.split() == ["OSError", str(errno.EFBIG), str(path)]
     assert path.read_bytes() == b"old"
     assert [p.name for p in tmp_path.iterdir()] == ["table.csv"]
+
+
+@pytest.mark.parametrize("value", [{1, 2}, datetime.datetime(2024, 3, 1), {datetime.date(2024, 3, 1): 1}, {(1,): 1}])
+def test_json_dumps_refuses_what_json_refuses_with_its_message(value):
+    with pytest.raises(TypeError) as expected:
+        json.dumps(value, ensure_ascii=False, indent=2)
+    with pytest.raises(TypeError, match=re.escape(str(expected.value))):
+        _codec.json_dumps(value, 2)
 
 
 def test_streamed_dump_writes_json_dumps_bytes_or_nothing(tmp_path):

@@ -175,7 +175,21 @@ def test_json_loads_like_json(value):
 
 @settings(max_examples=800, deadline=None)
 @given(st.text(st.sampled_from(list('{}[],:"0123456789.-+eE ntrufalsNIy\\') + ["\ud800"]), max_size=20))
+@example("[1,]")
+@example('{"a": 1 ,\n }')
 def test_json_loads_hostile_text_like_json(text):
+    assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
+
+
+# A comma before a closing bracket: the json of each Python version words this
+# failure its own way, and the module must word it as the running one does.
+@settings(max_examples=300, deadline=None)
+@given(json_values, st.sampled_from([None, 2]), st.data())
+def test_json_loads_trailing_comma_like_json(value, indent, data):
+    text = json.dumps(value, ensure_ascii=False, indent=indent)
+    closing = [i for i, c in enumerate(text) if c in "]}"]
+    at = data.draw(st.sampled_from(closing)) if closing else len(text)
+    text = text[:at] + data.draw(st.sampled_from([",", ", ", ",\n"])) + text[at:]
     assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
 
 

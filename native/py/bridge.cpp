@@ -1,4 +1,5 @@
 #include "py/bridge.h"
+#include "py/capi.h"
 
 #include <structmember.h>   // PyMemberDef, T_OBJECT_EX, READONLY (older Pythons: not in Python.h)
 
@@ -143,6 +144,8 @@ StockResultType g_stock;
 
 const Name* const k_fields[3] = {&k_RetCode, &k_RetMsg, &k_RetData};
 
+#ifndef Py_LIMITED_API
+
 // cls.__dict__.get(name), borrowed.
 PyObject* class_entry(PyTypeObject* type, const Name& name) {
     PyObject* entry = PyDict_GetItemWithError(type->tp_dict, name.ptr());
@@ -195,6 +198,15 @@ PyMemberDescrObject* field_slot(PyTypeObject* type, const Name& name) {
     return member;
 }
 
+#else
+
+// The stable ABI hides the type and function internals the check above reads: in a
+// stable-ABI build the record class is always called (through vectorcall).
+bool is_stock_result_type(PyObject*) { return false; }
+nb::object fill_stock_result(PyObject* const*) { return nb::object(); }
+
+#endif  // Py_LIMITED_API
+
 // A keyword a result is built with: the field it sets and the names tuple for vectorcall.
 class Keyword {
 public:
@@ -240,6 +252,9 @@ nb::object make_result(nb::handle code, nb::handle msg, const Keyword* keyword =
 }  // namespace
 
 void remember_stock_result_type(nb::handle cls) {
+#ifdef Py_LIMITED_API
+    (void)cls;   // never taken for the stock record: see is_stock_result_type
+#else
     // Anything but a plain class with three object slots and a Python __init__ is
     // never taken for the stock record: it is always called.
     if (!PyType_Check(cls.ptr())) return;
@@ -267,6 +282,7 @@ void remember_stock_result_type(nb::handle cls) {
     stock.init_defaults = Py_XNewRef(PyFunction_GET_DEFAULTS(init));
     stock.init_kwdefaults = Py_XNewRef(PyFunction_GET_KW_DEFAULTS(init));
     g_stock = stock;
+#endif
 }
 
 nb::object ret_ok() { return make_result(nb::handle(), nb::handle()); }
@@ -341,7 +357,7 @@ void raise(PyObject* type, std::string_view message) {
 
 void raise_key_error(nb::handle key) {
     // KeyError takes the key as its single argument (a tuple key would be unpacked).
-    PyObject* exc = PyObject_CallOneArg(PyExc_KeyError, key.ptr());
+    PyObject* exc = call_one_arg(PyExc_KeyError, key.ptr());
     if (!exc) raise_already_set();
     PyErr_SetObject(PyExc_KeyError, exc);
     Py_DECREF(exc);
@@ -374,11 +390,44 @@ nb::object exception_object(std::exception_ptr error) {
     } catch (const std::bad_alloc&) {
         return nb::steal(PyObject_CallNoArgs(PyExc_MemoryError));
     } catch (const std::exception& e) {
-        return nb::steal(PyObject_CallOneArg(PyExc_RuntimeError, str(e.what()).ptr()));
+        return nb::steal(call_one_arg(PyExc_RuntimeError, str(e.what()).ptr()));
     } catch (...) {
-        return nb::steal(PyObject_CallOneArg(PyExc_RuntimeError, str("unknown C++ exception").ptr()));
+        return nb::steal(call_one_arg(PyExc_RuntimeError, str("unknown C++ exception").ptr()));
     }
 }
+
+namespace {
+
+// A Python function that gives an exception a traceback of one frame, named
+// "<native code>" at line 0 of the module's file: the frame a traceback shows for
+// a failure that began in C++. The exception is raised from that frame and caught
+// by a caller, which drops its own entry. Everything is public Python: CPython's
+// helper for adding such a frame is private (its declaration left the public
+// headers in 3.13) and the stable ABI cannot build a frame object. Made on first
+// use and kept for the life of the process, like the interned names.
+PyObject* native_frame_attacher() {
+    static PyObject* attacher = [] {
+        static const char* source =
+            "def attach(error):\n"
+            "    try:\n"
+            "        raise_from_native_code(error)\n"
+            "    except BaseException:\n"
+            "        error.__traceback__ = error.__traceback__.tb_next\n"
+            "def raise_from_native_code(error): raise error\n";
+        nb::module_ builtins = nb::module_::import_("builtins");
+        nb::dict scope;
+        builtins.attr("exec")(builtins.attr("compile")(source, module().attr("__file__"), "exec"), scope);
+        // One line of source, so every instruction is on the first line, moved to 0.
+        nb::object raiser = scope["raise_from_native_code"];
+        raiser.attr("__code__") = raiser.attr("__code__").attr("replace")(
+            nb::arg("co_name") = "<native code>", nb::arg("co_qualname") = "<native code>",
+            nb::arg("co_firstlineno") = 0);
+        return nb::object(scope["attach"]).release().ptr();
+    }();
+    return attacher;
+}
+
+}  // namespace
 
 void give_traceback(nb::handle exc) {
     PyObject* tb = PyException_GetTraceback(exc.ptr());
@@ -386,16 +435,17 @@ void give_traceback(nb::handle exc) {
         Py_DECREF(tb);
         return;
     }
-    nb::object file = nb::borrow(module().attr("__file__"));
-    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), Py_NewRef(exc.ptr()), nullptr);
-    _PyTraceback_Add("<native code>", PyUnicode_AsUTF8(file.ptr()), 0);
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    if (traceback && value == exc.ptr()) PyException_SetTraceback(value, traceback);
-    Py_XDECREF(type);
-    Py_XDECREF(value);
-    Py_XDECREF(traceback);
+    // No exception may be the handled one while it is raised, or `raise` would
+    // chain it as the __context__ of an exception it has nothing to do with.
+    HandledException none(nb::handle{});
+    // The frame is a courtesy to the reader of the log: if even this fails (no
+    // memory), the exception is reported without it.
+    try {
+        PyObject* result = PyObject_CallFunctionObjArgs(native_frame_attacher(), exc.ptr(), nullptr);
+        Py_XDECREF(result);
+    } catch (const nb::python_error&) {
+    }
+    PyErr_Clear();
 }
 
 bool truthy(nb::handle value) {

@@ -3,6 +3,7 @@
 // them. Drivers never use it.
 #include "py/codecs.h"
 #include "codec/atomic_file.h"
+#include "py/capi.h"
 
 #include <cerrno>
 
@@ -17,7 +18,7 @@ std::string utf8_arg(nb::handle s) {
     PyObject* bytes = PyUnicode_AsEncodedString(s.ptr(), "utf-8", "surrogatepass");
     if (!bytes) raise_already_set();
     nb::object owner = nb::steal(bytes);
-    return std::string(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
+    return std::string(bytes_view(bytes));
 }
 
 nb::object rows_as_lists(CsvReader& reader) {
@@ -78,10 +79,10 @@ nb::object csv_file_numbers(nb::handle path, nb::handle int_columns) {
     while (reader.next(row)) {
         if (row.empty()) continue;
         nb::list converted = nb::steal<nb::list>(PyList_New(static_cast<Py_ssize_t>(row.size())));
-        PyList_SET_ITEM(converted.ptr(), 0, str(row[0]).release().ptr());
+        list_fill(converted.ptr(), 0, str(row[0]).release().ptr());
         for (std::size_t i = 1; i < row.size(); ++i) {
             nb::object value = i < is_int.size() && is_int[i] ? int_from_text(row[i]) : float_from_text(row[i]);
-            PyList_SET_ITEM(converted.ptr(), static_cast<Py_ssize_t>(i), value.release().ptr());
+            list_fill(converted.ptr(), static_cast<Py_ssize_t>(i), value.release().ptr());
         }
         rows.append(converted);
     }
@@ -90,8 +91,7 @@ nb::object csv_file_numbers(nb::handle path, nb::handle int_columns) {
 
 void write_atomic(nb::handle path, nb::handle data) {
     if (PyBytes_Check(data.ptr())) {
-        write_file_atomic(path, std::string_view(PyBytes_AS_STRING(data.ptr()),
-                                                 static_cast<std::size_t>(PyBytes_GET_SIZE(data.ptr()))));
+        write_file_atomic(path, bytes_view(data.ptr()));
         return;
     }
     write_file_atomic(path, utf8_arg(data));
@@ -99,7 +99,7 @@ void write_atomic(nb::handle path, nb::handle data) {
 
 std::string bytes_arg(nb::handle b) {
     if (!PyBytes_Check(b.ptr())) raise(PyExc_TypeError, "a bytes path is required");
-    return std::string(PyBytes_AS_STRING(b.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(b.ptr())));
+    return std::string(bytes_view(b.ptr()));
 }
 
 // The writer as it works where the file system refuses unnamed temporary files.

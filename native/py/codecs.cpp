@@ -1,6 +1,9 @@
 // The Python-object side of the codecs: paths, str objects, exceptions and the
 // walk over Python containers. The byte-level work is in native/codec/.
 #include "py/codecs.h"
+#include "py/capi.h"
+
+#include "py/stdlib_messages.h"
 
 #include "codec/atomic_file.h"
 #include "codec/csv.h"
@@ -18,6 +21,8 @@ namespace {
 const Name k_csv{"csv"};
 const Name k_Error{"Error"};
 const Name k_field_size_limit{"field_size_limit"};
+const Name k_dunder_class{"__class__"};
+const Name k_dunder_name{"__name__"};
 const Name k_items{"items"};
 
 // ------------------------------------------------------------------ paths --
@@ -37,7 +42,7 @@ FsPath fs_path(nb::handle path) {
     PyObject* encoded = nullptr;
     if (!PyUnicode_FSConverter(fspath, &encoded)) raise_already_set();
     nb::object owner = nb::steal(encoded);
-    result.bytes.assign(PyBytes_AS_STRING(encoded), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded)));
+    result.bytes.assign(bytes_view(encoded));
     return result;
 }
 
@@ -65,7 +70,7 @@ std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates)
     PyObject* bytes = PyUnicode_AsEncodedString(s.ptr(), "utf-8", "surrogatepass");
     if (!bytes) raise_already_set();
     keeper = nb::steal(bytes);
-    return {PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))};
+    return bytes_view(bytes);
 }
 
 // ---------------------------------------------------------------- csv.Error --
@@ -81,8 +86,7 @@ nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
     if (parser.error() == codec::CsvError::field_too_large)
         raise_csv_error(nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)",
                                                        parser.field_limit())));
-    raise_csv_error(str("new-line character seen in unquoted field - "
-                        "do you need to open the file in universal-newline mode?"));
+    raise_csv_error(str(stdlib_messages().csv_newline_in_unquoted_field));
 }
 
 long current_field_limit() {
@@ -122,7 +126,7 @@ nb::object int_from_text(std::string_view text) {
     long long value = 0;
     if (codec::parse_plain_int(text, value)) return nb::steal(PyLong_FromLongLong(value));
     nb::object s = text_object(text);
-    PyObject* result = PyLong_FromUnicodeObject(s.ptr(), 10);
+    PyObject* result = int_from_str(s.ptr());
     if (!result) raise_already_set();
     return nb::steal(result);
 }
@@ -139,7 +143,7 @@ nb::object float_from_text(std::string_view text) {
 double double_from_text(std::string_view text) {
     double value = 0;
     if (codec::parse_plain_double(text, value)) return value;
-    return PyFloat_AS_DOUBLE(float_from_text(text).ptr());
+    return float_value(float_from_text(text).ptr());
 }
 
 long long longlong_from_text(std::string_view text) {
@@ -205,7 +209,7 @@ bool CsvReader::Impl::next_iterated_line(std::string_view& line) {
     if (!PyUnicode_Check(item)) {
         raise_csv_error(nb::steal(PyUnicode_FromFormat(
             "iterator should return strings, not %.200s (the file should be opened in text mode)",
-            Py_TYPE(item)->tp_name)));
+            type_name_of(item).c_str())));
     }
     nb::object keeper;
     line = utf8_of(line_object, keeper, true);
@@ -274,7 +278,7 @@ void csv_write_row(std::string& out, nb::handle row) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
         PyErr_Clear();
         raise_csv_error(nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s",
-                                                       Py_TYPE(row.ptr())->tp_name)));
+                                                       type_name_of(row.ptr()).c_str())));
     }
     nb::object iterator = nb::steal(it);
     const std::size_t start = out.size();
@@ -327,13 +331,19 @@ public:
     JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
         : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
 
+    // o.__class__.__name__, the name json's default() gives an object it refuses
+    // (and, before 3.13, the pure-Python indenting encoder a key it refuses):
+    // "datetime", where C code says "datetime.datetime".
+    static nb::object class_name(PyObject* o) {
+        return getattr(getattr(o, k_dunder_class), k_dunder_name);
+    }
+
     void value(PyObject* o, std::size_t level) {
         if (scalar(o)) return;
         if (PyList_Check(o) || PyTuple_Check(o)) return sequence(o, level);
         if (PyDict_Check(o)) return mapping(o, level);
         // The encoder marks the object before calling its default hook, which refuses it.
-        PyErr_Format(PyExc_TypeError, "Object of type %s is not JSON serializable",
-                     Py_TYPE(o)->tp_name);
+        PyErr_Format(PyExc_TypeError, "Object of type %S is not JSON serializable", class_name(o).ptr());
         raise_already_set();
     }
 
@@ -351,7 +361,7 @@ private:
         } else if (PyLong_Check(o)) {
             integer(o);
         } else if (PyFloat_Check(o)) {
-            codec::append_json_float(out_, PyFloat_AS_DOUBLE(o));
+            codec::append_json_float(out_, float_value(o));
         } else {
             return false;
         }
@@ -372,7 +382,7 @@ private:
             codec::append_int(out_, v);
             return;
         }
-        PyObject* text = PyLong_Type.tp_repr(o);
+        PyObject* text = reinterpret_cast<reprfunc>(PyType_GetSlot(&PyLong_Type, Py_tp_repr))(o);
         if (!text) raise_already_set();
         nb::object keeper = nb::steal(text);
         Py_ssize_t size = 0;
@@ -385,7 +395,7 @@ private:
     void key(PyObject* k) {
         if (PyUnicode_Check(k)) return string(k);
         std::string text;
-        if (PyFloat_Check(k)) codec::append_json_float(text, PyFloat_AS_DOUBLE(k));
+        if (PyFloat_Check(k)) codec::append_json_float(text, float_value(k));
         else if (k == Py_True) text = "true";
         else if (k == Py_False) text = "false";
         else if (k == Py_None) text = "null";
@@ -394,8 +404,9 @@ private:
             try { integer(k); } catch (...) { std::swap(text, out_); throw; }
             std::swap(text, out_);
         } else {
-            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %s",
-                         Py_TYPE(k)->tp_name);
+            nb::object type = stdlib_messages().json_key_refusal_names_c_type
+                                  ? str(type_name_of(k)) : class_name(k);
+            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S", type.ptr());
             raise_already_set();
         }
         codec::append_json_string(out_, text);
@@ -453,9 +464,9 @@ private:
         Marker mark(*this, o);
         out_.push_back('[');
         if (PyList_CheckExact(o) || PyTuple_CheckExact(o)) {
-            for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(o); ++i) {
+            for (Py_ssize_t i = 0; i < list_or_tuple_size(o); ++i) {
                 open_item(i == 0, level + 1);
-                nb::object item = nb::borrow(PySequence_Fast_GET_ITEM(o, i));
+                nb::object item = nb::borrow(list_or_tuple_item(o, i));
                 value(item.ptr(), level + 1);
                 hand_over_full_chunk();
             }

@@ -6,8 +6,10 @@
 // whole document unless an error must be reported), converts numbers without an
 // intermediate object, and sizes every list once.
 #include "py/codecs.h"
+#include "py/capi.h"
 
 #include "codec/text.h"
+#include "py/stdlib_messages.h"
 
 #include <charconv>
 #include <deque>
@@ -46,9 +48,7 @@ struct ScanError {
 // A str from UTF-8: ASCII is copied straight into a new compact str.
 PyObject* make_str(const char* data, std::size_t size, bool ascii) {
     if (ascii) {
-        PyObject* s = checked(PyUnicode_New(static_cast<Py_ssize_t>(size), 127));
-        std::memcpy(PyUnicode_DATA(s), data, size);
-        return s;
+        return checked(ascii_str(data, size));
     }
     return checked(PyUnicode_DecodeUTF8(data, static_cast<Py_ssize_t>(size), "surrogatepass"));
 }
@@ -293,6 +293,16 @@ private:
         return i;
     }
 
+    // The position of the next item after the comma at `comma`. A closing bracket
+    // there is refused at the comma by interpreters that name the trailing comma;
+    // older ones fail on the bracket itself, as a missing item.
+    std::size_t after_comma(std::size_t comma, char closing, const char* trailing_comma) {
+        const std::size_t i = skip_whitespace(comma + 1);
+        if (at(i, closing) && stdlib_messages().json_names_trailing_comma)
+            throw ScanError{trailing_comma, comma};
+        return i;
+    }
+
     PyObject* scan_object(std::size_t i, std::size_t& next) {
         Ref dict(checked(PyDict_New()));
         i = skip_whitespace(i);
@@ -308,7 +318,7 @@ private:
                 i = skip_whitespace(i);
                 if (at(i, '}')) break;
                 if (!at(i, ',')) throw ScanError{"Expecting ',' delimiter", i};
-                i = skip_whitespace(i + 1);
+                i = after_comma(i, '}', "Illegal trailing comma before end of object");
             }
         }
         next = i + 1;
@@ -325,13 +335,13 @@ private:
                 i = skip_whitespace(i);
                 if (at(i, ']')) break;
                 if (!at(i, ',')) throw ScanError{"Expecting ',' delimiter", i};
-                i = skip_whitespace(i + 1);
+                i = after_comma(i, ']', "Illegal trailing comma before end of array");
             }
         }
         const std::size_t count = stack_.size() - base;
         PyObject* list = checked(PyList_New(static_cast<Py_ssize_t>(count)));
         for (std::size_t k = 0; k < count; ++k)
-            PyList_SET_ITEM(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
+            list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
         stack_.resize(base);
         next = i + 1;
         return list;

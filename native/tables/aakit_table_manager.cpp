@@ -14,6 +14,7 @@
 // each other go through the instance, so subclass overrides take effect.
 #include "tables/tables.h"
 #include "codec/atomic_file.h"
+#include "py/capi.h"
 #include "py/codecs.h"
 
 #include <algorithm>
@@ -102,8 +103,8 @@ nb::object py_int(Py_ssize_t n) {
 nb::object pair_list(nb::handle first, nb::handle second) {
     PyObject* list = PyList_New(2);
     if (!list) raise_already_set();
-    PyList_SET_ITEM(list, 0, Py_NewRef(first.ptr()));
-    PyList_SET_ITEM(list, 1, Py_NewRef(second.ptr()));
+    list_fill(list, 0, Py_NewRef(first.ptr()));
+    list_fill(list, 1, Py_NewRef(second.ptr()));
     return nb::steal(list);
 }
 
@@ -189,7 +190,7 @@ nb::object kit_file_path(nb::handle self, nb::handle kit_name) {
 // The bytes the file system sees for a path (os.fsencode).
 std::string fs_bytes(nb::handle path) {
     nb::object encoded = global(g_os).attr("fsencode")(path);
-    return std::string(PyBytes_AS_STRING(encoded.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.ptr())));
+    return std::string(bytes_view(encoded.ptr()));
 }
 
 // A path with NUL names no file (the system would read only the part before it).
@@ -420,7 +421,7 @@ nb::object offset_list(const Cells& row) {
     Py_ssize_t count = static_cast<Py_ssize_t>(row.size()) - 1;
     nb::object list = nb::steal(PyList_New(count));
     if (!list.is_valid()) raise_already_set();
-    for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(list.ptr(), i, offset_value(row[i + 1]));
+    for (Py_ssize_t i = 0; i < count; ++i) list_fill(list.ptr(), i, offset_value(row[i + 1]));
     return list;
 }
 
@@ -537,8 +538,8 @@ nb::object free_stamped_name(nb::handle self, nb::handle name) {
 void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record, nb::handle path) {
     nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
     if (!parts.is_valid()) raise_already_set();
-    Py_ssize_t count = PyList_GET_SIZE(parts.ptr());
-    if (count >= 2 && check_time_format(self, PyList_GET_ITEM(parts.ptr(), count - 1))) {
+    Py_ssize_t count = list_size(parts.ptr());
+    if (count >= 2 && check_time_format(self, list_item(parts.ptr(), count - 1))) {
         log.debug(str("Valid custom AAKit name"));
         return;
     }
@@ -649,7 +650,7 @@ nb::object parse(nb::handle self) {
 
 // kit_name != "": a str answers by its length, anything else compares as Python would.
 bool names_a_kit(nb::handle kit_name) {
-    if (PyUnicode_CheckExact(kit_name.ptr())) return PyUnicode_GET_LENGTH(kit_name.ptr()) != 0;
+    if (PyUnicode_CheckExact(kit_name.ptr())) return str_length(kit_name.ptr()) != 0;
     return compare(kit_name, k_empty, Py_NE);
 }
 
@@ -813,8 +814,8 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
 
 void require_exact_type(nb::handle value, PyTypeObject* type, const char* arg_name) {
     if (Py_TYPE(value.ptr()) == type) return;
-    PyErr_Format(PyExc_TypeError, "setAAKitInfo() argument '%s' must be %s, not %.200s", arg_name, type->tp_name,
-                 Py_TYPE(value.ptr())->tp_name);
+    PyErr_Format(PyExc_TypeError, "setAAKitInfo() argument '%s' must be %s, not %.200s", arg_name,
+                 type_name(reinterpret_cast<PyObject*>(type)).c_str(), type_name_of(value.ptr()).c_str());
     raise_already_set();
 }
 
@@ -1012,12 +1013,12 @@ nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle ca
 nb::object kit_row(nb::handle record, nb::handle field) {
     nb::object value = getitem(record, field);
     if (!PyList_Check(value.ptr())) return pair_list(field, value);
-    Py_ssize_t count = PyList_GET_SIZE(value.ptr());
+    Py_ssize_t count = list_size(value.ptr());
     nb::object row = nb::steal(PyList_New(count + 1));
     if (!row.is_valid()) raise_already_set();
-    PyList_SET_ITEM(row.ptr(), 0, Py_NewRef(field.ptr()));
+    list_fill(row.ptr(), 0, Py_NewRef(field.ptr()));
     for (Py_ssize_t i = 0; i < count; ++i)
-        PyList_SET_ITEM(row.ptr(), i + 1, Py_NewRef(PyList_GET_ITEM(value.ptr(), i)));
+        list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
     return row;
 }
 

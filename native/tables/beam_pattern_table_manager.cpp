@@ -4,6 +4,7 @@
 // check hooks, and the class definition. Defaults and saving, loading, and batch
 // access live in the sibling beam_pattern_table_manager_*.cpp files.
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "tables/tables.h"
 
@@ -139,7 +140,7 @@ void unpack3(nb::handle iterable, nb::object out[3]) {
     if (!it) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
         PyErr_Clear();
-        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable.ptr())->tp_name);
+        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(iterable.ptr()).c_str());
         raise_already_set();
     }
     nb::object iter = nb::steal(it);
@@ -186,13 +187,13 @@ template <class F>
 void for_each_item(nb::handle mapping, F&& visit) {
     if (PyDict_CheckExact(mapping.ptr())) {
         nb::object keep = nb::borrow(mapping);   // the visitor may drop other references
-        const Py_ssize_t size = PyDict_GET_SIZE(mapping.ptr());
+        const Py_ssize_t size = dict_size(mapping.ptr());
         Py_ssize_t pos = 0;
         PyObject *k, *v;
         while (PyDict_Next(mapping.ptr(), &pos, &k, &v)) {
             nb::object key = nb::borrow(k), value = nb::borrow(v);
             visit(key, value);
-            if (PyDict_GET_SIZE(mapping.ptr()) != size)
+            if (dict_size(mapping.ptr()) != size)
                 raise(PyExc_RuntimeError, "dictionary changed size during iteration");
         }
         return;
@@ -219,7 +220,7 @@ nb::list board_gains(nb::handle board, Py_ssize_t channels) {
     nb::list gains = nb::steal<nb::list>(PyList_New(channels));
     for (Py_ssize_t c = 0; c < channels; ++c) {
         nb::object channel = getitem(board, channel_key(c + 1));
-        PyList_SET_ITEM(gains.ptr(), c, getitem(channel, k_db).release().ptr());
+        list_fill(gains.ptr(), c, getitem(channel, k_db).release().ptr());
     }
     return gains;
 }

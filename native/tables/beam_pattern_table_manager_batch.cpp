@@ -6,6 +6,7 @@
 // through setBeamPattern, then write the file), VALIDATE (check every beam of the
 // batch through the hooks), GET (hand the batch back as the result's data).
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include <string>
 #include <utility>
@@ -154,7 +155,7 @@ nb::object validate_batch(nb::handle self, nb::handle batch) {
 nb::object write_batch(nb::handle self, const Log& log, nb::handle batch, nb::handle option, nb::handle callback) {
     log.info(str("setBatchBeamPattern with option: %s"), option);
     if (!is_mapping(batch))
-        raise(PyExc_TypeError, std::string("batch_config must be a mapping, not ") + Py_TYPE(batch.ptr())->tp_name);
+        raise(PyExc_TypeError, std::string("batch_config must be a mapping, not ") + type_name_of(batch.ptr()));
     long bits = flag_bits(k_BTSetOption, option);
     nb::object data;
     if (bits & kSave) {

@@ -5,6 +5,7 @@
 // It is built here natively with interned keys and pre-sized dicts, and the gain
 // limit objects are shared into the beam as they are (no conversion).
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "py/codecs.h"
 
@@ -24,15 +25,15 @@ const Name k_callback_new_table{"new_table"};
 // limits[index] with Python's indexing, fast for the usual list.
 nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     PyObject* seq = limits.ptr();
-    if (PyList_CheckExact(seq) && index >= 0 && index < PyList_GET_SIZE(seq))
-        return nb::borrow(PyList_GET_ITEM(seq, index));
+    if (PyList_CheckExact(seq) && index >= 0 && index < list_size(seq))
+        return nb::borrow(list_item(seq, index));
     nb::object key = nb::steal(PyLong_FromSsize_t(index));
     if (!key.is_valid()) raise_already_set();
     return getitem(limits, key);
 }
 
 nb::object new_dict(Py_ssize_t size) {
-    PyObject* d = _PyDict_NewPresized(size);
+    PyObject* d = new_dict_presized(size);
     if (!d) raise_already_set();
     return nb::steal(d);
 }
@@ -150,7 +151,7 @@ void fill_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, c
 
 void generate_default_beam(nb::handle self, nb::handle beam, nb::handle beam_type, nb::handle mode) {
     if (!is_mapping(beam))
-        raise(PyExc_TypeError, std::string("beam must be a mapping, not ") + Py_TYPE(beam.ptr())->tp_name);
+        raise(PyExc_TypeError, std::string("beam must be a mapping, not ") + type_name_of(beam.ptr()));
     Mode m = to_mode(mode);
     fill_default_beam(self, beam, to_beam_type(beam_type), m);
 }

@@ -3,6 +3,7 @@
 // format (before "v1.1.0") and re-saves tables whose version is not the current one.
 // In web mode the load is handed to the caller's callback instead.
 #include "tables/beam_pattern_table_manager.h"
+#include "py/capi.h"
 
 #include "py/codecs.h"
 
@@ -155,7 +156,7 @@ bool channel_number(nb::handle value, Py_ssize_t& number) {
         return true;
     }
     if (PyFloat_Check(value.ptr())) {
-        double d = PyFloat_AS_DOUBLE(value.ptr());
+        double d = float_value(value.ptr());
         if (d != static_cast<double>(static_cast<long long>(d))) return false;
         number = static_cast<Py_ssize_t>(d);
         return true;

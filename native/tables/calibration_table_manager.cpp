@@ -5,6 +5,7 @@
 // Parsing lives in calibration_table_manager_parse.cpp, the queries in
 // calibration_table_manager_queries.cpp.
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 #include <array>
 
@@ -121,10 +122,10 @@ static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::
 static std::array<nb::object, 3> unpack_three(nb::handle value) {
     PyObject* iterator = PyObject_GetIter(value.ptr());
     if (!iterator) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && !Py_TYPE(value.ptr())->tp_iter &&
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && !PyType_GetSlot(Py_TYPE(value.ptr()), Py_tp_iter) &&
             !PySequence_Check(value.ptr())) {
             PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value.ptr())->tp_name);
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(value.ptr()).c_str());
         }
         raise_already_set();
     }

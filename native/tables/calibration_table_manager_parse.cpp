@@ -15,6 +15,7 @@
 // table holds no cycles, and collections over a growing table cost more than the
 // reading itself.
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 #include "codec/numbers.h"
 #include "py/codecs.h"
@@ -111,7 +112,7 @@ public:
         if (!list) raise_already_set();
         nb::object values = nb::steal(list);
         for (Py_ssize_t i = 0; i < count; ++i)
-            PyList_SET_ITEM(list, i, get(row[first + static_cast<size_t>(i)]).release().ptr());
+            list_fill(list, i, get(row[first + static_cast<size_t>(i)]).release().ptr());
         return values;
     }
 

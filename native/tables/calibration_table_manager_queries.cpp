@@ -10,6 +10,7 @@
 // Board-level answers are built once per frequency into caches (__allXXXDR,
 // __allOffset, __allComDataMap) that a parse with a new frequency drops.
 #include "tables/calibration_table_manager.h"
+#include "py/capi.h"
 
 namespace vex::tables::cali {
 namespace {
@@ -133,7 +134,7 @@ void add_database_ranges(nb::handle self, nb::handle cache, nb::handle index, nb
     nb::object answers = getattr(database(self).attr(k_query)(keys, board), k_RetData);
     for (nb::handle key : answers) {
         nb::object value = getitem(answers, key);
-        if (PyList_Check(value.ptr()) && PyList_GET_SIZE(value.ptr()) == 1) value = getitem(value, 0);
+        if (PyList_Check(value.ptr()) && list_size(value.ptr()) == 1) value = getitem(value, 0);
         nb::object kind = getitem(key.attr("split")("."), -1);
         append(getitem(getitem(cache, kind), index), value);
     }
@@ -336,7 +337,7 @@ nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mod
 // The arm number of a "COM_n" key.
 nb::object arm_number(nb::handle key) {
     nb::object digits = getitem(key.attr("rsplit")("_", 1), -1);
-    PyObject* number = PyLong_FromUnicodeObject(digits.ptr(), 10);
+    PyObject* number = int_from_str(digits.ptr());
     if (!number) raise_already_set();
     return nb::steal(number);
 }

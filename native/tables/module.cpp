@@ -3,6 +3,7 @@
 #include "tables/tables.h"
 
 #include "py/codecs.h"
+#include "py/stdlib_messages.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ void import_dependencies(nb::module_& m) {
 NB_MODULE(QRVTableManager, m) {
     using namespace vex::tables;
     vex::py::set_module(m);
+    vex::py::stdlib_messages();   // the running interpreter's csv and json texts, chosen now
     m.doc() = "Table manager of the vexcore SDK: calibration, antenna-array-kit, beam pattern "
               "and UD delta-frequency tables.";
     import_dependencies(m);

@@ -7,6 +7,7 @@
 // queries were added. Service replies are unwrapped here; failures are raised as
 // QRVTableDBError, which the calibration manager catches and returns.
 #include "tables/tables.h"
+#include "py/capi.h"
 
 namespace vex::tables {
 namespace {
@@ -103,7 +104,7 @@ nb::object db_return(nb::handle self, nb::handle db_info) {
     if (is_ok < 0) raise_already_set();
     if (is_ok) {
         nb::object data = getitem(db_info, k_data);
-        if (PyDict_Check(data.ptr()) && PyDict_GET_SIZE(data.ptr()) == 1) {
+        if (PyDict_Check(data.ptr()) && dict_size(data.ptr()) == 1) {
             Py_ssize_t pos = 0;
             PyObject *k, *v;
             PyDict_Next(data.ptr(), &pos, &k, &v);

@@ -101,6 +101,18 @@ def load_export(path, layout=None):
     return result
 
 
+def from_manager(manager, sn, freq, layout, where="database", limits_only=False):
+    """The same queries and range checks as a file's check, on a manager that already
+    answers for its table (in web mode: from the table database); `limits_only` asks
+    DR, COMDR and ELEDR alone, what beams need."""
+    result = Calibration(where, kinds.CALIBRATION)
+    result.sn, result.freq, result.layout = sn, freq, tuple(layout)
+    _run_queries(result, manager, limits_only)
+    _check_ranges(result)
+    result.summary = "%s at %s GHz, layout %s" % (sn, kinds.frequency_text(freq), "x".join(map(str, layout)))
+    return result
+
+
 def _identity(path, result):
     named = kinds.calibration_name(path)
     if named:
@@ -166,10 +178,12 @@ def _header_row(lines, key, result):
     return "no %s row" % key
 
 
-def _run_queries(result, manager):
+def _run_queries(result, manager, limits_only=False):
     result.dr = call_query(result, "getDR()", manager.getDR)
     result.comdr = call_query(result, "getCOMDR()", manager.getCOMDR)
     result.eledr = call_query(result, "getELEDR()", manager.getELEDR)
+    if limits_only:
+        return
     result.tc = call_query(result, "_getTC()", manager._getTC)
     boards, chips, _ = result.layout
     for mode in RFMode:

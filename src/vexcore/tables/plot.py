@@ -14,13 +14,10 @@ import os
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 from . import beam, calibration, kinds, pattern
-from .common import ToolError, as_number, unwrap, write_file
+from .common import ToolError, unwrap, write_file
 
 INSTALL_HINT = "plot needs matplotlib: pip install 'vexcore[plot]' (or pip install matplotlib)"
-DEFAULT_OFFSET_STEP_DEG = 360.0 / 64  # one step of a 6-bit phase shifter
-CUT_STEP_DEG = 0.25
-SEARCH_STEP_DEG = 2.0
-FLOOR_DB = -40.0
+FLOOR_DB = pattern.FLOOR_DB
 
 
 def run(options, out):
@@ -122,7 +119,7 @@ def _beam_figure(pyplot, options):
     if kit_record is not None:
         panels += ["horizontal", "vertical"]
     figure, axes = _grid(pyplot, len(panels))
-    channels = _channels(entry, table)
+    channels = pattern.beam_channels(entry)
     drawing = _pattern_inputs(entry, channels, kit_record, table, RFMode[mode_name], options) if kit_record else None
     for name, ax in zip(panels, axes):
         if name in ("gain", "phase"):
@@ -154,26 +151,6 @@ def _beam_title(table, mode_name, beam_id, entry, steered):
         kinds.frequency_text(table.freq),
         table.kit_name or "none",
     )
-
-
-def _channels(entry, table):
-    """(board, channel, sw, total gain dB, phase deg) in board/channel order."""
-    if entry.get("beam_type") == BeamType.BEAM:
-        return []
-    found = []
-    for board_no, channel_no, channel in beam.ordered_channels(entry.get("channel_config")):
-        common = as_number(unwrap(entry["channel_config"]["board_%d" % board_no].get("common_db"))) or 0.0
-        gain = as_number(unwrap(channel.get("db")))
-        found.append(
-            (
-                board_no,
-                channel_no,
-                channel.get("sw"),
-                None if gain is None else gain + common,
-                as_number(channel.get("deg")),
-            )
-        )
-    return found
 
 
 def _channel_map(figure, ax, channels, layout, which):
@@ -210,65 +187,17 @@ def _channel_map(figure, ax, channels, layout, which):
     figure.colorbar(image, ax=ax, shrink=0.85)
 
 
-class PatternInputs:
-    """Weights, element positions and the direction the cuts go through."""
-
-    def __init__(self, weights, points, freq, theta, phi, grid):
-        self.weights, self.points, self.freq = weights, points, freq
-        self.theta, self.phi, self.grid = theta, phi, grid
-
-
 def _pattern_inputs(entry, channels, kit_record, table, mode, options):
-    count = len(channels) or table.layout[0] * table.layout[1] * table.layout[2]
     try:
-        shape = pattern.grid_shape(count, options.grid)
+        return pattern.pattern_inputs(
+            entry, channels, kit_record, table.freq, table.layout, mode.name, options.grid, options.offset_step
+        )
     except ValueError as error:
         raise ToolError(str(error)) from None
-    points = pattern.positions(count, kit_record["SPACING"], shape)
-    offsets = _offsets(kit_record, mode, count, options.offset_step)
-    if entry.get("beam_type") == BeamType.BEAM:
-        config = entry["beam_config"]
-        theta, phi = float(config["theta"]), float(config["phi"])
-        phases = pattern.steering_phases(points, table.freq, theta, phi)
-        amplitude = float(unwrap(config.get("db")) or 0.0)
-        weights = [pattern.excitation(0, amplitude, p + o) for p, o in zip(phases, offsets)]
-    else:
-        weights = [
-            pattern.excitation(sw, gain or 0.0, (phase or 0.0) + o)
-            for (_, _, sw, gain, phase), o in zip(channels, offsets)
-        ]
-        theta, phi = _peak_direction(weights, points, table.freq)
-    return PatternInputs(weights, points, table.freq, theta, phi, shape)
-
-
-def _offsets(kit_record, mode, count, step):
-    """The kit's phase offsets of the mode in degrees (added to each channel's phase)."""
-    values = kit_record.get("OFFSET_" + mode.name)
-    if isinstance(values, dict):  # per polarization: the first one
-        values = next(iter(values.values()), [])
-    values = list(values or [])[:count]
-    return [v * step for v in values] + [0.0] * (count - len(values))
-
-
-def _peak_direction(weights, points, freq):
-    """(theta, phi) of the strongest direction on a coarse grid."""
-    angles = [-90 + SEARCH_STEP_DEG * i for i in range(int(180 / SEARCH_STEP_DEG) + 1)]
-    best = (-1.0, 0.0, 0.0)
-    for phi in angles:
-        values = pattern.array_factor(weights, points, freq, angles, "horizontal", phi)
-        top = max(range(len(values)), key=values.__getitem__)
-        if values[top] > best[0]:
-            best = (values[top], angles[top], phi)
-    return best[1], best[2]
 
 
 def _pattern_panel(ax, drawing, cut, kit_record):
-    angles = [-90 + CUT_STEP_DEG * i for i in range(int(180 / CUT_STEP_DEG) + 1)]
-    fixed = drawing.phi if cut == "horizontal" else drawing.theta
-    steered_to = drawing.theta if cut == "horizontal" else drawing.phi
-    values = pattern.to_db(
-        pattern.array_factor(drawing.weights, drawing.points, drawing.freq, angles, cut, fixed), FLOOR_DB
-    )
+    angles, values, fixed, steered_to = pattern.cut(drawing, cut)
     ax.plot(angles, values, color="tab:blue")
     field = "STEERING_H" if cut == "horizontal" else "STEERING_V"
     low, high = kit_record.get(field) or [-90, 90]
