@@ -14,6 +14,7 @@ For every call the table also shows where the module's time goes: the share spen
 the module and building the `RetType` result, and the share spent asking the logger whether a
 level is enabled, each measured on its own in the same run (see `cost_floors`).
 """
+
 import argparse
 import datetime
 import gc
@@ -30,15 +31,14 @@ HERE = Path(__file__).resolve().parent
 ROOT = HERE.parent
 sys.path.insert(0, str(HERE))
 
-import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
-from vexcore.QRVPublic import BeamType, RetCode, RFMode  # noqa: E402
-from vexcore.QRVUtils import RetType  # noqa: E402
-
 import gen_data  # noqa: E402
 import report  # noqa: E402
 from harness import MODULE, PYTHON, digest  # noqa: E402
-from operations import (Workspace, flavours, kit_manager, loaded_beams, ok,  # noqa: E402
-                        parsed_calibration, use_files_dir)
+from operations import Workspace, flavours, kit_manager, loaded_beams, ok, parsed_calibration, use_files_dir  # noqa: E402
+
+import vexcore.qrvdev.QRVTableManager as tm  # noqa: E402
+from vexcore.QRVPublic import BeamType, RetCode, RFMode  # noqa: E402
+from vexcore.QRVUtils import RetType  # noqa: E402
 
 RESULTS = HERE / "results"
 DOCS = ROOT / "docs" / "benchmarks.md"
@@ -49,10 +49,11 @@ DOCS_END = "<!-- end of micro-benchmark table -->"
 @dataclass
 class Call:
     """One driver-facing call, timed on both sides."""
+
     title: str
-    stmt: str                       # timed statement; names come from the side's namespace
-    target: float                   # speed-up over the peer the module should reach
-    costs: tuple = ()               # what the module's call spends besides its own work: "ret", "log"
+    stmt: str  # timed statement; names come from the side's namespace
+    target: float  # speed-up over the peer the module should reach
+    costs: tuple = ()  # what the module's call spends besides its own work: "ret", "log"
     results: dict = field(default_factory=dict)
 
 
@@ -71,8 +72,12 @@ def calls():
         Call("getBeamPattern(TX, stored id)", "beams.getBeamPattern(TX, STORED)", 2, ("ret",)),
         Call("_getBatchBeamPattern()", "beams._getBatchBeamPattern()", 1.5, ("ret", "log")),
         Call("_getBatchBeamPattern(BTModeFilter.TX)", "beams._getBatchBeamPattern(FILTER_TX)", 1.5, ("ret", "log")),
-        Call("setBeamPattern steered, save=False", "beams.setBeamPattern(TX, STEERED, BEAM, STEER, 'tracking', "
-             "save=False)", 1.5, ("ret", "log")),
+        Call(
+            "setBeamPattern steered, save=False",
+            "beams.setBeamPattern(TX, STEERED, BEAM, STEER, 'tracking', save=False)",
+            1.5,
+            ("ret", "log"),
+        ),
         Call("UD parse(), file in the page cache", "ud.parse()", 1.5, ("ret", "log")),
         Call("getUDDeltaFreq()", "ud.getUDDeltaFreq()", 1.5, ("ret",)),
         Call("fake_ic_check(0, 0, 1): RetType(data=1) built by a call", "fake_ic_check(0, 0, 1)", 1.5, ("ret",)),
@@ -82,6 +87,7 @@ def calls():
 
 # ------------------------------------------------------------ namespaces ---
 
+
 def peer_fake_ic_check(a, b, c):
     return RetType(data=c)
 
@@ -89,6 +95,7 @@ def peer_fake_ic_check(a, b, c):
 class PlainRecord:
     """The record a pure-Python implementation could have of its own: three fields, no
     attribute-name keywords, no checks."""
+
     __slots__ = ("RetCode", "RetMsg", "RetData")
 
     def __init__(self, code=RetCode.OK, msg="", data=None):
@@ -108,13 +115,23 @@ def namespace(flavour, ws):
     ok(ud.parse())
     cali = parsed_calibration(flavour, ws)
     for prime in (cali.getCOMDR, cali.getELEDR, lambda: cali._getBoardsOffset([1, 2])):
-        prime()   # the cached queries are measured with their cache built, as a driver meets them
-    return {"cali": cali, "kits": kits, "beams": loaded_beams(flavour, ws), "ud": ud,
-            "TX": RFMode.TX, "BEAM": BeamType.BEAM, "KIT": m["kit_name"], "BOARDS": [1, 2],
-            "STORED": m["channel_beam_id"], "STEERED": m["steered_beam_id"],
-            "STEER": {"db": 1.5, "theta": 12, "phi": -6}, "FILTER_TX": flavour.mode_filter.TX,
-            "fake_ic_check": tm.fake_ic_check if flavour.kind == MODULE else peer_fake_ic_check,
-            "Record": RetType if flavour.kind == MODULE else PlainRecord}
+        prime()  # the cached queries are measured with their cache built, as a driver meets them
+    return {
+        "cali": cali,
+        "kits": kits,
+        "beams": loaded_beams(flavour, ws),
+        "ud": ud,
+        "TX": RFMode.TX,
+        "BEAM": BeamType.BEAM,
+        "KIT": m["kit_name"],
+        "BOARDS": [1, 2],
+        "STORED": m["channel_beam_id"],
+        "STEERED": m["steered_beam_id"],
+        "STEER": {"db": 1.5, "theta": 12, "phi": -6},
+        "FILTER_TX": flavour.mode_filter.TX,
+        "fake_ic_check": tm.fake_ic_check if flavour.kind == MODULE else peer_fake_ic_check,
+        "Record": RetType if flavour.kind == MODULE else PlainRecord,
+    }
 
 
 def outcome(value):
@@ -125,6 +142,7 @@ def outcome(value):
 
 
 # ------------------------------------------------------------- measuring ---
+
 
 def time_per_call(stmt, ns, number):
     """Seconds per call of `number` calls in a compiled loop (timeit: the collector is off
@@ -149,7 +167,7 @@ def measure(call, spaces, reps, sample_s):
     samples = {kind: [] for kind in spaces}
     order = list(spaces)
     for rep in range(reps):
-        for kind in order[rep % 2:] + order[:rep % 2]:
+        for kind in order[rep % 2 :] + order[: rep % 2]:
             samples[kind].append(time_per_call(call.stmt, spaces[kind], number))
     call.results = {kind: {"min_s": min(s), "samples_s": s} for kind, s in samples.items()}
     call.results["same_result"] = len(set(fingerprints.values())) == 1
@@ -180,8 +198,15 @@ def ratio(call):
 
 # ---------------------------------------------------------------- report ---
 
-HEADERS = ["call", "module", "pure Python", "speed-up", "target", "same result",
-           "of the module's time: call + RetType, logging"]
+HEADERS = [
+    "call",
+    "module",
+    "pure Python",
+    "speed-up",
+    "target",
+    "same result",
+    "of the module's time: call + RetType, logging",
+]
 
 
 def share(call, floors):
@@ -198,19 +223,34 @@ def rows(result):
     for call in result["calls"]:
         speed = call["speedup"]
         met = speed is not None and speed >= call["target"]
-        yield [call["title"], report.duration(call["module_s"]), report.duration(call["python_s"]),
-               report.times(speed), ">=%gx: %s" % (call["target"], "met" if met else "missed"),
-               "yes" if call["same_result"] else "DIFFERS", call["share"]]
-    yield ["(floor: a module call that only returns RetType(data=x))", report.duration(floors["ret"]), "-", "-", "-", "-", "-"]
+        yield [
+            call["title"],
+            report.duration(call["module_s"]),
+            report.duration(call["python_s"]),
+            report.times(speed),
+            ">=%gx: %s" % (call["target"], "met" if met else "missed"),
+            "yes" if call["same_result"] else "DIFFERS",
+            call["share"],
+        ]
+    floor = report.duration(floors["ret"])
+    yield ["(floor: a module call that only returns RetType(data=x))", floor, "-", "-", "-", "-", "-"]
     yield ["(one isEnabledFor question)", report.duration(floors["log"]), "-", "-", "-", "-", "-"]
 
 
 def markdown(result):
     m = result["machine"]
-    head = ("Measured on %s CPUs (%s), Python %s, %s; per call and side the minimum of %d samples "
-            "of about %g ms each, the sides interleaved; the small data set (4 boards x 1 IC x 4 channels)."
-            % (m["nproc"], m["cpu_model"], m["python"], result["created"], result["settings"]["reps"],
-               result["settings"]["sample_s"] * 1e3))
+    head = (
+        "Measured on %s CPUs (%s), Python %s, %s; per call and side the minimum of %d samples "
+        "of about %g ms each, the sides interleaved; the small data set (4 boards x 1 IC x 4 channels)."
+        % (
+            m["nproc"],
+            m["cpu_model"],
+            m["python"],
+            result["created"],
+            result["settings"]["reps"],
+            result["settings"]["sample_s"] * 1e3,
+        )
+    )
     return head + "\n\n" + report.markdown_table(HEADERS, rows(result))
 
 
@@ -227,12 +267,14 @@ def write_docs(table):
 
 # ------------------------------------------------------------------- run ---
 
+
 def parse_args(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="few calls per sample (smoke test)")
     parser.add_argument("--reps", type=int, default=None, help="samples per side (default 41, quick 3)")
-    parser.add_argument("--sample-ms", type=float, default=None,
-                        help="milliseconds one sample lasts about (default 1, quick 0.1)")
+    parser.add_argument(
+        "--sample-ms", type=float, default=None, help="milliseconds one sample lasts about (default 1, quick 0.1)"
+    )
     parser.add_argument("--only", nargs="+", help="titles (or beginnings of titles) of the calls to run")
     parser.add_argument("--out", type=Path, default=None, help="results JSON (default bench/results/micro.json)")
     parser.add_argument("--docs", action="store_true", help="write the table into docs/benchmarks.md")
@@ -264,15 +306,28 @@ def run(args):
         floors = cost_floors(spaces[MODULE], args.reps, args.sample_s)
     finally:
         shutil.rmtree(workdir, ignore_errors=True)
-    return {"created": datetime.datetime.now().isoformat(timespec="seconds"), "machine": report.machine(),
-            "module": tm.__file__, "settings": {"reps": args.reps, "sample_s": args.sample_s, "data": "small"},
-            "floors_s": floors,
-            "calls": [{"title": c.title, "stmt": c.stmt, "target": c.target, "speedup": ratio(c),
-                       "module_s": c.results[MODULE]["min_s"], "python_s": c.results[PYTHON]["min_s"],
-                       "same_result": c.results["same_result"], "share": share(c, floors),
-                       "calls_per_sample": c.results["calls_per_sample"],
-                       "samples_s": {k: c.results[k]["samples_s"] for k in (MODULE, PYTHON)}}
-                      for c in records]}
+    return {
+        "created": datetime.datetime.now().isoformat(timespec="seconds"),
+        "machine": report.machine(),
+        "module": tm.__file__,
+        "settings": {"reps": args.reps, "sample_s": args.sample_s, "data": "small"},
+        "floors_s": floors,
+        "calls": [
+            {
+                "title": c.title,
+                "stmt": c.stmt,
+                "target": c.target,
+                "speedup": ratio(c),
+                "module_s": c.results[MODULE]["min_s"],
+                "python_s": c.results[PYTHON]["min_s"],
+                "same_result": c.results["same_result"],
+                "share": share(c, floors),
+                "calls_per_sample": c.results["calls_per_sample"],
+                "samples_s": {k: c.results[k]["samples_s"] for k in (MODULE, PYTHON)},
+            }
+            for c in records
+        ],
+    }
 
 
 def main(argv=None):

@@ -1,4 +1,5 @@
 """Antenna-array-kit tables in pure Python: parse, select, list, and the renaming of old custom kits."""
+
 import csv
 import datetime as _datetime
 import glob
@@ -30,7 +31,9 @@ class _SkipFile(Exception):
 class AAKitTableManager:
     """The kit files of one device type, local files only."""
 
-    def __init__(self, devtype, total_ch, path="files/", num_polar=1, support_dev=[], web_client_id=None):
+    # The one list shared by every manager built without support_dev is the module's own
+    # default, so the peer keeps it.
+    def __init__(self, devtype, total_ch, path="files/", num_polar=1, support_dev=[], web_client_id=None):  # noqa: B006
         if web_client_id is not None:
             raise NotImplementedError("the pure-Python peer covers local files only")
         self.__logger = logging.getLogger("AAKitTbl")
@@ -43,8 +46,13 @@ class AAKitTableManager:
         self._AAKitTable = {}
         self.__defaultDir = Path(_Utils._get_files_dir())
         channels = total_ch * num_polar
-        self.__fieldlimit = {"SPACING": 2, "STEERING_H": 2, "STEERING_V": 2,
-                             "OFFSET_TX": channels, "OFFSET_RX": channels}
+        self.__fieldlimit = {
+            "SPACING": 2,
+            "STEERING_H": 2,
+            "STEERING_V": 2,
+            "OFFSET_TX": channels,
+            "OFFSET_RX": channels,
+        }
 
     def _getAAKitTablePath(self):
         files = glob.glob(str(self.__defaultDir / "AAKIT_*.csv"))
@@ -111,7 +119,9 @@ class AAKitTableManager:
             record[key] = [float(values[0]), float(values[1])]
         elif key in "OFFSET_TX" or key in "OFFSET_RX":
             if len(values) != self.__totol_ch:
-                self.__logger.error(key + ": number of channel:" + str(len(values)) + " not equal to " + str(self.__totol_ch))
+                self.__logger.error(
+                    key + ": number of channel:" + str(len(values)) + " not equal to " + str(self.__totol_ch)
+                )
                 raise _SkipFile()
             record[key] = [int(v) for v in values]
 

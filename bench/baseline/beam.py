@@ -1,5 +1,6 @@
 """Beam pattern tables in pure Python: load (with old-format conversion), default beams, save,
 single and batch get/set with validation through the driver's check hooks."""
+
 import json
 import logging
 from enum import Flag, auto
@@ -10,7 +11,7 @@ from vexcore.QRVUtils import RetType, _Utils
 
 FORMAT_VERSION = "2.0.0"
 CURRENT_VERSION = "v" + FORMAT_VERSION
-OLDEST_CURRENT_LAYOUT = "v1.1.0"      # files below this version hold per-mode beam lists
+OLDEST_CURRENT_LAYOUT = "v1.1.0"  # files below this version hold per-mode beam lists
 
 
 class BTModeFilter(Flag):
@@ -144,7 +145,7 @@ class BeamPatternTableManager:
         beam_id = beam["beamId"]
         beam_type = beam.get("beam_type")
         if beam_type is None:
-            return                          # an old beam without a type is not carried over
+            return  # an old beam without a type is not carried over
         entry = {"beam_description": "", "beam_type": beam_type}
         if beam_type == BeamType.BEAM.value:
             entry["beam_config"] = beam["beam_config"]
@@ -155,8 +156,16 @@ class BeamPatternTableManager:
 
     def __convertOldChannels(self, channels, beam_id, mode):
         if len(channels) != self.__totalCH:
-            self.__refuse(mode.name + " BeamID:" + str(beam_id) + ": count of channel_config(" + str(len(channels))
-                          + ") not match with channel count(" + str(self.__totalCH) + ")")
+            self.__refuse(
+                mode.name
+                + " BeamID:"
+                + str(beam_id)
+                + ": count of channel_config("
+                + str(len(channels))
+                + ") not match with channel count("
+                + str(self.__totalCH)
+                + ")"
+            )
         by_seq = {}
         for channel in channels:
             by_seq.setdefault(channel["channel"], channel)
@@ -170,8 +179,11 @@ class BeamPatternTableManager:
                 board = int(ch / per_ic) + 1
                 board_config = {"common_db": None}
             limit = self.__COMDR[mode.value][board - 1] + self.__ELEDR[mode.value][board - 1]
-            board_config["channel_%d" % ((ch - 1) % per_ic + 1)] = {"sw": old["sw"], "db": min(old["db"], limit),
-                                                                    "deg": old["deg"]}
+            board_config["channel_%d" % ((ch - 1) % per_ic + 1)] = {
+                "sw": old["sw"],
+                "db": min(old["db"], limit),
+                "deg": old["deg"],
+            }
             if ch % per_ic == 0:
                 config["board_%d" % board] = board_config
         return config
@@ -185,8 +197,13 @@ class BeamPatternTableManager:
     def __generateDefaultBeamTableFile(self):
         try:
             self.__logger.info("Generate Beam Table: %s", self.__path)
-            self._BeamTable = {"VERSION": CURRENT_VERSION, "SN": self.__sn, "DEV_TYPE": self.__devtype,
-                               "FREQ": self.__freq, "AAKIT_NAME": self.__aakit}
+            self._BeamTable = {
+                "VERSION": CURRENT_VERSION,
+                "SN": self.__sn,
+                "DEV_TYPE": self.__devtype,
+                "FREQ": self.__freq,
+                "AAKIT_NAME": self.__aakit,
+            }
             for mode in RFMode:
                 self._BeamTable[mode.name] = {}
             self._saveToBeamTableFile()
@@ -395,8 +412,9 @@ class BeamPatternTableManager:
                 self._BeamTable[mode.name] = {}
             for beam_id, beam in beams.items():
                 config = beam["beam_config"] if beam["beam_type"] == BeamType.BEAM.value else beam["channel_config"]
-                ret = self.setBeamPattern(mode, int(beam_id), beam["beam_type"], config, beam["beam_description"],
-                                          save=False)
+                ret = self.setBeamPattern(
+                    mode, int(beam_id), beam["beam_type"], config, beam["beam_description"], save=False
+                )
                 if ret.RetCode != RetCode.OK:
                     return ret
         if callback:

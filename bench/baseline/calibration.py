@@ -1,4 +1,5 @@
 """Calibration tables in pure Python: file search, parse, and the DR/COMDR/ELEDR/TC queries."""
+
 import csv
 import glob
 import json
@@ -75,7 +76,8 @@ class CalibrationTableManager:
                 d[key].update(value)
         except Exception:
             self.__logger.exception(f"__updateDict exception with key:{key}, value:{value}")
-            raise Exception("__updateDict exception")
+            # Chained implicitly, as the module's own error is: the cause stays in the traceback.
+            raise Exception("__updateDict exception")  # noqa: B904
 
     def __insert(self, path, value):
         """Puts value at the end of a key path, merging into the mappings on the way."""
@@ -112,7 +114,7 @@ class CalibrationTableManager:
             if f is not None:
                 f.close()
         if ret.RetCode == RetCode.ERROR_BF_CALI_INCOMPLTE:
-            return ret          # the header check refused the table: nothing to export
+            return ret  # the header check refused the table: nothing to export
         if exportToJson:
             return self.__export(ret)
         return ret
@@ -189,8 +191,9 @@ class CalibrationTableManager:
         # DATA, label, label, board, label, chip, arm, mode, gain, phase, one register per channel;
         # the entry is named mode_gain_phase with the gain truncated to an integer step.
         entry = "%s_%d_%s" % (values[6], int(float(values[7])), values[8])
-        self.__insert(["BOARD_" + values[2], "DATA_CHIP_" + values[4], "COM_" + values[5], entry],
-                      [int(v) for v in values[9:]])
+        self.__insert(
+            ["BOARD_" + values[2], "DATA_CHIP_" + values[4], "COM_" + values[5], entry], [int(v) for v in values[9:]]
+        )
 
     # ------------------------------------------------------------ queries ---
 

@@ -1,4 +1,5 @@
 """UD delta-frequency table in pure Python."""
+
 import csv
 import glob
 import logging

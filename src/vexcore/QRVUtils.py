@@ -1,4 +1,5 @@
 """Shared utilities of the vexcore SDK: the result record and the files directory."""
+
 import os
 
 from vexcore.QRVPublic import RetCode as _RetCode

@@ -23,6 +23,7 @@ they ask for. The copy belongs to one generation of the stored table and is chec
 against it once it is older than FRESH_S seconds, so a table imported by another
 station is seen within that time (at once in the importing process).
 """
+
 import json
 import threading
 import time
@@ -78,21 +79,27 @@ def shown_name(path=None):
 
 # ------------------------------------------------------------------ storage --
 
+
 def store_calibration(db, sn, frequency, table):
     """Stores (or replaces, whole) the parsed calibration table of one serial number and frequency."""
     frequency = as_frequency(frequency)
     entries = list(_entries(_database_layout(table)))
     # The table's own row first: it locks the table against a second writer until commit.
-    db.execute("INSERT INTO calibration_table (sn, frequency, version, entries) VALUES (?, ?, ?, ?) "
-               "ON CONFLICT (sn, frequency) DO UPDATE SET version = excluded.version, entries = excluded.entries, "
-               "generation = calibration_table.generation + 1",
-               (sn, frequency, _text_or_none(table.get("VER")), len(entries)))
-    db.engine.tables.pop((sn, frequency), None)      # this process sees the new table at once
+    db.execute(
+        "INSERT INTO calibration_table (sn, frequency, version, entries) VALUES (?, ?, ?, ?) "
+        "ON CONFLICT (sn, frequency) DO UPDATE SET version = excluded.version, entries = excluded.entries, "
+        "generation = calibration_table.generation + 1",
+        (sn, frequency, _text_or_none(table.get("VER")), len(entries)),
+    )
+    db.engine.tables.pop((sn, frequency), None)  # this process sees the new table at once
     db.execute("DELETE FROM calibration_entry WHERE sn = ? AND frequency = ?", (sn, frequency))
-    db.executemany("INSERT INTO calibration_entry (sn, frequency, category, name, position, content) "
-                   "VALUES (?, ?, ?, ?, ?, ?)",
-                   [(sn, frequency, category, name, position, json.dumps(value, ensure_ascii=False))
-                    for category, name, position, value in entries])
+    db.executemany(
+        "INSERT INTO calibration_entry (sn, frequency, category, name, position, content) VALUES (?, ?, ?, ?, ?, ?)",
+        [
+            (sn, frequency, category, name, position, json.dumps(value, ensure_ascii=False))
+            for category, name, position, value in entries
+        ],
+    )
 
 
 def _text_or_none(value):
@@ -133,11 +140,17 @@ def calibration_index(db):
 
 def damaged_tables(db):
     """[(sn, frequency, rows found, rows expected)] of the stored tables that are not whole."""
-    counts = dict(((sn, frequency), count) for sn, frequency, count in db.execute(
-        "SELECT sn, frequency, COUNT(*) FROM calibration_entry GROUP BY sn, frequency"))
-    return sorted((sn, frequency, counts.get((sn, frequency), 0), entries) for sn, frequency, entries in
-                  db.execute("SELECT sn, frequency, entries FROM calibration_table")
-                  if counts.get((sn, frequency), 0) != entries)
+    counts = dict(
+        ((sn, frequency), count)
+        for sn, frequency, count in db.execute(
+            "SELECT sn, frequency, COUNT(*) FROM calibration_entry GROUP BY sn, frequency"
+        )
+    )
+    return sorted(
+        (sn, frequency, counts.get((sn, frequency), 0), entries)
+        for sn, frequency, entries in db.execute("SELECT sn, frequency, entries FROM calibration_table")
+        if counts.get((sn, frequency), 0) != entries
+    )
 
 
 def as_frequency(value):
@@ -149,6 +162,7 @@ def as_frequency(value):
 
 
 # ------------------------------------------------------------------ queries --
+
 
 def _table_name(sn, frequency):
     return "calibration table %s at %s GHz" % (sn, frequency)
@@ -205,8 +219,9 @@ def _table_copy(db, sn, frequency):
     copy = tables.get((sn, frequency))
     if copy is not None and time.monotonic() - copy.checked < FRESH_S:
         return copy
-    row = db.execute("SELECT generation FROM calibration_table WHERE sn = ? AND frequency = ?",
-                     (sn, frequency)).fetchone()
+    row = db.execute(
+        "SELECT generation FROM calibration_table WHERE sn = ? AND frequency = ?", (sn, frequency)
+    ).fetchone()
     if row is None:
         tables.pop((sn, frequency), None)
         raise _refusal_for_missing(db, sn, frequency)
@@ -216,9 +231,11 @@ def _table_copy(db, sn, frequency):
     return _keep(tables, (sn, frequency), _TableCopy(row[0]))
 
 
-_SMALL_ROWS = ("SELECT e.category, e.name, CASE WHEN length(e.content) <= ? THEN e.content END, t.generation "
-               "FROM calibration_entry e JOIN calibration_table t ON t.sn = e.sn AND t.frequency = e.frequency "
-               "WHERE e.sn = ? AND e.frequency = ?")
+_SMALL_ROWS = (
+    "SELECT e.category, e.name, CASE WHEN length(e.content) <= ? THEN e.content END, t.generation "
+    "FROM calibration_entry e JOIN calibration_table t ON t.sn = e.sn AND t.frequency = e.frequency "
+    "WHERE e.sn = ? AND e.frequency = ?"
+)
 
 
 def _section(db, copy, sn, frequency, category):
@@ -233,11 +250,12 @@ def _section(db, copy, sn, frequency, category):
     if whole:
         rows = db.execute(_SMALL_ROWS + " ORDER BY e.category, e.position", (SMALL_ROW, sn, frequency)).fetchall()
     else:
-        rows = db.execute(_SMALL_ROWS + " AND e.category = ? ORDER BY e.position",
-                          (SMALL_ROW, sn, frequency, category)).fetchall()
+        rows = db.execute(
+            _SMALL_ROWS + " AND e.category = ? ORDER BY e.position", (SMALL_ROW, sn, frequency, category)
+        ).fetchall()
     if not rows:
         return None
-    if rows[0][3] != copy.generation:   # imported again meanwhile: start a copy of the new table
+    if rows[0][3] != copy.generation:  # imported again meanwhile: start a copy of the new table
         copy = _keep(db.engine.tables, (sn, frequency), _TableCopy(rows[0][3]))
     categories = {}
     for row_category, name, content, _ in rows:
@@ -248,9 +266,11 @@ def _section(db, copy, sn, frequency, category):
 
 
 def _content(db, sn, frequency, category, name, content):
-    if content is None:     # a large row: read when asked
-        row = db.execute("SELECT content FROM calibration_entry WHERE sn = ? AND frequency = ? AND category = ? "
-                         "AND name = ?", (sn, frequency, category, name)).fetchone()
+    if content is None:  # a large row: read when asked
+        row = db.execute(
+            "SELECT content FROM calibration_entry WHERE sn = ? AND frequency = ? AND category = ? AND name = ?",
+            (sn, frequency, category, name),
+        ).fetchone()
         if row is None:
             raise QueryRefused(UNKNOWN_KEY, "%s: unknown key %s in %s" % (_table_name(sn, frequency), name, category))
         content = row[0]
@@ -266,7 +286,7 @@ def _value(db, sn, frequency, category, key):
         board = _section(db, copy, sn, frequency, parts[0])
         if board is not None:
             category, parts = parts[0], parts[1:]
-            if not parts:    # a whole board
+            if not parts:  # a whole board
                 return {name: _content(db, sn, frequency, category, name, content) for name, content in board.items()}
     section = _section(db, copy, sn, frequency, category)
     if section is None:
@@ -297,8 +317,9 @@ def _list(db, table_name, name, template):
     """The answer to "get" + name + "List"."""
     if table_name == "calibration" and name == "Freq":
         sn = template.get("sn") if isinstance(template, dict) else None
-        rows = db.execute("SELECT frequency FROM calibration_table WHERE sn = ?",
-                          (sn if isinstance(sn, str) else "",)).fetchall()
+        rows = db.execute(
+            "SELECT frequency FROM calibration_table WHERE sn = ?", (sn if isinstance(sn, str) else "",)
+        ).fetchall()
         if not rows:
             raise QueryRefused(UNKNOWN_SN, "unknown serial number: %.60r" % (sn,))
         return sorted(frequency for (frequency,) in rows)

@@ -16,6 +16,7 @@ query, from any thread; the schema is checked once per process and database. Dri
 errors leave this module as `DatabaseError`, whose text is one line that names the
 database without its password.
 """
+
 import logging
 import os
 import select
@@ -41,6 +42,7 @@ class DatabaseError(Exception):
 
 # ---------------------------------------------------------------- locations --
 
+
 class Location:
     """A parsed database name: `kind` "sqlite" or "postgresql", `target` the file path
     or connection URL, `shown` the text for messages (password hidden)."""
@@ -58,7 +60,7 @@ class Location:
                 self.shown = name
         else:
             # "sqlite:///" + path, as in other tools: sqlite:///rel.db, sqlite:////abs.db.
-            path = name[len("sqlite:///"):] if name.startswith("sqlite:///") else name
+            path = name[len("sqlite:///") :] if name.startswith("sqlite:///") else name
             self.kind, self.target = "sqlite", os.path.abspath(path)
             self.shown = self.target
 
@@ -77,6 +79,7 @@ def database_name(name=None):
 
 
 # -------------------------------------------------------------------- pool --
+
 
 class _Pool:
     """Idle connections, at most `size`, handed out one caller at a time."""
@@ -114,11 +117,12 @@ class _Pool:
 def _close_quietly(connection):
     try:
         connection.close()
-    except Exception:   # a broken connection may fail to close; it is dropped either way
+    except Exception:  # a broken connection may fail to close; it is dropped either way
         pass
 
 
 # ------------------------------------------------------------------ session --
+
 
 class Session:
     """One pooled connection lent to a caller: ``execute(sql, params)`` with "?"
@@ -197,10 +201,11 @@ class _Use:
 
 # ------------------------------------------------------------------ engines --
 
+
 class Engine:
     """One database of this process: its pool, placeholders, errors and schema state."""
 
-    errors = ()
+    errors: tuple[type[Exception], ...] = ()
     write_begin = "BEGIN"
     snapshot_begin = "BEGIN"
 
@@ -208,8 +213,8 @@ class Engine:
         self.location = location
         self._pool = _Pool(self._connect, self._usable)
         self._schema_ready = False
-        self.schema_note = None   # what the schema check found or did, for `migrate`
-        self.tables = {}          # the query service's copies of stored tables (see QRVDBQueryer)
+        self.schema_note = None  # what the schema check found or did, for `migrate`
+        self.tables = {}  # the query service's copies of stored tables (see QRVDBQueryer)
         self._schema_lock = threading.Lock()
 
     def reading(self):
@@ -238,7 +243,8 @@ class Engine:
     def ensure_schema(self, session):
         if self._schema_ready:
             return
-        from vexcore.db import schema   # the schema module builds on this one
+        from vexcore.db import schema  # the schema module builds on this one
+
         with self._schema_lock:
             if not self._schema_ready:
                 self.schema_note = schema.ensure(self, session)
@@ -253,7 +259,7 @@ class Engine:
 
 class SqliteEngine(Engine):
     errors = (sqlite3.Error,)
-    write_begin = "BEGIN IMMEDIATE"   # take the write lock at once: no upgrade deadlock
+    write_begin = "BEGIN IMMEDIATE"  # take the write lock at once: no upgrade deadlock
 
     def _connect(self):
         path = self.location.target
@@ -267,8 +273,10 @@ class SqliteEngine(Engine):
             raise self.failure(error) from None
 
     def has_table(self, session, name):
-        return session.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", (name,)).fetchone() \
+        return (
+            session.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", (name,)).fetchone()
             is not None
+        )
 
     def prepare_new(self, session):
         """Write-ahead logging lets readers work beside one writer. Switching to it (on
@@ -286,7 +294,7 @@ class SqliteEngine(Engine):
                 time.sleep(0.01)
 
     def lock_schema(self, session):
-        pass   # BEGIN IMMEDIATE already holds the database's write lock
+        pass  # BEGIN IMMEDIATE already holds the database's write lock
 
 
 class PostgresEngine(Engine):
@@ -298,8 +306,9 @@ class PostgresEngine(Engine):
         try:
             import psycopg
         except ImportError:
-            raise DatabaseError("%s: PostgreSQL needs the psycopg package: pip install 'vexcore[postgres]'"
-                                % location.shown) from None
+            raise DatabaseError(
+                "%s: PostgreSQL needs the psycopg package: pip install 'vexcore[postgres]'" % location.shown
+            ) from None
         self._psycopg = psycopg
         self.errors = (psycopg.Error,)
         self._translated = {}
@@ -329,8 +338,13 @@ class PostgresEngine(Engine):
         return translated
 
     def has_table(self, session, name):
-        return session.execute("SELECT 1 FROM information_schema.tables WHERE table_name = ? "
-                               "AND table_schema = current_schema()", (name,)).fetchone() is not None
+        return (
+            session.execute(
+                "SELECT 1 FROM information_schema.tables WHERE table_name = ? AND table_schema = current_schema()",
+                (name,),
+            ).fetchone()
+            is not None
+        )
 
     def prepare_new(self, session):
         pass
@@ -339,7 +353,7 @@ class PostgresEngine(Engine):
         session.execute("SELECT pg_advisory_xact_lock(?)", (self.SCHEMA_LOCK,))
 
 
-_engines = {}
+_engines: dict[tuple[int, str], Engine] = {}
 _engines_lock = threading.Lock()
 
 
@@ -358,7 +372,7 @@ def open_engine(name=None):
     return engine
 
 
-_inherited = []
+_inherited: list[Engine] = []
 
 
 def _forget_parent_engines():

@@ -11,6 +11,7 @@ Layout 1 (the first release) kept each calibration table as one JSON text in the
 ``python -m vexcore.db migrate``), in one transaction: every table is rewritten as
 rows; a row that cannot be read is kept, untouched, in `calibration_unreadable`.
 """
+
 import json
 import logging
 
@@ -56,7 +57,7 @@ def ensure(engine, session):
     session.execute(engine.write_begin)
     try:
         engine.lock_schema(session)
-        found = layout_of(engine, session)     # another process may have upgraded meanwhile
+        found = layout_of(engine, session)  # another process may have upgraded meanwhile
         for statement in TABLES:
             session.execute(statement)
         if found == LAYOUT:
@@ -65,8 +66,11 @@ def ensure(engine, session):
             done = _upgrade_from_first_layout(engine, session)
         else:
             done = "layout %d, created" % LAYOUT
-        session.execute("INSERT INTO vexcore_schema (name, value) VALUES ('layout', ?) "
-                        "ON CONFLICT (name) DO UPDATE SET value = excluded.value", (str(LAYOUT),))
+        session.execute(
+            "INSERT INTO vexcore_schema (name, value) VALUES ('layout', ?) "
+            "ON CONFLICT (name) DO UPDATE SET value = excluded.value",
+            (str(LAYOUT),),
+        )
         session.execute("COMMIT")
     except BaseException:
         session.execute("ROLLBACK")
@@ -87,8 +91,14 @@ def _upgrade_from_first_layout(engine, session):
             if not isinstance(table, dict):
                 raise ValueError("not a table")
         except (TypeError, ValueError) as error:
-            log.warning("table database %s: calibration table %s at %s GHz cannot be read (%s); "
-                        "kept as it was in %s", engine.location.shown, sn, frequency, error, UNREADABLE)
+            log.warning(
+                "table database %s: calibration table %s at %s GHz cannot be read (%s); kept as it was in %s",
+                engine.location.shown,
+                sn,
+                frequency,
+                error,
+                UNREADABLE,
+            )
             continue
         store_calibration(session, sn, frequency, table)
         session.execute("DELETE FROM %s WHERE sn = ? AND frequency = ?" % OLD_CALIBRATION, (sn, frequency))
@@ -99,4 +109,7 @@ def _upgrade_from_first_layout(engine, session):
     else:
         session.execute("DROP TABLE %s" % OLD_CALIBRATION)
     return "%d calibration tables moved to layout %d%s" % (
-        moved, LAYOUT, ", %d unreadable kept in %s" % (kept, UNREADABLE) if kept else "")
+        moved,
+        LAYOUT,
+        ", %d unreadable kept in %s" % (kept, UNREADABLE) if kept else "",
+    )

@@ -4,8 +4,9 @@ A file is parsed by the table manager itself (CalibrationTableManager.parse with
 object, as a back end does), so the database holds exactly what file mode would read,
 and a bad file is refused with the parser's own result code and message.
 """
-from vexcore.QRVPublic import RetCode
+
 from vexcore.db import QRVDBQueryer
+from vexcore.QRVPublic import RetCode
 from vexcore.tables.calibration import infer_layout as _infer_layout_of_rows
 from vexcore.tables.kinds import calibration_name, read_rows
 

@@ -16,12 +16,13 @@ A beam table is one row, replaced whole in one statement: two stations saving th
 table leave the last writer's table, never a mix. A database that cannot be reached or
 a stored table that does not decode gives an error result, not an exception.
 """
+
 import json
 
-from vexcore.QRVPublic import RetCode
-from vexcore.QRVUtils import RetType
 from vexcore.db import QRVDBQueryer
 from vexcore.db.QRVDBQueryer import DatabaseError, QueryRefused, as_frequency
+from vexcore.QRVPublic import RetCode
+from vexcore.QRVUtils import RetType
 
 BEAM_TABLE_VERSION = "v2.0.0"
 
@@ -29,6 +30,7 @@ BEAM_TABLE_VERSION = "v2.0.0"
 def _failure_as_result(code, what):
     """Runs a database step; an unreachable database, a damaged row or a bad
     frequency becomes the result `code` with a message naming `what`."""
+
     def wrap(step):
         def run(*args, **kwargs):
             try:
@@ -39,8 +41,10 @@ def _failure_as_result(code, what):
                 return RetType(code, "%s: %s" % (what, refused))
             except json.JSONDecodeError as error:
                 return RetType(code, "%s: stored table does not decode (%s)" % (what, error))
+
         run.__name__, run.__doc__ = step.__name__, step.__doc__
         return run
+
     return wrap
 
 
@@ -51,7 +55,7 @@ class BeamTableStore:
     def __init__(self, sn, db_path=None):
         self.sn = sn
         self.db_path = db_path
-        self.table = None   # the table last handed out: the manager works on this object
+        self.table = None  # the table last handed out: the manager works on this object
 
     def __call__(self, func_name, **kwargs):
         if func_name == "_load":
@@ -64,14 +68,26 @@ class BeamTableStore:
     def _load(self, freq, aakit, devtype):
         frequency = as_frequency(freq)
         with QRVDBQueryer.transaction(self.db_path) as db:
-            row = db.execute("SELECT content FROM beam_table WHERE sn = ? AND frequency = ? AND aakit = ?",
-                             (self.sn, frequency, aakit)).fetchone()
+            row = db.execute(
+                "SELECT content FROM beam_table WHERE sn = ? AND frequency = ? AND aakit = ?",
+                (self.sn, frequency, aakit),
+            ).fetchone()
             if row is None:
-                table = {"VERSION": BEAM_TABLE_VERSION, "SN": self.sn, "DEV_TYPE": devtype, "FREQ": freq,
-                         "AAKIT_NAME": aakit, "TX": {}, "RX": {}}
+                table = {
+                    "VERSION": BEAM_TABLE_VERSION,
+                    "SN": self.sn,
+                    "DEV_TYPE": devtype,
+                    "FREQ": freq,
+                    "AAKIT_NAME": aakit,
+                    "TX": {},
+                    "RX": {},
+                }
                 # Another station may create it at the same moment: the first one stays.
-                db.execute("INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
-                           "ON CONFLICT (sn, frequency, aakit) DO NOTHING", self._row(table))
+                db.execute(
+                    "INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
+                    "ON CONFLICT (sn, frequency, aakit) DO NOTHING",
+                    self._row(table),
+                )
         if row is not None:
             table = json.loads(row[0])
         self.table = table
@@ -81,10 +97,13 @@ class BeamTableStore:
     def _save(self, table):
         if table is None:
             return RetType(RetCode.ERROR_BF_BEAM_FILE, "no beam table loaded")
-        row = self._row(table)     # encoded before the transaction: the lock is held only to write
+        row = self._row(table)  # encoded before the transaction: the lock is held only to write
         with QRVDBQueryer.transaction(self.db_path) as db:
-            db.execute("INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
-                       "ON CONFLICT (sn, frequency, aakit) DO UPDATE SET content = excluded.content", row)
+            db.execute(
+                "INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
+                "ON CONFLICT (sn, frequency, aakit) DO UPDATE SET content = excluded.content",
+                row,
+            )
         return RetType()
 
     def _row(self, table):
@@ -115,9 +134,11 @@ class AAKitStore:
         """Saves (func_name "saveAAKitFile", the record in context) or deletes ("deleteAAKitInfo") a kit."""
         with QRVDBQueryer.transaction(self.db_path) as db:
             if func_name == "saveAAKitFile":
-                db.execute("INSERT INTO aakit (name, dev_type, content) VALUES (?, ?, ?) ON CONFLICT (name) "
-                           "DO UPDATE SET dev_type = excluded.dev_type, content = excluded.content",
-                           (kitName, _int_or_none(context.get("DEV_TYPE")), json.dumps(context, ensure_ascii=False)))
+                db.execute(
+                    "INSERT INTO aakit (name, dev_type, content) VALUES (?, ?, ?) ON CONFLICT (name) "
+                    "DO UPDATE SET dev_type = excluded.dev_type, content = excluded.content",
+                    (kitName, _int_or_none(context.get("DEV_TYPE")), json.dumps(context, ensure_ascii=False)),
+                )
             elif func_name == "deleteAAKitInfo":
                 if db.execute("DELETE FROM aakit WHERE name = ?", (kitName,)).rowcount == 0:
                     return RetType(RetCode.ERROR_BF_AAKIT, "%s not exist in database" % kitName)
@@ -132,4 +153,4 @@ def _int_or_none(value):
         number = int(value)
     except (TypeError, ValueError, OverflowError):
         return None
-    return number if -2**31 <= number < 2**31 else None
+    return number if -(2**31) <= number < 2**31 else None

@@ -1,15 +1,16 @@
 """check: every table file through its manager; OK or the problems found, and the
 temporary files that killed saves left behind."""
+
 import os
 import re
 
-from . import beam, calibration, kinds, kit, ud
-from .common import NO_CODE, WARNING, ToolError, TableResult
-from .terminal import Progress
 from vexcore.qrvdev.QRVTableManager import _codec
 
+from . import beam, calibration, kinds, kit, ud
+from .common import NO_CODE, WARNING, TableResult, ToolError
+from .terminal import Progress
 
-MAX_PROBLEMS_SHOWN = 20          # per file: a broken large table must not flood the terminal
+MAX_PROBLEMS_SHOWN = 20  # per file: a broken large table must not flood the terminal
 
 
 # The hidden temporary of a save by an earlier version: "." + table file name + "." + six random characters.
@@ -60,8 +61,12 @@ def _earlier_temporary(path):
     match = _EARLIER_TEMPORARY.match(os.path.basename(path))
     if not match:
         return None
-    return _stray(path, "temporary", "of a save of %s by an earlier version, which was killed; remove it when no "
-                                      "older vexcore process is saving" % match.group(1))
+    return _stray(
+        path,
+        "temporary",
+        "of a save of %s by an earlier version, which was killed; remove it when no "
+        "older vexcore process is saving" % match.group(1),
+    )
 
 
 def _stray(path, what, state):
@@ -82,8 +87,9 @@ def check_file(path, kind, options):
         kinds.CALIBRATION: lambda: calibration.load(path, options.layout),
         kinds.CALIBRATION_JSON: lambda: calibration.load_export(path, options.layout),
         kinds.KIT: lambda: kit.load(path, options.devtype),
-        kinds.BEAM: lambda: beam.load(path, options.layout, options.cali, options.kit, options.num_beam,
-                                           devtype=options.devtype),
+        kinds.BEAM: lambda: beam.load(
+            path, options.layout, options.cali, options.kit, options.num_beam, devtype=options.devtype
+        ),
         kinds.UD_DELTA: lambda: ud.load(path),
     }
     try:
@@ -96,8 +102,7 @@ def check_file(path, kind, options):
         raise
     except Exception as error:  # one odd file must not end a check of a whole folder
         result = TableResult(path, kind)
-        result.add("the tool could not check this file (please report it)", type(error).__name__,
-                   detail=str(error))
+        result.add("the tool could not check this file (please report it)", type(error).__name__, detail=str(error))
         return result
 
 
@@ -108,13 +113,19 @@ def run(options, out):
     for index, (path, kind) in enumerate(files, 1):
         progress.step(index, path)
         result = check_file(path, kind, options)
-        result.release()             # a folder of large tables must not stay in memory
+        result.release()  # a folder of large tables must not stay in memory
         results.append(result)
     progress.done()
     _note_shadowed_kits(results)
     if options.json:
-        out.json({"valid": all(r.valid for r in results), "files": [_as_dict(r) for r in results],
-                  "skipped": skipped, "strays": strays})
+        out.json(
+            {
+                "valid": all(r.valid for r in results),
+                "files": [_as_dict(r) for r in results],
+                "skipped": skipped,
+                "strays": strays,
+            }
+        )
     else:
         _print_results(results, skipped, out)
         _print_strays(strays, out)
@@ -133,29 +144,43 @@ def _note_shadowed_kits(results):
         kept = max(group, key=lambda r: os.path.abspath(r.path))
         for result in group:
             if result is not kept:
-                result.add("kit %r is also defined by %s, which the kit manager keeps instead of this file"
-                           % (name, kept.path), severity=WARNING)
+                result.add(
+                    "kit %r is also defined by %s, which the kit manager keeps instead of this file"
+                    % (name, kept.path),
+                    severity=WARNING,
+                )
 
 
 def _as_dict(result):
-    return {"path": result.path, "kind": result.kind, "valid": result.valid, "summary": result.summary,
-            "problems": [p.as_dict() for p in result.problems]}
+    return {
+        "path": result.path,
+        "kind": result.kind,
+        "valid": result.valid,
+        "summary": result.summary,
+        "problems": [p.as_dict() for p in result.problems],
+    }
 
 
 def _print_results(results, skipped, out):
     kind_width = max([len(r.kind) for r in results] + [4])
     for result in results:
         status = "FAIL" if not result.valid else ("WARN" if result.problems else "OK")
-        out.line("%-4s  %-*s  %s%s" % (status, kind_width, result.kind, result.path,
-                                       "  " + result.summary if result.summary else ""))
+        out.line(
+            "%-4s  %-*s  %s%s"
+            % (status, kind_width, result.kind, result.path, "  " + result.summary if result.summary else "")
+        )
         for problem in result.problems[:MAX_PROBLEMS_SHOWN]:
             print_problem(problem, out)
         hidden = len(result.problems) - MAX_PROBLEMS_SHOWN
         if hidden > 0:
             out.line("      ... and %d more problems (--json lists them all)" % hidden)
     invalid = sum(1 for r in results if not r.valid)
-    summary = "%d file%s checked: %d valid, %d invalid" % (len(results), "" if len(results) == 1 else "s",
-                                                           len(results) - invalid, invalid)
+    summary = "%d file%s checked: %d valid, %d invalid" % (
+        len(results),
+        "" if len(results) == 1 else "s",
+        len(results) - invalid,
+        invalid,
+    )
     if skipped:
         summary += "; %d other file%s skipped" % (len(skipped), "" if len(skipped) == 1 else "s")
     if not results:
@@ -168,8 +193,10 @@ def _print_strays(strays, out):
         out.line("STRAY %s  %s (%d bytes)" % (stray["what"], stray["path"], stray["bytes"]))
         out.line("      %s" % stray["state"])
     if strays:
-        out.line("%d stray file%s (%d bytes) beside the tables" % (len(strays), "" if len(strays) == 1 else "s",
-                                                                  sum(s["bytes"] for s in strays)))
+        out.line(
+            "%d stray file%s (%d bytes) beside the tables"
+            % (len(strays), "" if len(strays) == 1 else "s", sum(s["bytes"] for s in strays))
+        )
 
 
 def print_problem(problem, out):

@@ -6,8 +6,8 @@ import dataclasses
 import os
 from typing import List
 
-from vexcore.QRVPublic import RetCode
 from vexcore.qrvdev.QRVTableManager import _codec
+from vexcore.QRVPublic import RetCode
 
 ERROR = "error"
 WARNING = "warning"

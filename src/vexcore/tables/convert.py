@@ -5,6 +5,7 @@ table and saves it; a calibration parse exports its JSON); the tool only moves t
 result to where the user asked. The input is never changed unless --in-place is given,
 and an existing output is never overwritten without --force.
 """
+
 import os
 
 import vexcore.qrvdev.QRVTableManager as tm
@@ -21,15 +22,24 @@ def run(options, out):
         return _convert_beam_table(options, out)
     if kind == kinds.CALIBRATION:
         return _export_calibration(options, out)
-    raise ToolError("convert upgrades beam tables and exports calibration CSV files; %s is %s"
-                    % (options.path, "a %s table" % kind if kind else "neither"))
+    raise ToolError(
+        "convert upgrades beam tables and exports calibration CSV files; %s is %s"
+        % (options.path, "a %s table" % kind if kind else "neither")
+    )
 
 
 def _convert_beam_table(options, out):
     if not options.out and not options.in_place:
         raise ToolError("give --out FILE for the converted table, or --in-place to replace %s" % options.path)
-    result = beam.load(options.path, options.layout, options.cali, options.kit, options.num_beam,
-                       validate=False, devtype=options.devtype)
+    result = beam.load(
+        options.path,
+        options.layout,
+        options.cali,
+        options.kit,
+        options.num_beam,
+        validate=False,
+        devtype=options.devtype,
+    )
     if result.table is None:
         return _failed(result, out)
     if result.written is None:
@@ -39,7 +49,7 @@ def _convert_beam_table(options, out):
     _write(target, result.written.encode("utf-8"), replace_allowed=options.in_place or options.force)
     out.line("%s (%s) -> %s (%s)" % (options.path, result.version, target, result.table.get("VERSION")))
     for problem in result.problems:
-        if not problem.message.startswith("old format"):      # that is what was just done
+        if not problem.message.startswith("old format"):  # that is what was just done
             print_problem(problem, out)
     return 0
 
