@@ -115,3 +115,8 @@ def make_sample(boards=4, ics=1, channels=4, arms=3, seed=7, sn=SN, fcenter="28.
         rows += _data_rows(rng, expected, b, ics, channels, arms)
     rows.append(["END"])
     return Sample(rows, expected)
+
+
+def cali_manager(tm, freq=28, **kwargs):
+    """A calibration manager of the sample's serial number with the module's sample layout."""
+    return tm.CalibrationTableManager(SN, freq, tm.fake_rf_layout, **kwargs)

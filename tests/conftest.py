@@ -35,6 +35,13 @@ def files_dir(tmp_path, monkeypatch):
 
 
 @pytest.fixture
+def files(tmp_path):
+    """tmp_path/files holding copies of the bundled sample tables."""
+    from tables_helpers import copy_samples
+    return copy_samples(tmp_path)
+
+
+@pytest.fixture
 def time_zone(monkeypatch):
     """time_zone(tz): the process's local time zone is tz until the test ends."""
     yield lambda tz: (monkeypatch.setenv("TZ", tz), time.tzset())

@@ -53,6 +53,17 @@ def folder_contents(folder):
     return {p.name: p.read_bytes() for p in sorted(folder.iterdir())} if folder.is_dir() else {}
 
 
+def fresh_folder(folder, files):
+    """`folder`, created or emptied, holding `files` ({name: bytes}); each example of a
+    differential test starts both sides from the same files."""
+    folder.mkdir(parents=True, exist_ok=True)
+    for old in folder.iterdir():
+        old.unlink()
+    for name, data in files.items():
+        (folder / name).write_bytes(data)
+    return folder
+
+
 def outside_listing(files_dir):
     """Every path under the test's temporary folder that lies outside the files directory."""
     return sorted(str(p) for p in files_dir.parent.rglob("*") if files_dir not in p.parents and p != files_dir)

@@ -1,5 +1,6 @@
 """Shared pieces of the table tool tests: a copy of the bundled samples, running the
-tool in-process, and editing sample files line by line."""
+tool in-process, editing sample files line by line, an old-format beam table."""
+import json
 import os
 import shutil
 
@@ -49,3 +50,14 @@ def line_number(path, text):
         if text in line:
             return number
     raise AssertionError("%r not in %s" % (text, path))
+
+
+def write_old_beam_table(files, length=16):
+    """An old list-format table in place of the sample beam table: one TX channel beam (id 7)
+    whose gains (2 dB per channel number) partly exceed the cap. Its conversion leaves every
+    board's common_db null for the user to fill."""
+    path = files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json"
+    channels = [{"channel": ch, "sw": ch % 2, "db": 2.0 * ch, "deg": 15 * ch} for ch in range(length, 0, -1)]
+    path.write_text(json.dumps({"version": "v1.0.0", "RX_beam_list": [], "TX_beam_list": [
+        {"beamId": 7, "beam_type": 1, "channel_config": channels, "beam_description": "old", "channel_switch": 1}]}))
+    return path

@@ -94,20 +94,16 @@ def test_exported_table_imports_back_unchanged(tm, stocked):
     assert ret.RetCode == RetCode.OK and stocked._BeamTable == before and saved_table(stocked) == before
 
 
-def test_unknown_modes_are_skipped_and_ids_become_integers(tm, stocked):
+def test_beams_set_and_save_through_the_instance_skipping_unknown_modes_with_ids_as_integers(tm, stocked):
     calls = []
     stocked.setBeamPattern = lambda *a, **k: calls.append((a, k)) or RetType()
+    failure = RetType(RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception")
+    stocked._saveToBeamTableFile = lambda *a, **k: failure
     batch = {"Tx": {"1": steered_beam()}, "SN": "x", "RX": {"04": steered_beam(), "6": channel_beam()}}
-    assert stocked._setBatchBeamPattern(batch, tm.BTSetOption.SAVE).RetCode == RetCode.OK
+    assert stocked._setBatchBeamPattern(batch, tm.BTSetOption.SAVE) is failure
     assert calls == [((RFMode.RX, 4, 0, batch["RX"]["04"]["beam_config"], "steered"), {"save": False}),
                      ((RFMode.RX, 6, 1, batch["RX"]["6"]["channel_config"], "custom"), {"save": False})]
     assert all(type(a[1]) is int for a, _ in calls)
-
-
-def test_save_goes_through_the_instance(tm, stocked):
-    failure = RetType(RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception")
-    stocked._saveToBeamTableFile = lambda *a, **k: failure
-    assert stocked._setBatchBeamPattern({"TX": {}}, tm.BTSetOption.SAVE) is failure
 
 
 @pytest.mark.parametrize("batch, option", [

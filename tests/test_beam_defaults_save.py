@@ -33,21 +33,17 @@ def test_default_steered_beam_points_at_boresight(tm, files_dir):
     assert beam["beam_config"]["db"] is DR["RX"]
 
 
-@pytest.mark.parametrize("layout, limits, error", [
-    ((4, 1, 1), (COMDR, ELEDR), UnboundLocalError),        # one channel per IC never starts a board
-    ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), KeyError),      # rows keyed by name instead of value
+@pytest.mark.parametrize("layout, limits, beam, error", [
+    ((4, 1, 1), (COMDR, ELEDR), {}, UnboundLocalError),        # one channel per IC never starts a board
+    ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), {}, KeyError),      # rows keyed by name instead of value
+    ((4, 1, 4), (COMDR, ELEDR), [], TypeError),                # the beam must be a mapping
+    ((4, 1, 4), (COMDR, ELEDR), None, TypeError),
 ])
-def test_default_channel_beam_without_limits_raises(tm, files_dir, layout, limits, error):
+def test_default_channel_beam_without_limits_or_a_mapping_raises(tm, files_dir, layout, limits, beam, error):
     manager = make_manager(tm, layout=layout, limits=False)
     manager._updateFreq(28.0, DR, *limits)
     with pytest.raises(error):
-        default_beam(manager, mode=RFMode.TX)
-
-
-@pytest.mark.parametrize("beam", [[], None])
-def test_default_beam_needs_a_mapping(tm, files_dir, beam):
-    with pytest.raises(TypeError):
-        make_manager(tm)._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.CHANNEL, RFMode.TX)
+        manager._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.CHANNEL, RFMode.TX)
 
 
 # ----------------------------------------------------------------- saving ---
@@ -56,7 +52,7 @@ def _file_bytes(manager):
     return manager._BeamPatternTableManager__path.read_bytes()
 
 
-def test_saved_file_is_exactly_what_json_writes(manager):
+def test_saved_file_is_exactly_what_json_writes_of_the_table_or_the_one_handed_in(manager):
     table = manager._BeamTable
     table["TX"]["1"] = {"beam_description": "Ångström 波束 \U0001F4E1 \"q\" \\ \n\t\x01", "beam_type": 0,
                         "beam_config": {"db": -0.1, "theta": 1e-05, "phi": 1e16}}
@@ -64,9 +60,7 @@ def test_saved_file_is_exactly_what_json_writes(manager):
     table["EXTRA"] = [True, False, [], {}, 12345678901234567890, -0.0]
     assert manager._saveToBeamTableFile().RetCode == RetCode.OK
     assert _file_bytes(manager) == json.dumps(table, ensure_ascii=False, indent=2).encode("utf-8")
-
-
-def test_given_table_is_written_but_not_adopted(manager):
+    # A table handed in is written but not adopted.
     before = manager._BeamTable
     other = {"VERSION": "v2.0.0", "TX": {}, "RX": {}, "note": "replacement"}
     assert manager._saveToBeamTableFile(new_table=other).RetCode == RetCode.OK

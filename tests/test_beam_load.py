@@ -26,16 +26,6 @@ def _write(path, content):
     return path
 
 
-# ----------------------------------------------------------- construction ---
-
-@pytest.mark.parametrize("layout", [(4, 1), 16])
-def test_layout_must_hold_exactly_three_numbers(tm, files_dir, layout):
-    with pytest.raises((TypeError, ValueError)) as python_error:
-        a, b, c = layout
-    with pytest.raises(type(python_error.value), match=str(python_error.value).replace("(", r"\(").replace(")", r"\)")):
-        tm.BeamPatternTableManager("SN9", 1, 4, layout)
-
-
 # ------------------------------------------------------------ new table ---
 
 @pytest.mark.parametrize("freq, kit, name", [(28.0, "MyKit", "28GHz_MyKit.json"), (28, "", "28GHz.json"),

@@ -104,17 +104,18 @@ def test_steered_beam_is_stored_as_the_hook_corrects_it(manager, hooks, caplog):
     assert ("INFO", "Set/update beam:1 pattern -> %s" % expected) in records(caplog, "BeamTbl")
 
 
-def test_refusing_beam_hook_result_is_returned_as_is(manager, hooks):
-    hooks.beam_refusal = RetType(RetCode.WARNING, "theta beyond steering range", data=(1, 2))
-    assert manager.setBeamPattern(RFMode.TX, 2, BeamType.BEAM, STEER) is hooks.beam_refusal
-    assert manager._BeamTable["TX"] == {}
+REFUSAL = RetType(RetCode.WARNING, "theta beyond steering range", data=(1, 2))
 
 
-@pytest.mark.parametrize("accepted", [(1, 2), 5], ids=["two_values", "no_sequence"])
-def test_beam_hook_answer_that_is_not_three_values_is_reported(manager, hooks, accepted):
-    hooks.correct = lambda *values: accepted
+@pytest.mark.parametrize("answer, expected", [
+    (REFUSAL, REFUSAL),                                           # a refusal is handed back as it is
+    (RetType(data=(1, 2)), (RetCode.ERROR_BF_BEAM, "SetBeamPattern exception")),    # not three values
+    (RetType(data=5), (RetCode.ERROR_BF_BEAM, "SetBeamPattern exception")),         # not a sequence
+], ids=["refusal", "two_values", "no_sequence"])
+def test_a_beam_hook_that_refuses_or_answers_badly_stores_nothing(manager, hooks, answer, expected):
+    hooks.beam_refusal = answer
     ret = manager.setBeamPattern(RFMode.TX, 2, BeamType.BEAM, STEER)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "SetBeamPattern exception")
+    assert ret is expected if isinstance(expected, RetType) else (ret.RetCode, ret.RetMsg) == expected
     assert manager._BeamTable["TX"] == {}
 
 

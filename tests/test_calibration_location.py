@@ -4,7 +4,7 @@ import pathlib
 
 import pytest
 
-from calibration_sample import SN
+from calibration_sample import SN, cali_manager
 from conftest import records
 from fake_queryer import FakeService
 from vexcore.QRVPublic import RetCode
@@ -18,16 +18,12 @@ def touch(folder, *names):
         (folder / name).write_text("VER,2.1.0\n")
 
 
-def manager(tm, freq=28, **kwargs):
-    return tm.CalibrationTableManager(SN, freq, tm.fake_rf_layout, **kwargs)
-
-
 # ------------------------------------------------------------ construction --
 
 @pytest.mark.parametrize("fetch", [True, False])
 def test_construction_searches_files_only_when_asked_and_the_list_is_refreshed_on_demand(tm, files_dir, fetch):
     touch(files_dir, SN + "_28.0GHz.csv")
-    m = manager(tm, fetchCsvFromFile=fetch)
+    m = cali_manager(tm, fetchCsvFromFile=fetch)
     assert m._CaliTable == {} and not hasattr(m, "_CalibrationTableManager__db")
     expected = (pathlib.Path(files_dir), "") if fetch else (None, None)
     assert (getattr(m, "defaultDir", None), getattr(m, "path_cali", None)) == expected
@@ -44,7 +40,7 @@ def test_construction_searches_files_only_when_asked_and_the_list_is_refreshed_o
 def test_dual_polarization_uses_the_built_in_record_only(tm, files_dir, monkeypatch):
     FakeService().install(monkeypatch)
     touch(files_dir, SN + "_28.0GHz.csv")
-    m = manager(tm, support_polar=True, web_client_id="7")
+    m = cali_manager(tm, support_polar=True, web_client_id="7")
     assert m._CaliTable is tm.moss_cali
     for name in ("_CalibrationTableManager__db", "defaultDir", "path_cali"):
         assert not hasattr(m, name)
@@ -55,7 +51,7 @@ def test_dual_polarization_uses_the_built_in_record_only(tm, files_dir, monkeypa
 
 def test_web_mode_makes_a_database_adapter_and_finds_its_table_without_asking(tm, files_dir, monkeypatch):
     service = FakeService().install(monkeypatch)
-    m = manager(tm, freq=27.5, web_client_id="111")
+    m = cali_manager(tm, freq=27.5, web_client_id="111")
     db = m._CalibrationTableManager__db
     assert service.tables == ["calibration"]
     assert db._QRVTableDB__template == {"sn": SN, "frequency": 27.5}
@@ -63,12 +59,15 @@ def test_web_mode_makes_a_database_adapter_and_finds_its_table_without_asking(tm
     assert service.calls == []
 
 
-@pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, "ab"])
-def test_layout_must_unpack_into_three_values_as_python_unpacks(tm, files_dir, layout):
+@pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, "ab", 16])
+@pytest.mark.parametrize("make", [lambda tm, layout: tm.CalibrationTableManager(SN, 28, lambda: layout),
+                                  lambda tm, layout: tm.BeamPatternTableManager("SN9", 1, 4, layout)],
+                         ids=["calibration", "beam"])
+def test_layout_must_unpack_into_three_values_as_python_unpacks(tm, files_dir, make, layout):
     with pytest.raises(Exception) as expected:
         a, b, c = layout
     with pytest.raises(type(expected.value)) as caught:
-        tm.CalibrationTableManager(SN, 28, lambda: layout)
+        make(tm, layout)
     assert str(caught.value) == str(expected.value)
 
 
@@ -87,14 +86,14 @@ def test_search_finds_the_file_of_the_frequency_and_lists_all(tm, files_dir, nam
     # files_dir lies in a folder named after the test, so underscores in the folder are read past too.
     assert "_" in files_dir.parent.name
     touch(files_dir, *names)
-    m = manager(tm, freq=freq)
+    m = cali_manager(tm, freq=freq)
     assert m._searchCaliFile(extension) == (str(files_dir / found) if found else False)
     assert m._freq_list == freqs
     assert m.checkCaliTableLocation().RetData is bool(freqs)
 
 
 def test_a_name_without_a_number_fails_the_search(tm, files_dir, caplog):
-    m = manager(tm)
+    m = cali_manager(tm)
     touch(files_dir, SN + "_highGHz.csv")
     with pytest.raises(ValueError):
         m._searchCaliFile()
@@ -117,7 +116,7 @@ def test_subclass_search_is_used(tm, files_dir):
 # ---------------------------------------------------------------- versions --
 
 def test_version_before_and_after_a_table(tm, files_dir, caplog):
-    m = manager(tm)
+    m = cali_manager(tm)
     ret = m.queryCaliTableVer()
     assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
     assert records(caplog, "CaliTbl") == []
@@ -136,7 +135,7 @@ def test_version_before_and_after_a_table(tm, files_dir, caplog):
     ({"VER": "2.1.0", "SN": SN, "FCENTER": "27.5"}, "Wrong Freq"),
 ])
 def test_header_check(tm, files_dir, caplog, header, problem):
-    ret = manager(tm)._CalibrationTableManager__basicCheck(header)
+    ret = cali_manager(tm)._CalibrationTableManager__basicCheck(header)
     expected = (RetCode.OK, "") if problem is None else (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
     assert (ret.RetCode, ret.RetMsg) == expected
     assert records(caplog, "CaliTbl") == ([] if problem is None else [("ERROR", problem)])

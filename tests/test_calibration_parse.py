@@ -6,7 +6,7 @@ import logging
 
 import pytest
 
-from calibration_sample import SN, make_sample
+from calibration_sample import SN, cali_manager, make_sample
 from conftest import records
 from vexcore.QRVPublic import RetCode
 
@@ -19,17 +19,13 @@ def sample():
     return make_sample()
 
 
-def manager(tm, freq=28, **kwargs):
-    return tm.CalibrationTableManager(SN, freq, tm.fake_rf_layout, **kwargs)
-
-
 def outcome(ret):
     return ret.RetCode, ret.RetMsg
 
 
 def parse_rows(tm, files_dir, sample, rows, **kwargs):
     sample.write(files_dir, rows=rows)
-    m = manager(tm)
+    m = cali_manager(tm)
     return m, outcome(m.parse(**kwargs))
 
 
@@ -58,7 +54,7 @@ def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch
     sample.expected["REALVER"] = "2.1.0-Überprüft"
     rows = replace_rows(sample.rows, "REALVER", [["REALVER", "2.1.0-Überprüft"]])
     path = sample.write(csv_folder, freq="28", rows=rows)
-    m = manager(tm)
+    m = cali_manager(tm)
     assert outcome(m.parse(exportToJson=True)) == OK and m.path_cali == str(path)
     assert typed(m._CaliTable) == typed(sample.expected)
     assert m._CaliTable["BOARD_1"]["TX"]["TEMPADC"] is m._CaliTable["BOARD_1"]["RX"]["TEMPADC"]
@@ -67,7 +63,7 @@ def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch
     assert exported.read_text(encoding="utf-8") == json.dumps(m._CaliTable, ensure_ascii=False, indent=4)
     assert not list(csv_folder.glob("*.json"))
     monkeypatch.setenv("VEXCORE_FILES_DIR", str(json_folder))
-    fresh = manager(tm)
+    fresh = cali_manager(tm)
     assert outcome(fresh.parseRawJson()) == OK
     assert typed(fresh._CaliTable) == typed(sample.expected) and fresh._freq_list == [28.0]
 
@@ -86,7 +82,7 @@ def test_a_new_frequency_retargets_and_drops_the_caches(tm, files_dir, sample):
 
 def test_parse_of_a_handed_in_file_object(tm, files_dir, sample, caplog):
     caplog.set_level(logging.INFO, logger="CaliTbl")
-    m = manager(tm, fetchCsvFromFile=False)
+    m = cali_manager(tm, fetchCsvFromFile=False)
     stream = io.StringIO(sample.text())
     assert outcome(m.parse(fileObject=stream)) == OK
     assert m._CaliTable == sample.expected and stream.closed
@@ -96,7 +92,7 @@ def test_parse_of_a_handed_in_file_object(tm, files_dir, sample, caplog):
 
 
 def test_missing_file(tm, files_dir, caplog):
-    m = manager(tm)
+    m = cali_manager(tm)
     assert outcome(m.parse()) == (RetCode.ERROR_BF_CALI_PATH, "Can not find file for Cali table")
     assert records(caplog, "CaliTbl") == [("ERROR", "Can not find file for Cali table")]
     # (a damaged export gives the same error: the JSON fuzz test reads those)
@@ -136,7 +132,7 @@ def test_a_file_without_end_is_broken_though_every_row_was_stored(tm, files_dir,
 ], ids=["nul and blank lines", "rows after end"])
 def test_harmless_noise_changes_nothing(tm, files_dir, sample, damage):
     (files_dir / (SN + "_28.0GHz.csv")).write_text(damage(sample))
-    m = manager(tm)
+    m = cali_manager(tm)
     assert outcome(m.parse()) == OK and m._CaliTable == sample.expected
 
 
@@ -166,7 +162,7 @@ def test_repeated_rows_merge_value_by_value(tm, files_dir, sample):
 
 
 def test_update_dict_failure_is_logged_and_raised(tm, files_dir, caplog):
-    insert = manager(tm)._CalibrationTableManager__updateDict
+    insert = cali_manager(tm)._CalibrationTableManager__updateDict
     with pytest.raises(Exception) as caught:
         insert({"k": [1]}, "k", {"v": 2})
     assert type(caught.value) is Exception and caught.value.args == ("__updateDict exception",)

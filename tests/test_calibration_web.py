@@ -48,7 +48,7 @@ def test_new_frequency_only_retargets_the_database(m, service, files_dir):
     assert service.calls[0].payload["frequency"] == 27.5
 
 
-def test_queries_ask_the_database_one_category_at_a_time(m, service):
+def test_queries_ask_the_database_one_category_at_a_time_and_arm_data_once_per_board(m, service):
     # The answers themselves are compared with file mode against the real service elsewhere.
     assert m.getFrequencyList().RetData == [27.5, 28.0] == m._freq_list
     for query in (m.queryCaliTableVer, lambda: m.getDR(RFMode.RX), m.getELEDR):
@@ -56,9 +56,7 @@ def test_queries_ask_the_database_one_category_at_a_time(m, service):
     assert sent(service) == [("getFreqList", None, None), (None, "GENERAL", ["VER"]), (None, "GENERAL", ["DR.RX"])] + [
         (None, "BOARD_%d" % b, ["%s.COMDR" % mode, "%s.ELEDR" % mode, "%s.COMSTEPDR" % mode])
         for mode in ("TX", "RX") for b in range(1, 5)]
-
-
-def test_common_arm_data_is_asked_once_per_board(m, service):
+    # Common arm data is asked once per board.
     data = m._getComData("TX", 2, 1, [4], [2], [180], [3])
     assert data == {"COM_3": [service.sample.expected["BOARD_2"]["DATA_CHIP_1"]["COM_3"]["TX_2_180"][3]]}
     m._getComData("TX", 2, 1, [1], [0], [0], [1])            # served from the cache

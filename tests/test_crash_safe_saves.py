@@ -130,16 +130,12 @@ def test_beam_save_on_a_full_disk_keeps_the_previous_file_and_works_once_space_i
 
 # ------------------------------------------------------------------- kits ---
 
-def kits_with_saved_kit(tm, files_dir):
-    path = write_rows(files_dir / ("AAKIT_%s.csv" % KIT), kit_rows(KIT, kit_type=1))
-    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
-    assert kits.parse().RetCode == RetCode.OK
-    return kits, path, path.read_bytes()
-
-
 def test_saves_and_deletes_in_a_read_only_folder_fail_cleanly(tm, files_dir, make_read_only):
     manager, beam_path, beam_before = loaded_beams(tm, files_dir)
-    kits, kit_path, kit_before = kits_with_saved_kit(tm, files_dir)
+    kit_path = write_rows(files_dir / ("AAKIT_%s.csv" % KIT), kit_rows(KIT, kit_type=1))
+    kit_before = kit_path.read_bytes()
+    kits = tm.AAKitTableManager(LITE, 4, support_dev=[LITE])
+    assert kits.parse().RetCode == RetCode.OK
     kits._AAKitTable[KIT]["OFFSET_TX"] = [123456789] * 4
     make_read_only(beam_path.parent)
     make_read_only(files_dir)

@@ -166,16 +166,6 @@ def test_beam_store_keeps_tables_per_frequency_and_kit(database):
     assert damaged.RetCode == RetCode.ERROR_BF_BEAM_FILE and "does not decode" in damaged.RetMsg
 
 
-def test_kit_store_filters_by_device_type_and_deletes(database):
-    store = AAKitStore(database)
-    for name, record in {"ANY": {"TYPE": 0}, "NINE": {"DEV_TYPE": 9, "TYPE": 1}, "TWELVE": {"DEV_TYPE": 12}}.items():
-        assert store.store(func_name="saveAAKitFile", kitName=name, check=False, context=record).RetCode == RetCode.OK
-    assert list(store.list_kits(9, 16, [9]).RetData) == ["ANY", "NINE"]
-    assert store.store(func_name="deleteAAKitInfo", kitName="NINE", check=False).RetCode == RetCode.OK
-    assert store.store(func_name="deleteAAKitInfo", kitName="NINE", check=False).RetCode == RetCode.ERROR_BF_AAKIT
-    assert list(store.list_kits(9, 16, [9, 12]).RetData) == ["ANY", "TWELVE"]
-
-
 def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
     bad = tmp_path / "calibration.csv"
     bad.write_text("VER,2.1.0\nEND\n")

@@ -13,8 +13,9 @@ import pytest
 from hypothesis import assume, example, given, strategies as st
 
 from beam_helpers import COMDR, DR, ELEDR, SN, channel_beam, steered_beam
-from fuzz_support import (assert_result, baseline_module, beyond_any_device, folder_contents, fuzz_settings,
-                          hang_watchdog, mutate, mutations, outcome, outside_listing, same_json, values, verdict)
+from fuzz_support import (assert_result, baseline_module, beyond_any_device, folder_contents, fresh_folder,
+                          fuzz_settings, hang_watchdog, mutate, mutations, outcome, outside_listing, same_json,
+                          values, verdict)
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 
@@ -79,12 +80,7 @@ def pair_of_managers(tm, tmp_path, monkeypatch, files):
     managers = []
     peer_class = baseline_module("beam").BeamPatternTableManager
     for side, make in (("native", tm.BeamPatternTableManager), ("peer", peer_class)):
-        folder = tmp_path / side / "BeamTable"
-        folder.mkdir(parents=True, exist_ok=True)
-        for old in folder.iterdir():
-            old.unlink()
-        for name, data in files.items():
-            (folder / name).write_bytes(data)
+        fresh_folder(tmp_path / side / "BeamTable", files)
         monkeypatch.setenv("VEXCORE_FILES_DIR", str(tmp_path / side))
         managers.append(make(SN, 7, NUM_BEAM, LAYOUT, HOOKS))
         managers[-1]._updateFreq(28.0, DR, COMDR, ELEDR)

@@ -11,8 +11,8 @@ import os
 from hypothesis import example, given, strategies as st
 
 from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, kit_rows, pinned_clock
-from fuzz_support import (assert_result, baseline_module, folder_contents, fuzz_settings, hang_watchdog, mutate,
-                          mutations, outcome, outside_listing, same_json, values, verdict)
+from fuzz_support import (assert_result, baseline_module, folder_contents, fresh_folder, fuzz_settings, hang_watchdog,
+                          mutate, mutations, outcome, outside_listing, same_json, values, verdict)
 from vexcore.QRVPublic import RetCode
 
 
@@ -66,13 +66,8 @@ def test_damaged_kit_file_reads_as_the_python_peer_reads_it(tm, tmp_path, monkey
     kits, tables, results = {}, {}, {}
     peer_class = migrating_from_the_file_read(peer_module.AAKitTableManager)
     for side, make in (("native", tm.AAKitTableManager), ("peer", peer_class)):
-        folder = tmp_path / side
-        folder.mkdir(exist_ok=True)
-        for old in folder.iterdir():
-            old.unlink()
-        for name, data in KIT_FILES.items():
-            (folder / name).write_bytes(mutate(data, changes) if name == target else data)
-        monkeypatch.setenv("VEXCORE_FILES_DIR", str(folder))
+        files = {name: mutate(data, changes) if name == target else data for name, data in KIT_FILES.items()}
+        monkeypatch.setenv("VEXCORE_FILES_DIR", str(fresh_folder(tmp_path / side, files)))
         kits[side] = make(LITE, total_ch, support_dev=[LITE])
         with hang_watchdog():
             results[side] = verdict(*outcome(kits[side].parse))

@@ -16,26 +16,22 @@ def stub_tree(path):
         return ast.parse(stub.read())
 
 
+STUB = stub_tree(os.path.join(FOLDER, "__init__.pyi")).body
+
+
 def stub_functions():
     """{(owner, name): FunctionDef} of the module stub; owner "" for module functions."""
-    found = {}
-    for node in stub_tree(os.path.join(FOLDER, "__init__.pyi")).body:
-        if isinstance(node, ast.ClassDef):
-            found.update({(node.name, f.name): f for f in node.body if isinstance(f, ast.FunctionDef)})
-        elif isinstance(node, ast.FunctionDef):
-            found[("", node.name)] = node
+    found = {("", node.name): node for node in STUB if isinstance(node, ast.FunctionDef)}
+    for node in (node for node in STUB if isinstance(node, ast.ClassDef)):
+        found.update({(node.name, f.name): f for f in node.body if isinstance(f, ast.FunctionDef)})
     return found
 
 
 def stub_top_names():
-    names = set()
-    for node in stub_tree(os.path.join(FOLDER, "__init__.pyi")).body:
-        if isinstance(node, (ast.ClassDef, ast.FunctionDef)):
-            names.add(node.name)
-        elif isinstance(node, ast.AnnAssign):
-            names.add(node.target.id)
-        elif isinstance(node, (ast.Import, ast.ImportFrom)):
-            names.update(alias.asname or alias.name for alias in node.names)
+    names = {node.name for node in STUB if isinstance(node, (ast.ClassDef, ast.FunctionDef))}
+    names.update(node.target.id for node in STUB if isinstance(node, ast.AnnAssign))
+    for node in (node for node in STUB if isinstance(node, (ast.Import, ast.ImportFrom))):
+        names.update(alias.asname or alias.name for alias in node.names)
     return names
 
 

@@ -7,12 +7,7 @@ import sys
 
 import pytest
 
-from tables_helpers import BEAM, CALI, KIT, copy_samples, edit_lines, line_number, replace_row, run_tool
-
-
-@pytest.fixture
-def files(tmp_path):
-    return copy_samples(tmp_path)
+from tables_helpers import BEAM, CALI, KIT, edit_lines, line_number, replace_row, run_tool, write_old_beam_table
 
 
 def test_the_console_script_finds_the_bundled_samples_valid(files):
@@ -80,15 +75,6 @@ def _channel(table, board, channel=None):
     return config if channel is None else config["channel_%d" % channel]
 
 
-def _old_beam_table(files):
-    """An old list-format table: its conversion leaves every board's common_db null for the user to fill,
-    so its channel beams cannot pass a gain check until then."""
-    channels = [{"channel": ch, "sw": 0, "db": 4.0, "deg": 10 * ch} for ch in range(1, 17)]
-    return _rewritten(files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json", json.dumps(
-        {"version": "v1.0.0", "RX_beam_list": [], "TX_beam_list": [{"beamId": 3, "beam_type": 1,
-                                                                    "channel_config": channels}]}))
-
-
 def _cali(files, key_prefix, new_row):
     return edit_lines(files / CALI, replace_row(key_prefix, new_row))
 
@@ -127,8 +113,8 @@ def _kit(files, key_prefix, new_row):
     (lambda f: _edit_beam(f, lambda t: t.update(SN="../../escaped")), ["ERROR_BF_BEAM  BeamTable loading exception"]),
     (lambda f: _rewritten(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
      ["ERROR_BF_BEAM  BeamTable loading exception", "not valid JSON at line 2 column 9"]),
-    (_old_beam_table, ["warning  old format v1.0.0: loading converts it", "board_1 common_db is None, not a number",
-                       "at TX beam 3"]),
+    (write_old_beam_table, ["warning  old format v1.0.0: loading converts it",
+                            "board_1 common_db is None, not a number", "at TX beam 7"]),
 ], ids=["cali cell", "cali end", "cali sn", "cali dr", "cali board", "cali name", "kit cell", "kit offsets",
         "kit devtype", "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
         "beam not json", "beam old format"])

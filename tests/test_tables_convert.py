@@ -5,25 +5,11 @@ import stat
 
 import pytest
 
-from tables_helpers import CALI, KIT, copy_samples, edit_lines, replace_row, run_tool
-
-
-@pytest.fixture
-def files(tmp_path):
-    return copy_samples(tmp_path)
-
-
-def _old_table(files, length=16):
-    """An old list-format table with one channel beam whose gains partly exceed the cap."""
-    path = files / "BeamTable" / "Beam_Configuration_K5350R019-28_28GHz.json"
-    channels = [{"channel": ch, "sw": ch % 2, "db": 2.0 * ch, "deg": 15 * ch} for ch in range(length, 0, -1)]
-    path.write_text(json.dumps({"version": "v1.0.0", "RX_beam_list": [], "TX_beam_list": [
-        {"beamId": 7, "beam_type": 1, "channel_config": channels, "beam_description": "old", "channel_switch": 1}]}))
-    return path
+from tables_helpers import CALI, KIT, edit_lines, replace_row, run_tool, write_old_beam_table
 
 
 def test_an_old_beam_table_is_converted_to_out_and_the_input_kept(files, tmp_path, capsys):
-    path = _old_table(files)
+    path = write_old_beam_table(files)
     before = path.read_bytes()
     out_path = tmp_path / "converted.json"
     status, out, _ = run_tool(capsys, "convert", path, "--out", out_path, "--devtype", 9)
@@ -41,15 +27,6 @@ def test_an_old_beam_table_is_converted_to_out_and_the_input_kept(files, tmp_pat
                                                                          for c in range(1, 5)]
 
 
-def test_in_place_replaces_the_table_and_a_second_run_has_nothing_to_do(files, capsys):
-    path = _old_table(files)
-    status, _, _ = run_tool(capsys, "convert", path, "--in-place")
-    assert status == 0 and json.loads(path.read_text(encoding="utf-8"))["VERSION"] == "v2.0.0"
-    before = path.read_bytes()
-    status, out, _ = run_tool(capsys, "convert", path, "--in-place")
-    assert status == 0 and "already in the current format (v2.0.0)" in out and path.read_bytes() == before
-
-
 @pytest.fixture
 def umask():
     """umask(mask): the process umask is mask until the test ends."""
@@ -58,9 +35,10 @@ def umask():
     os.umask(previous)
 
 
-def test_in_place_keeps_the_mode_and_replaces_what_a_link_points_to(files, capsys, umask):
+def test_in_place_keeps_the_mode_replaces_what_a_link_points_to_and_a_second_run_has_nothing_to_do(files, capsys,
+                                                                                                    umask):
     umask(0o077)                                  # would make a new file 0600: the table keeps its own mode
-    path = _old_table(files)
+    path = write_old_beam_table(files)
     path.chmod(0o644)
     link = path.parent / "current.json"
     link.symlink_to(path.name)
@@ -70,6 +48,9 @@ def test_in_place_keeps_the_mode_and_replaces_what_a_link_points_to(files, capsy
     assert json.loads(path.read_text(encoding="utf-8"))["VERSION"] == "v2.0.0"
     assert stat.S_IMODE(path.stat().st_mode) == 0o644
     assert sorted(os.listdir(path.parent)) == beside           # nothing else left beside them
+    before = path.read_bytes()
+    status, out, _ = run_tool(capsys, "convert", path, "--in-place")
+    assert status == 0 and "already in the current format (v2.0.0)" in out and path.read_bytes() == before
 
 
 def test_an_export_gets_the_mode_the_umask_gives(files, capsys, umask):
@@ -79,7 +60,7 @@ def test_an_export_gets_the_mode_the_umask_gives(files, capsys, umask):
 
 
 @pytest.mark.parametrize("make, message", [
-    (lambda files: _old_table(files, length=12),
+    (lambda files: write_old_beam_table(files, length=12),
      "ERROR_BF_BEAM_FILE  TX BeamID:7: count of channel_config(12) not match with channel count(16)"),
     (lambda files: edit_lines(files / CALI, replace_row("SN,", "SN,OTHER")), "Wrong SN!"),
 ])
@@ -107,7 +88,7 @@ def test_a_calibration_csv_is_exported_as_the_manager_writes_it(files, capsys):
     ("beam", ["--out", "{files}/" + CALI], "exists; give --force to replace it"),
 ])
 def test_usage_errors_never_overwrite_by_surprise(files, capsys, name, args, message):
-    path = _old_table(files) if name == "beam" else files / name
+    path = write_old_beam_table(files) if name == "beam" else files / name
     before = (files / CALI).read_bytes()
     status, _, err = run_tool(capsys, "convert", path, *[a.format(files=files) for a in args])
     assert status == 2 and message in err and not (files / "x.json").exists() and (files / CALI).read_bytes() == before

@@ -6,7 +6,7 @@ import sys
 
 import pytest
 
-from tables_helpers import BEAM, CALI, KIT, copy_samples, run_tool
+from tables_helpers import BEAM, CALI, KIT, run_tool
 from vexcore.tables import pattern
 
 FREQ = 28.0
@@ -56,11 +56,7 @@ def test_channel_placement(count, override, shape):
 
 # --- the command -----------------------------------------------------------------
 
-@pytest.fixture
-def files(tmp_path):
-    return copy_samples(tmp_path)   # matplotlib is a test dependency: without it these fail, saying so
-
-
+# matplotlib is a test dependency: without it these fail, saying so.
 @pytest.mark.parametrize("target, args, without_kit, pixels", [
     (BEAM, ["--beam", "TX:1"], False, (1100, 450)),        # steered: the two pattern cuts
     (BEAM, ["--beam", "TX:2"], False, (1100, 900)),        # channel beam with kit: maps and cuts
@@ -91,8 +87,7 @@ def test_plot_refusals_write_nothing(files, tmp_path, capsys, args, without_kit,
     assert status == 2 and message in err and not (tmp_path / "x.png").exists()
 
 
-def test_without_matplotlib_plot_says_how_to_install_it(tmp_path, capsys, monkeypatch):
-    files = copy_samples(tmp_path)
+def test_without_matplotlib_plot_says_how_to_install_it(files, tmp_path, capsys, monkeypatch):
     monkeypatch.setitem(sys.modules, "matplotlib", None)          # makes the import fail
     status, _, err = run_tool(capsys, "plot", files / BEAM, "--out", tmp_path / "x.png")
     assert status == 2 and "plot needs matplotlib: pip install 'vexcore[plot]'" in err

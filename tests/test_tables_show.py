@@ -3,12 +3,11 @@ import json
 
 import pytest
 
-from tables_helpers import BEAM, CALI, KIT, copy_samples, edit_lines, replace_row, run_tool
+from tables_helpers import BEAM, CALI, KIT, edit_lines, replace_row, run_tool
 
 
 @pytest.fixture
-def files(tmp_path):
-    files = copy_samples(tmp_path)
+def files(files):
     (files / "SN7.csv").write_text("SN7\n250\n", encoding="utf-8")
     return files
 

@@ -156,14 +156,17 @@ def test_beam_tables_round_trip_through_the_database(tm, database, files_dir):
     assert not list(files_dir.rglob("*.json"))            # no local beam file in web mode
 
 
-def test_kits_round_trip_through_the_database(tm, database, files_dir):
+def test_kits_round_trip_through_the_database_which_filters_them_by_device_type(tm, database, files_dir):
     store = AAKitStore(database)
+    for name, record in {"ANY": {"TYPE": 0}, "TWELVE": {"DEV_TYPE": 12}}.items():
+        assert store.store(func_name="saveAAKitFile", kitName=name, check=False, context=record).RetCode == RetCode.OK
     writer = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
     name = writer.setAAKitInfo("Lab", [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [1, 2, 3, 4], [4, 3, 2, 1]).RetData
     assert writer.saveAAKitFile(name, callback=store.store).RetCode == RetCode.OK
     reader = tm.AAKitTableManager(9, 4, support_dev=[9], web_client_id="111")
-    assert reader.getAAKitList(callback=store.list_kits).RetData == [name]
+    assert reader.getAAKitList(callback=store.list_kits).RetData == ["ANY", name]      # a kit without a type too
     assert reader.getAAKitInfo(name).RetData == writer.getAAKitInfo(name).RetData
     assert reader.deleteAAKitInfo(name, callback=store.store).RetCode == RetCode.OK
-    assert reader.getAAKitList(callback=store.list_kits).RetData == []
+    assert store.store(func_name="deleteAAKitInfo", kitName=name, check=False).RetCode == RetCode.ERROR_BF_AAKIT
+    assert list(store.list_kits(9, 16, [9, 12]).RetData) == ["ANY", "TWELVE"]
     assert not list(files_dir.glob("AAKIT_*"))           # nothing written locally
