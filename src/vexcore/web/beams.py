@@ -342,12 +342,12 @@ async def import_batch(request):
 
 def _validate_import(where, batch):
     """Each beam of the batch through UI_IMPORT, one by one, so every beam gets its answer
-    (a validation: the table is not changed)."""
-    session = where.session()
+    (a validation: the table is not changed, but the hooks collect their reasons)."""
+    session = where.session(change=True)
     try:
         return session.revision, _validation_results(session, batch)
     finally:
-        managers.give_back(session)
+        managers.keep(session)
 
 
 def _validation_results(session, batch):
