@@ -8,8 +8,8 @@ through the application's own HTTP interface (Starlette's test client, no networ
 - the beam list page, a steered beam's page and a channel beam's page, each with the
   array-factor cuts; saving one steered beam (check, UI_SAVE_UPSERT, store);
 - beside them, what reading the table through its web-mode callback costs (sqlite3 +
-  json.loads of the stored text: a page pays it only when the server does not hold the
-  stored table yet, as its first page does) and what storing it costs (json.dumps +
+  decoding the stored text: a page pays it only when the server does not hold the
+  stored table yet, as its first page does) and what storing it costs (encoding +
   sqlite3: every save pays it, since a beam table is stored whole).
 
 Medians of interleaved samples; the calibration answers are read once (the first page
@@ -156,11 +156,11 @@ def run(args, folder):
         ("beam 16 page (a channel beam)", lambda: _timed(lambda: _ok(client.get(base + "/TX/16" + query)))),
         ("save one beam", save),
         (
-            "floor: read the table (sqlite3 + json.loads)",
+            "floor: read the table (sqlite3 + JSON decode)",
             lambda: _timed(lambda: callback("_load", freq=float(FREQ), aakit=KIT, devtype=9)),
         ),
         (
-            "floor: store the table (json.dumps + sqlite3)",
+            "floor: store the table (JSON encode + sqlite3)",
             lambda: _timed(lambda: callback("saveToBeamTableFile", new_table=floor_table)),
         ),
     ]
@@ -170,8 +170,8 @@ def run(args, folder):
             samples[name].append(run())
     medians = {name: statistics.median(values) * 1000 for name, values in samples.items()}
     read, write = (
-        medians["floor: read the table (sqlite3 + json.loads)"],
-        medians["floor: store the table (json.dumps + sqlite3)"],
+        medians["floor: read the table (sqlite3 + JSON decode)"],
+        medians["floor: store the table (JSON encode + sqlite3)"],
     )
     mix = "1 in %d a channel beam" % args.channel_every if args.channel_every else "all steered"
     print(
