@@ -7,12 +7,14 @@ through the application's own HTTP interface (Starlette's test client, no networ
 
 - the beam list page, a steered beam's page and a channel beam's page, each with the
   array-factor cuts; saving one steered beam (check, UI_SAVE_UPSERT, store);
-- beside them, the floor every one of those requests stands on: reading the table
-  through its web-mode callback (sqlite3 + json.loads of the stored text), and storing
-  it (json.dumps + sqlite3).
+- beside them, what reading the table through its web-mode callback costs (sqlite3 +
+  decoding the stored text: a page pays it only when the server does not hold the
+  stored table yet, as its first page does) and what storing it costs (encoding +
+  sqlite3: every save pays it, since a beam table is stored whole).
 
 Medians of interleaved samples; the calibration answers are read once (the first page
-pays for them, shown apart) and kept for a minute, as the front end does.
+pays for them, shown apart) and kept, as the front end does; so is the loaded table,
+while its stored generation holds.
 
 Usage: python bench/web_pages.py [--reps N] [--keep DIR]   (a kept DIR is used again as it is)
 """
@@ -123,9 +125,12 @@ def run(args, folder):
     base = "/beams/%s/%s" % (SN, FREQ)
     query = "?kit=" + KIT
     first = _timed(lambda: _ok(client.get(base + query)))
-    callback = store.beam_callback(SN)
+    callback = store.beam_callback(SN, refuse_stale=False)
     table = callback("_load", freq=float(FREQ), aakit=KIT, devtype=9).RetData
     size_mb = len(__import__("json").dumps(table)) / 1e6
+    # The store floor writes the same table under a kit name of its own: a write of the
+    # served table would count as someone else's save and make the next page reload it.
+    floor_table = dict(table, AAKIT_NAME=KIT + "_FLOOR")
 
     def save():
         page = client.get(base + "/TX/3" + query).text
@@ -151,12 +156,12 @@ def run(args, folder):
         ("beam 16 page (a channel beam)", lambda: _timed(lambda: _ok(client.get(base + "/TX/16" + query)))),
         ("save one beam", save),
         (
-            "floor: read the table (sqlite3 + json.loads)",
+            "floor: read the table (sqlite3 + JSON decode)",
             lambda: _timed(lambda: callback("_load", freq=float(FREQ), aakit=KIT, devtype=9)),
         ),
         (
-            "floor: store the table (json.dumps + sqlite3)",
-            lambda: _timed(lambda: callback("saveToBeamTableFile", new_table=table)),
+            "floor: store the table (JSON encode + sqlite3)",
+            lambda: _timed(lambda: callback("saveToBeamTableFile", new_table=floor_table)),
         ),
     ]
     samples = {name: [] for name, _ in cases}
@@ -165,8 +170,8 @@ def run(args, folder):
             samples[name].append(run())
     medians = {name: statistics.median(values) * 1000 for name, values in samples.items()}
     read, write = (
-        medians["floor: read the table (sqlite3 + json.loads)"],
-        medians["floor: store the table (json.dumps + sqlite3)"],
+        medians["floor: read the table (sqlite3 + JSON decode)"],
+        medians["floor: store the table (JSON encode + sqlite3)"],
     )
     mix = "1 in %d a channel beam" % args.channel_every if args.channel_every else "all steered"
     print(
@@ -183,7 +188,7 @@ def run(args, folder):
         if name.startswith("floor"):
             print("| %s | %.1f ms | | |" % (name, value))
             continue
-        floor = write + read if name == "save one beam" else read
+        floor = write if name == "save one beam" else read
         verdict = "met" if value < TARGETS_MS[name] else "missed"
         print("| %s | %.1f ms | < %d ms: %s | x%.1f |" % (name, value, TARGETS_MS[name], verdict, value / floor))
     return 0

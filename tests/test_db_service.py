@@ -166,6 +166,26 @@ def test_beam_store_keeps_tables_per_frequency_and_kit(database):
     assert damaged.RetCode == RetCode.ERROR_BF_BEAM_FILE and "does not decode" in damaged.RetMsg
 
 
+def test_a_guarded_beam_store_refuses_to_save_over_another_writers_table(database):
+    with service.transaction(database) as db:           # a database from before the generations
+        db.execute("DROP TABLE beam_table_generation")
+    engines.close_engines()
+    left, right = (BeamTableStore("SN-A", database, refuse_stale=True) for _ in range(2))
+    for store in (left, right):
+        store("_load", freq=28.0, aakit="KIT")
+    assert left.generation_of(28, "KIT").RetData == 0 == right.generation
+    left.table["TX"]["1"] = {"beam_description": "left"}
+    assert left("saveToBeamTableFile").RetCode == RetCode.OK and left.generation == 1
+    right.table["TX"]["1"] = {"beam_description": "right"}
+    refused = right("saveToBeamTableFile")
+    assert refused.RetCode == RetCode.ERROR_BF_BEAM_FILE and "changed by another writer" in refused.RetMsg
+    assert right.stale and left("saveToBeamTableFile").RetCode == RetCode.OK     # left saves over its own
+    last = BeamTableStore("SN-A", database)             # unguarded: the last writer wins, whole
+    assert last("saveToBeamTableFile", new_table=right.table).RetCode == RetCode.OK
+    assert last.generation_of(28.0, "KIT").RetData == 3 and BeamTableStore("SN-A", database)(
+        "_load", freq=28, aakit="KIT").RetData["TX"]["1"] == {"beam_description": "right"}
+
+
 def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
     bad = tmp_path / "calibration.csv"
     bad.write_text("VER,2.1.0\nEND\n")

@@ -8,7 +8,7 @@ import pytest
 from starlette.testclient import TestClient     # the Makefile installs the extra: missing, this fails
 
 from web_support import BEAMS, FREQ, KIT, SN, calibration_text, prepare, stored_beam
-from vexcore.web import cli
+from vexcore.web import cli, store
 from vexcore.web.app import create_app
 
 Q = "?kit=" + KIT
@@ -134,15 +134,40 @@ STEERED = {"action": "save", "beam_type": "steered", "description": "d", "db": "
     ({"phi": "up"}, 422, "phi is &#39;up&#39;, not a number", None),
     ({"action": "preview", "theta": "-20"}, 200, "not saved", None),
     ({"revision": "stale"}, 409, "changed by someone else, reload", None),
+    ({"other_station": -40}, 409, "changed by someone else, reload", {"db": 3.0, "theta": -40, "phi": 0}),
 ])
 def test_saving_a_steered_beam(client, change, status, text, saved):
     url = BEAMS + "/TX/1" + Q
     data = dict(STEERED, revision=_revision(client, url))
     data.update(change)
+    if "other_station" in data:                 # another server saves the table after this form was made
+        other = store.beam_callback(SN)
+        other("_load", freq=28.0, aakit=KIT, devtype=9).RetData["TX"]["1"]["beam_config"]["theta"] = \
+            data.pop("other_station")
+        assert other("saveToBeamTableFile").RetMsg == ""
     page = post(client, url, data)
     assert page.status_code == status and text in page.text
     expected = saved or {"db": 3.0, "theta": 30, "phi": 0}
     assert stored_beam(SN, KIT, "TX", 1)["beam_config"] == expected
+    shown = re.search(r'name="theta"[^>]* value="([^"]*)"', client.get(url).text).group(1)
+    assert shown == str(expected["theta"])      # the page shows what is stored, not an unsaved change
+
+
+def test_a_save_racing_another_station_is_refused_by_the_database(client, monkeypatch):
+    url = BEAMS + "/TX/1" + Q
+    data = dict(STEERED, revision=_revision(client, url))
+    original = store.BeamTableStore._save
+
+    def other_station_first(callback, table):   # another server saves just before this one writes
+        other = store.beam_callback(SN)
+        original(other, other("_load", freq=28.0, aakit=KIT, devtype=9).RetData)
+        return original(callback, table)
+    monkeypatch.setattr(store.BeamTableStore, "_save", other_station_first)
+    page = post(client, url, data)
+    assert page.status_code == 409 and "changed by someone else, reload" in page.text
+    monkeypatch.undo()
+    assert stored_beam(SN, KIT, "TX", 1)["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
+    assert post(client, url, dict(data, revision=_revision(client, url))).status_code == 303
 
 
 def test_saving_one_page_of_a_channel_beam_keeps_the_rest(client):

@@ -10,6 +10,11 @@ Layout 1 (the first release) kept each calibration table as one JSON text in the
 `calibration`. It is upgraded the first time a process opens the database (or with
 ``python -m vexcore.db migrate``), in one transaction: every table is rewritten as
 rows; a row that cannot be read is kept, untouched, in `calibration_unreadable`.
+
+`beam_table_generation` came later within layout 2: it counts the saves of each beam
+table (a missing row means 0), so a reader can tell a table it holds is still the
+stored one with one small query. A database without it gets it the first time a
+process opens the database; nothing else changes.
 """
 
 import json
@@ -33,9 +38,13 @@ TABLES = (
     """CREATE TABLE IF NOT EXISTS beam_table (
         sn TEXT NOT NULL, frequency DOUBLE PRECISION NOT NULL, aakit TEXT NOT NULL, content TEXT NOT NULL,
         PRIMARY KEY (sn, frequency, aakit))""",
+    """CREATE TABLE IF NOT EXISTS beam_table_generation (
+        sn TEXT NOT NULL, frequency DOUBLE PRECISION NOT NULL, aakit TEXT NOT NULL, generation INTEGER NOT NULL,
+        PRIMARY KEY (sn, frequency, aakit))""",
     """CREATE TABLE IF NOT EXISTS aakit (
         name TEXT NOT NULL PRIMARY KEY, dev_type INTEGER, content TEXT NOT NULL)""",
 )
+ADDED_IN_LAYOUT = ("beam_table_generation",)   # created when missing, without an upgrade
 OLD_CALIBRATION = "calibration"
 UNREADABLE = "calibration_unreadable"
 
@@ -51,7 +60,7 @@ def layout_of(engine, session):
 
 def ensure(engine, session):
     """Creates the schema or upgrades an older one; returns what it did, as text."""
-    if layout_of(engine, session) == LAYOUT:
+    if layout_of(engine, session) == LAYOUT and all(engine.has_table(session, t) for t in ADDED_IN_LAYOUT):
         return "layout %d, current" % LAYOUT
     engine.prepare_new(session)
     session.execute(engine.write_begin)

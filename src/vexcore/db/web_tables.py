@@ -12,19 +12,26 @@ host can run web mode with no local table files at all:
     aakit.getAAKitList(callback=kits.list_kits)        # AAKitTableManager
     aakit.saveAAKitFile("MyKit", callback=kits.store)
 
-A beam table is one row, replaced whole in one statement: two stations saving the same
-table leave the last writer's table, never a mix. A database that cannot be reached or
-a stored table that does not decode gives an error result, not an exception.
+A beam table is one row, replaced whole in one transaction: two stations saving the same
+table leave the last writer's table, never a mix. Every save also counts up the table's
+generation in that transaction; `BeamTableStore.generation_of` reads it alone, so a host
+holding a loaded table can tell, with one small query, whether it is still the stored
+one. A store made with ``refuse_stale=True`` refuses to save over a table another
+writer saved after this store read it (the guard of an editor: a stale form must not
+overwrite someone else's beams). A database that cannot be reached or a stored table
+that does not decode gives an error result, not an exception.
 """
 
 import json
 
 from vexcore.db import QRVDBQueryer
 from vexcore.db.QRVDBQueryer import DatabaseError, QueryRefused, as_frequency
+from vexcore.qrvdev.QRVTableManager import _codec
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 
 BEAM_TABLE_VERSION = "v2.0.0"
+STALE = "changed by another writer since it was read, not saved"
 
 
 def _failure_as_result(code, what):
@@ -52,10 +59,13 @@ class BeamTableStore:
     """Callback for one device's beam tables (the device's serial number is bound here,
     since the manager does not pass it)."""
 
-    def __init__(self, sn, db_path=None):
+    def __init__(self, sn, db_path=None, refuse_stale=False):
         self.sn = sn
         self.db_path = db_path
+        self.refuse_stale = refuse_stale
         self.table = None  # the table last handed out: the manager works on this object
+        self.generation = None  # the stored generation of that table (after its last save here)
+        self.stale = False  # the last save was refused because of another writer
 
     def __call__(self, func_name, **kwargs):
         if func_name == "_load":
@@ -68,8 +78,11 @@ class BeamTableStore:
     def _load(self, freq, aakit, devtype):
         frequency = as_frequency(freq)
         with QRVDBQueryer.transaction(self.db_path) as db:
+            # One statement: the content and the generation of one committed state.
             row = db.execute(
-                "SELECT content FROM beam_table WHERE sn = ? AND frequency = ? AND aakit = ?",
+                "SELECT t.content, g.generation FROM beam_table t LEFT JOIN beam_table_generation g "
+                "ON g.sn = t.sn AND g.frequency = t.frequency AND g.aakit = t.aakit "
+                "WHERE t.sn = ? AND t.frequency = ? AND t.aakit = ?",
                 (self.sn, frequency, aakit),
             ).fetchone()
             if row is None:
@@ -89,25 +102,62 @@ class BeamTableStore:
                     self._row(table),
                 )
         if row is not None:
-            table = json.loads(row[0])
-        self.table = table
+            table = _codec.json_loads(row[0])
+        self.table, self.generation = table, (row[1] or 0) if row is not None else 0
         return RetType(data=table)
 
     @_failure_as_result(RetCode.ERROR_BF_BEAM_FILE, "beam table")
     def _save(self, table):
+        self.stale = False
         if table is None:
             return RetType(RetCode.ERROR_BF_BEAM_FILE, "no beam table loaded")
         row = self._row(table)  # encoded before the transaction: the lock is held only to write
-        with QRVDBQueryer.transaction(self.db_path) as db:
-            db.execute(
-                "INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
-                "ON CONFLICT (sn, frequency, aakit) DO UPDATE SET content = excluded.content",
-                row,
-            )
+        try:
+            with QRVDBQueryer.transaction(self.db_path) as db:
+                # The generation first: its row lock orders two writers of the table.
+                db.execute(
+                    "INSERT INTO beam_table_generation (sn, frequency, aakit, generation) VALUES (?, ?, ?, 1) "
+                    "ON CONFLICT (sn, frequency, aakit) DO UPDATE "
+                    "SET generation = beam_table_generation.generation + 1",
+                    row[:3],
+                )
+                generation = db.execute(
+                    "SELECT generation FROM beam_table_generation WHERE sn = ? AND frequency = ? AND aakit = ?", row[:3]
+                ).fetchone()[0]
+                if self.refuse_stale and generation != (self.generation or 0) + 1:
+                    raise _Stale()  # rolls the transaction back
+                db.execute(
+                    "INSERT INTO beam_table (sn, frequency, aakit, content) VALUES (?, ?, ?, ?) "
+                    "ON CONFLICT (sn, frequency, aakit) DO UPDATE SET content = excluded.content",
+                    row,
+                )
+        except _Stale:
+            self.stale = True
+            return RetType(RetCode.ERROR_BF_BEAM_FILE, "beam table: " + STALE)
+        self.generation = generation
         return RetType()
 
+    @_failure_as_result(RetCode.ERROR_BF_BEAM_FILE, "beam table")
+    def generation_of(self, freq, aakit):
+        """The stored generation of a table (0 for one never saved), as the result's data."""
+        db = QRVDBQueryer.connect(self.db_path)
+        try:
+            row = db.execute(
+                "SELECT generation FROM beam_table_generation WHERE sn = ? AND frequency = ? AND aakit = ?",
+                (self.sn, as_frequency(freq), aakit),
+            ).fetchone()
+        finally:
+            db.close()
+        return RetType(data=row[0] if row is not None else 0)
+
     def _row(self, table):
-        return (self.sn, as_frequency(table["FREQ"]), table["AAKIT_NAME"], json.dumps(table, ensure_ascii=False))
+        # The module's own JSON codec (what json.dumps(..., ensure_ascii=False, indent=0)
+        # writes, and json.loads reads): a large table is encoded several times faster.
+        return (self.sn, as_frequency(table["FREQ"]), table["AAKIT_NAME"], _codec.json_dumps(table, 0))
+
+
+class _Stale(Exception):
+    pass
 
 
 class AAKitStore:

@@ -60,8 +60,10 @@ class Where:
         query = urlencode(dict(params, kit=self.kit))
         return "/beams/%s/%s%s?%s" % (self.sn, kinds.frequency_text(self.frequency), tail, query)
 
-    def session(self):
-        return managers.BeamSession(self.sn, self.frequency, self.kit, self.num_beam)
+    def session(self, change=False):
+        """The table's session: to read (give it back with `managers.give_back`), or with
+        `change` one of the request's own."""
+        return managers.beam_session(self.sn, self.frequency, self.kit, self.num_beam, change=change)
 
 
 def _mode(text):
@@ -93,9 +95,12 @@ async def list_page(request):
 
     def work():
         session = where.session()
-        return session, managers.kit_manager().getAAKitInfo(local=True).RetData
-    session, kits = await in_thread(work)
-    return render(request, "beams.html", where=where, session=session, modes=_rows(session.table), kits=kits,
+        try:
+            return session, _rows(session.table), managers.kit_manager().getAAKitInfo(local=True).RetData
+        finally:
+            managers.give_back(session)
+    session, modes, kits = await in_thread(work)
+    return render(request, "beams.html", where=where, session=session, modes=modes, kits=kits,
                   done=request.query_params.get("done"))
 
 
@@ -115,8 +120,10 @@ async def beam_page(request):
     where = Where(request)
     mode, beam_id = _mode(request.path_params["mode"]), request.path_params["beam_id"]
     session = await in_thread(where.session)
-    beam = session.beam(mode, beam_id)
-    return await _render_beam(request, where, session, mode, beam_id, beam)
+    try:
+        return await _render_beam(request, where, session, mode, beam_id, session.beam(mode, beam_id))
+    finally:
+        managers.give_back(session)
 
 
 async def _render_beam(request, where, session, mode, beam_id, beam, status=200, message=None, field=None,
@@ -242,20 +249,26 @@ async def save_beam(request):
                                   revision=form.get("revision"))
     if ret == "conflict":
         log.warning("stale save of %s %s beam %d refused", where.key, mode.name, beam_id)
-        return await _render_beam(request, where, session, mode, beam_id, session.beam(mode, beam_id), 409,
-                                  CONFLICT)
-    log.warning("%s beam %d of %s refused: %s %s", mode.name, beam_id, where.key, ret.RetCode.name, ret.RetMsg)
-    detail = "" if detail in ret.RetMsg else detail        # a steered beam's hook message is the result
-    fresh = await in_thread(where.session)
-    return await _render_beam(request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), 422,
-                              ret.RetMsg, _field_of(ret.RetMsg + " " + detail), detail)
+        status, message, field, detail = 409, CONFLICT, None, ""
+    else:
+        log.warning("%s beam %d of %s refused: %s %s", mode.name, beam_id, where.key, ret.RetCode.name, ret.RetMsg)
+        detail = "" if detail in ret.RetMsg else detail        # a steered beam's hook message is the result
+        status, message, field = 422, ret.RetMsg, _field_of(ret.RetMsg + " " + detail)
+    fresh = await in_thread(where.session)          # the table as stored now
+    try:
+        return await _render_beam(request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), status,
+                                  message, field, detail)
+    finally:
+        managers.give_back(fresh)
 
 
 def _apply(where, mode, beam_id, form, preview, request):
-    """(session, beam, outcome, detail): outcome None when saved, "preview", "conflict" or the refusal."""
+    """(session, beam, outcome, detail): outcome None when saved, "preview", "conflict" or the refusal.
+    The session is the request's own: setBeamPattern changes its table before any save."""
     with _write_lock:
-        session = where.session()
+        session = where.session(change=True)
         if not preview and form.get("revision") != session.revision:
+            managers.keep(session)                  # unchanged: still the stored table
             return session, None, "conflict", ""
         beam_type, config, description = _edit_of(form, session, _page(request, session))
         session.checks.reasons.clear()
@@ -268,7 +281,10 @@ def _apply(where, mode, beam_id, form, preview, request):
             return session, beam, "preview", ""
         batch = {mode.name: {str(beam_id): copy.deepcopy(beam)}}
         saved = session.manager._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_UPSERT, session.callback)
-        return session, beam, None if saved.RetCode == RetCode.OK else saved, ""
+        if saved.RetCode == RetCode.OK:
+            managers.keep(session)
+            return session, beam, None, ""
+        return session, beam, "conflict" if session.callback.stale else saved, ""
 
 
 def _field_of(message):
@@ -289,14 +305,18 @@ async def export(request):
 
     def work():
         session = where.session()
-        batch = session.manager._getBatchBeamPattern(tm.BTModeFilter.ALL).RetData
-        return session.manager._setBatchBeamPattern(batch, tm.BTSetOption.UI_EXPORT, None)
-    ret = await in_thread(work)
-    if ret.RetCode != RetCode.OK:
-        raise Refusal("The table cannot be exported: %s %s" % (ret.RetCode.name, ret.RetMsg), 422)
+        try:
+            batch = session.manager._getBatchBeamPattern(tm.BTModeFilter.ALL).RetData
+            ret = session.manager._setBatchBeamPattern(batch, tm.BTSetOption.UI_EXPORT, None)
+            return ret.RetCode, ret.RetMsg, json.dumps(ret.RetData, ensure_ascii=False, indent=2)
+        finally:
+            managers.give_back(session)
+    code, message, text = await in_thread(work)
+    if code != RetCode.OK:
+        raise Refusal("The table cannot be exported: %s %s" % (code.name, message), 422)
     name = re.sub(r"[^A-Za-z0-9._+-]", "_", "beams_%s_%sGHz_%s.json" % (where.sn, kinds.frequency_text(
         where.frequency), where.kit or "no-kit"))
-    return Response(json.dumps(ret.RetData, ensure_ascii=False, indent=2), media_type="application/json",
+    return Response(text, media_type="application/json",
                     headers={"Content-Disposition": 'attachment; filename="%s"' % name})
 
 
@@ -313,16 +333,24 @@ async def import_batch(request):
         raise Refusal("%s is not JSON: %s" % (name, error), 422) from None
     if not isinstance(batch, dict):
         raise Refusal("%s must hold a JSON object with the sections TX and RX." % name, 422)
-    session, results = await in_thread(_validate_import, where, batch)
+    revision, results = await in_thread(_validate_import, where, batch)
     ok = bool(results) and all(r["ok"] for r in results if not r["ignored"])
-    token = _remember(where.key, batch, session.revision) if ok else None
+    token = _remember(where.key, batch, revision) if ok else None
     return render(request, "import.html", 200 if ok else 422, where=where, name=name, results=results, ok=ok,
                   token=token)
 
 
 def _validate_import(where, batch):
-    """Each beam of the batch through UI_IMPORT, one by one, so every beam gets its answer."""
-    session = where.session()
+    """Each beam of the batch through UI_IMPORT, one by one, so every beam gets its answer
+    (a validation: the table is not changed, but the hooks collect their reasons)."""
+    session = where.session(change=True)
+    try:
+        return session.revision, _validation_results(session, batch)
+    finally:
+        managers.keep(session)
+
+
+def _validation_results(session, batch):
     results = []
     for mode_name, beams in batch.items():
         if mode_name not in RFMode.__members__:
@@ -338,7 +366,7 @@ def _validate_import(where, batch):
                             "description": beam.get("beam_description", "") if isinstance(beam, dict) else "",
                             "message": "" if ret.RetCode == RetCode.OK else
                             "%s %s%s" % (ret.RetCode.name, ret.RetMsg, " (%s)" % reasons if reasons else "")})
-    return session, results
+    return results
 
 
 def _remember(key, batch, revision):
@@ -371,11 +399,14 @@ def _replace(where, token):
             return Refusal("This import is no longer pending (it was applied, expired or replaced): "
                            "upload the file again.", 409, "Import expired")
         _, batch, revision, _ = entry
-        session = where.session()
+        session = where.session(change=True)
         if session.revision != revision:
             return Refusal(CONFLICT, 409, "Changed by someone else")
         ret = session.manager._setBatchBeamPattern(batch, tm.BTSetOption.UI_SAVE_REPLACE, session.callback)
+        if session.callback.stale:
+            return Refusal(CONFLICT, 409, "Changed by someone else")
         if ret.RetCode != RetCode.OK:
             return Refusal("Nothing was saved: %s %s" % (ret.RetCode.name, ret.RetMsg), 422, "Import refused")
+        managers.keep(session)
         del _pending[token]
     return None

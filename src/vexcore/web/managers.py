@@ -6,10 +6,8 @@ calibration manager's answers are kept per device and frequency until an upload 
 reload through the front end, because a large device asks the database many
 questions for them.
 """
+import collections
 import dataclasses
-import functools
-import hashlib
-import json
 import threading
 
 import vexcore.qrvdev.QRVTableManager as tm
@@ -97,22 +95,19 @@ def per_channel_group(cali):
                                eledr=repeat(cali.eledr))
 
 
-def revision(table):
-    """A short fingerprint of a beam table's content: what a save must still find."""
-    text = json.dumps(table, ensure_ascii=False, separators=(",", ":"))
-    return hashlib.sha256(text.encode("utf-8")).hexdigest()[:20]
-
-
 class BeamSession:
-    """One beam table of (serial number, frequency, kit), loaded through its callback."""
+    """One beam table of (serial number, frequency, kit), loaded through its callback.
 
-    def __init__(self, sn, frequency, kit_name, num_beam=DEFAULT_NUM_BEAM):
+    `generation` is the stored generation of the table the manager holds; it is also
+    the revision a form carries, which a save must still find in the database."""
+
+    def __init__(self, sn, frequency, kit_name, num_beam=DEFAULT_NUM_BEAM, cali=None, kit=None):
         self.sn, self.frequency, self.kit_name = sn, float(frequency), kit_name
-        self.cali = calibration(sn, frequency, limits_only=True)
+        self.cali = cali or calibration(sn, frequency, limits_only=True)
         if not self.cali.valid or self.cali.comdr is None or self.cali.eledr is None:
             raise Refusal("The calibration table of %s at %s GHz cannot give beam limits: %s"
                           % (sn, frequency, "; ".join(p.message for p in self.cali.problems)), 409)
-        self.kit = kit_record(kit_name)
+        self.kit = kit if kit is not None else kit_record(kit_name)
         self.limits = per_channel_group(self.cali)
         self.layout = self.limits.layout
         self.checks = LimitChecks(self.limits, self.kit)
@@ -129,15 +124,80 @@ class BeamSession:
             raise Refusal("The beam table could not be loaded: %s %s" % (ret.RetCode.name, ret.RetMsg), 500)
         self.table = self.manager._BeamTable
         self.num_beam = num_beam
+        self.key, self.users = None, 0    # kept under key, read by that many requests (`beam_session`)
 
-    @functools.cached_property
+    @property
+    def generation(self):
+        return self.callback.generation
+
+    @property
     def revision(self):
-        """The loaded table's fingerprint (costs a serialisation of the table: only pages
-        with a form, and saves, ask for it)."""
-        return revision(self.table)
+        return str(self.generation)
 
     def beam(self, mode, beam_id):
         ret = self.manager.getBeamPattern(mode, beam_id)
         if ret.RetCode != RetCode.OK:
             raise Refusal("%s beam %s: %s" % (mode.name, beam_id, ret.RetMsg), 404, "No such beam")
         return ret.RetData
+
+
+# Loaded beam tables, kept while they are what the database holds: loading a large table
+# costs far more than a page's own work. A kept session's manager table is only read;
+# a change works on a session of its own (see `beam_session`).
+KEPT_TABLES = 4
+_kept_lock = threading.Lock()
+_kept = collections.OrderedDict()   # (database, sn, frequency, kit, beam ids) -> BeamSession
+
+
+def beam_session(sn, frequency, kit_name, num_beam=DEFAULT_NUM_BEAM, change=False):
+    """The session of a stored beam table; give it back with `give_back` when done.
+
+    The kept session serves when the table's generation, the calibration limits and the
+    kit record are those it was loaded with (a small query each), else the table is
+    loaded anew. With `change` the caller gets the session to itself, taken out of the
+    kept ones (or freshly loaded while other requests read the kept one), because
+    setBeamPattern changes the manager's table before anything is stored."""
+    key = (store.database_path(), sn, float(frequency), kit_name, num_beam)
+    cali = calibration(sn, frequency, limits_only=True)
+    kit = kit_record(kit_name)
+    generation = store.beam_table_generation(sn, frequency, kit_name)
+    with _kept_lock:
+        kept = _kept.get(key)
+        if kept is not None and kept.generation == generation and kept.cali is cali and kept.kit == kit:
+            if not change:
+                kept.users += 1
+                _kept.move_to_end(key)
+                return kept
+            if kept.users == 0:
+                del _kept[key]
+                return kept
+    session = BeamSession(sn, frequency, kit_name, num_beam, cali=cali, kit=kit)
+    session.key = key
+    if not change:
+        with _kept_lock:
+            session.users = 1
+            _keep(session)
+    return session
+
+
+def give_back(session):
+    """Ends a request's reading of a session from `beam_session`."""
+    with _kept_lock:
+        session.users = max(0, session.users - 1)
+
+
+def keep(session):
+    """Keeps a session of a request's own whose table is the stored one (left unchanged,
+    or changed and then stored); a session changed and not stored must not be kept."""
+    with _kept_lock:
+        _keep(session)
+
+
+def _keep(session):     # under _kept_lock
+    kept = _kept.get(session.key)
+    if kept is not None and kept.generation > session.generation:
+        return
+    _kept[session.key] = session
+    _kept.move_to_end(session.key)
+    while len(_kept) > KEPT_TABLES:
+        _kept.popitem(last=False)

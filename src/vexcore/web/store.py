@@ -9,9 +9,12 @@ the front end by changing this one file.
 import os
 import tempfile
 
+from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
+
+from .security import Refusal
 
 _db_path = None
 
@@ -51,9 +54,18 @@ def private_folder():
     return tempfile.TemporaryDirectory(prefix="vexcore-web-")
 
 
-def beam_callback(sn):
-    """The web-mode callback of one device's beam tables."""
-    return BeamTableStore(sn, db_path=database_path())
+def beam_callback(sn, refuse_stale=True):
+    """The web-mode callback of one device's beam tables; by default it refuses to save
+    over a table someone else saved after it was read through it."""
+    return BeamTableStore(sn, db_path=database_path(), refuse_stale=refuse_stale)
+
+
+def beam_table_generation(sn, frequency, kit):
+    """How many times the beam table was saved (0: never): one small query."""
+    ret = BeamTableStore(sn, db_path=database_path()).generation_of(frequency, kit)
+    if ret.RetCode != RetCode.OK:
+        raise Refusal("The beam table could not be read: %s %s" % (ret.RetCode.name, ret.RetMsg), 500)
+    return ret.RetData
 
 
 def kit_callbacks():
