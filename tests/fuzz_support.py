@@ -11,7 +11,8 @@ import sys
 from contextlib import contextmanager
 from pathlib import Path
 
-from hypothesis import HealthCheck, settings, strategies as st
+from hypothesis import HealthCheck, settings
+from hypothesis import strategies as st
 
 from vexcore.QRVUtils import RetType
 

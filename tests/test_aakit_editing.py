@@ -6,9 +6,9 @@ import logging
 import os
 
 import pytest
-
 from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, pinned_clock, write_kit, zone
 from conftest import records
+
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 

@@ -5,11 +5,12 @@ import logging
 import os
 
 import pytest
-from hypothesis import HealthCheck, given, settings, strategies as st
-
-from aakit_samples import LITE, OFFICIAL, STAMP, MOMENT, kit_rows, pinned_clock, record, write_kit, write_rows
+from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, kit_rows, pinned_clock, record, write_kit, write_rows
 from conftest import records
 from fuzz_support import baseline_module
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
 from vexcore.QRVPublic import RetCode
 
 

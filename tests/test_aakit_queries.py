@@ -3,9 +3,9 @@ import datetime
 import re
 
 import pytest
-
 from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, pinned_clock, record, write_kit, zone
 from conftest import records
+
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 

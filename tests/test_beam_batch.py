@@ -3,11 +3,10 @@ import copy
 import logging
 
 import pytest
-
-from beam_helpers import (KIT, Hooks, channel_beam, hooks, make_manager, manager, saved_table,  # noqa: F401
-                          steered_beam)
+from beam_helpers import KIT, Hooks, channel_beam, hooks, make_manager, manager, saved_table, steered_beam  # noqa: F401
 from conftest import records
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 
 

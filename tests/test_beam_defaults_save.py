@@ -3,11 +3,10 @@ import json
 import logging
 
 import pytest
-
 from beam_helpers import COMDR, DR, ELEDR, default_beam, hooks, make_manager, manager  # noqa: F401
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
-from vexcore.QRVUtils import RetType
 
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
+from vexcore.QRVUtils import RetType
 
 # ---------------------------------------------------------- default beams ---
 

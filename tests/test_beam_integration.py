@@ -5,7 +5,8 @@ import json
 from aakit_samples import write_kit
 from beam_helpers import KIT, SN, Hooks, read_json
 from calibration_sample import make_sample
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 
 def _ok(ret):

@@ -4,9 +4,9 @@ import json
 import logging
 
 import pytest
-
 from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json
 from conftest import records
+
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 

@@ -4,10 +4,10 @@ import json
 import logging
 
 import pytest
-
 from beam_helpers import COMDR, DR, ELEDR, default_beam, hooks, manager, saved_table  # noqa: F401
 from conftest import records
-from vexcore.QRVPublic import BeamType, RFMode, RetCode
+
+from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 
 STEER = {"db": 1, "theta": 2, "phi": 3}

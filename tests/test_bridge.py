@@ -9,11 +9,11 @@ import sys
 import weakref
 
 import pytest
-
 from conftest import records
+from fake_queryer import SERVICE_NAME, FakeService
+
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
-from fake_queryer import SERVICE_NAME, FakeService
 
 
 @pytest.fixture

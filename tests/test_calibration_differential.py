@@ -3,10 +3,10 @@ damaged and oddly quoted files must give the same table and the same verdict."""
 import csv
 import io
 
-from hypothesis import given, strategies as st
-
 from calibration_sample import SN, make_sample
 from fuzz_support import baseline_module, fuzz_settings, same_json
+from hypothesis import given
+from hypothesis import strategies as st
 
 LAYOUT = (4, 1, 4)
 BASE = make_sample(arms=2, seed=3)

@@ -3,10 +3,10 @@ version query and the header check."""
 import pathlib
 
 import pytest
-
 from calibration_sample import SN, cali_manager
 from conftest import records
 from fake_queryer import FakeService
+
 from vexcore.QRVPublic import RetCode
 
 DUAL_FREQS = [26.5, 27.0, 27.5, 28.0, 28.5, 29.0, 29.5]

@@ -5,9 +5,9 @@ import json
 import logging
 
 import pytest
-
 from calibration_sample import SN, cali_manager, make_sample
 from conftest import records
+
 from vexcore.QRVPublic import RetCode
 
 PARSE_EXCEPTION = (RetCode.ERROR_BF_CALI_PARSE, "parse exception")

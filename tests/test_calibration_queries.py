@@ -3,9 +3,9 @@ and common-arm queries, in file mode and for dual-polarization devices."""
 import logging
 
 import pytest
-
 from calibration_sample import GAINS, MODES, PHASES, SN, make_sample
 from conftest import records
+
 from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
 
 BOARDS = range(1, 5)

@@ -1,9 +1,9 @@
 """Calibration manager in web mode, against a scripted query service."""
 import pytest
-
 from calibration_sample import SN, make_sample
 from conftest import records
 from fake_queryer import FakeService
+
 from vexcore.QRVPublic import RetCode, RFMode
 
 SERVER_DOWN = "server unreachable"

@@ -80,7 +80,7 @@ LOOPED["a"].append(LOOPED)
 
 
 @pytest.mark.parametrize("value", [
-    {1: "int", 2.5: "float", True: "t", None: "n", Mode.RX: "enum", float("nan"): 1, 1e16: 3},
+    {1: "int", 2.5: "float", False: "f", None: "n", Mode.RX: "enum", float("nan"): 1, 1e16: 3},
     [Mode.TX, MyFloat(2.5), MyDict(x=(2, [3])), 10**40],
     {"a": SHARED, "b": [SHARED, SHARED]},   # shared but not circular
     {"a": {1, 2}}, {(1, 2): 3}, LOOPED,     # refused

@@ -12,9 +12,10 @@ import sys
 import threading
 
 import pytest
-
 from beam_helpers import COMDR, Hooks, channel_beam, make_manager
-from calibration_sample import SN as CALI_SN, make_sample
+from calibration_sample import SN as CALI_SN
+from calibration_sample import make_sample
+
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 
 THREADS = 4

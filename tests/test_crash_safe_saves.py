@@ -14,11 +14,12 @@ import sys
 import time
 
 import pytest
-
 from aakit_samples import LITE, STAMP, kit_rows, write_rows
 from beam_helpers import SN, Hooks, channel_beam, make_manager
-from calibration_sample import SN as CALI_SN, make_sample
+from calibration_sample import SN as CALI_SN
+from calibration_sample import make_sample
 from tables_helpers import run_tool
+
 from vexcore.qrvdev.QRVTableManager import _codec
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 

@@ -7,13 +7,13 @@ import shutil
 import sqlite3
 import time
 
+from db_load_worker import run_processes
+
 import vexcore.samples as samples
-from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import BeamTableStore
-
-from db_load_worker import run_processes
+from vexcore.QRVPublic import RetCode
 
 SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)
 ROLES = [("open", 8, 6), ("import", 2, 4), ("save", 2, 12)]      # role, processes, units each

@@ -6,15 +6,14 @@ import sys
 import threading
 
 import pytest
+from pg_server import PASSWORD
 
 import vexcore.samples as samples
-from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db import engine as engines
 from vexcore.db import schema
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
-
-from pg_server import PASSWORD
+from vexcore.QRVPublic import RetCode
 
 TABLE = {"VER": "2.1.0", "SN": "SN-A", "FCENTER": "28.0", "DR": {"TX": [-10.0, -5.0], "RX": [-12.0, -6.0]},
          "BOARD_1": {"TX": {"COMDR": [-3.0, 4.0], "ELEDR": [6.0]}, "COMSTEPDR": {"COM_1": [-3.0, 0.5]}}}

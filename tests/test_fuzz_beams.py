@@ -9,13 +9,26 @@ import json
 import math
 
 import pytest
-
-from hypothesis import assume, example, given, strategies as st
-
 from beam_helpers import COMDR, DR, ELEDR, SN, channel_beam, steered_beam
-from fuzz_support import (assert_result, baseline_module, beyond_any_device, folder_contents, fresh_folder,
-                          fuzz_settings, hang_watchdog, mutate, mutations, outcome, outside_listing, same_json,
-                          values, verdict)
+from fuzz_support import (
+    assert_result,
+    baseline_module,
+    beyond_any_device,
+    folder_contents,
+    fresh_folder,
+    fuzz_settings,
+    hang_watchdog,
+    mutate,
+    mutations,
+    outcome,
+    outside_listing,
+    same_json,
+    values,
+    verdict,
+)
+from hypothesis import assume, example, given
+from hypothesis import strategies as st
+
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
 from vexcore.QRVUtils import RetType
 

@@ -9,11 +9,22 @@ import json
 import sys
 import types
 
-from hypothesis import assume, given, strategies as st
-
 from calibration_sample import SN, make_sample
-from fuzz_support import (assert_result, baseline_module, beyond_any_device, fuzz_settings, hang_watchdog, mutate,
-                          mutations, outcome, same_json, values)
+from fuzz_support import (
+    assert_result,
+    baseline_module,
+    beyond_any_device,
+    fuzz_settings,
+    hang_watchdog,
+    mutate,
+    mutations,
+    outcome,
+    same_json,
+    values,
+)
+from hypothesis import assume, given
+from hypothesis import strategies as st
+
 from vexcore.QRVPublic import RetCode, RFMode
 
 SAMPLE = make_sample(boards=2, ics=1, channels=4, arms=1, seed=11)

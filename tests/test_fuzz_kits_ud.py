@@ -8,11 +8,25 @@ import csv
 import io
 import os
 
-from hypothesis import example, given, strategies as st
-
 from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, kit_rows, pinned_clock
-from fuzz_support import (assert_result, baseline_module, folder_contents, fresh_folder, fuzz_settings, hang_watchdog,
-                          mutate, mutations, outcome, outside_listing, same_json, values, verdict)
+from fuzz_support import (
+    assert_result,
+    baseline_module,
+    folder_contents,
+    fresh_folder,
+    fuzz_settings,
+    hang_watchdog,
+    mutate,
+    mutations,
+    outcome,
+    outside_listing,
+    same_json,
+    values,
+    verdict,
+)
+from hypothesis import example, given
+from hypothesis import strategies as st
+
 from vexcore.QRVPublic import RetCode
 
 

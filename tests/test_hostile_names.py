@@ -8,10 +8,10 @@ anything outside the folder. Pattern characters match names inside the folder on
 import os
 
 import pytest
-
 from aakit_samples import LITE, kit_rows, record, write_rows
 from beam_helpers import COMDR, DR, ELEDR
 from calibration_sample import make_sample
+
 from vexcore.QRVPublic import RetCode
 
 ESCAPING = ["../bait", "sub/../../bait", "{outside}/bait", "a\0b", "..\0", "..\\bait"]

@@ -12,10 +12,11 @@ import types
 from contextlib import contextmanager
 
 import pytest
-
 from aakit_samples import LITE, OFFICIAL, STAMP, kit_rows, write_rows
 from beam_helpers import COMDR, DR, ELEDR, channel_beam, steered_beam
-from calibration_sample import SN as CALI_SN, make_sample
+from calibration_sample import SN as CALI_SN
+from calibration_sample import make_sample
+
 from vexcore.QRVPublic import BeamType, RFMode
 from vexcore.QRVUtils import RetType
 

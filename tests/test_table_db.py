@@ -4,9 +4,9 @@ import sys
 import types
 
 import pytest
-
 from conftest import records
 from fake_queryer import SERVICE_NAME, FakeService
+
 from vexcore.QRVPublic import RetCode
 
 

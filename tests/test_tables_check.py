@@ -6,7 +6,6 @@ import subprocess
 import sys
 
 import pytest
-
 from tables_helpers import BEAM, CALI, KIT, edit_lines, line_number, replace_row, run_tool, write_old_beam_table
 
 

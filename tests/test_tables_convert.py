@@ -4,7 +4,6 @@ import os
 import stat
 
 import pytest
-
 from tables_helpers import CALI, KIT, edit_lines, replace_row, run_tool, write_old_beam_table
 
 

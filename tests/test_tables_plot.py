@@ -5,8 +5,8 @@ import struct
 import sys
 
 import pytest
-
 from tables_helpers import BEAM, CALI, KIT, run_tool
+
 from vexcore.tables import pattern
 
 FREQ = 28.0

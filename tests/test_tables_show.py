@@ -2,7 +2,6 @@
 import json
 
 import pytest
-
 from tables_helpers import BEAM, CALI, KIT, edit_lines, replace_row, run_tool
 
 

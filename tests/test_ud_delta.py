@@ -2,8 +2,8 @@
 import logging
 
 import pytest
-
 from conftest import records
+
 from vexcore.QRVPublic import RetCode
 
 SN = "K5350R019-28"

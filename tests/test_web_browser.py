@@ -11,8 +11,8 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support import expected_conditions as ready
 from selenium.webdriver.support.ui import WebDriverWait
-
 from web_support import BEAMS, KIT, SN, LiveServer, calibration_text, prepare, stored_beam
+
 from vexcore.web.app import create_app
 
 SHOTS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build", "web-screenshots")

@@ -4,10 +4,9 @@ import logging
 import re
 
 import pytest
-
-from starlette.testclient import TestClient     # the Makefile installs the extra: missing, this fails
-
+from starlette.testclient import TestClient  # the Makefile installs the extra: missing, this fails
 from web_support import BEAMS, FREQ, KIT, SN, calibration_text, prepare, stored_beam
+
 from vexcore.web import cli, store
 from vexcore.web.app import create_app
 

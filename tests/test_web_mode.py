@@ -7,14 +7,13 @@ import subprocess
 import sys
 
 import pytest
+from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
 
 import vexcore.samples as samples
-from vexcore.QRVPublic import RFMode, RetCode
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db.upload import UploadError, import_calibration_files, infer_layout
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
-
-from beam_helpers import Hooks, channel_beam, make_manager, steered_beam
+from vexcore.QRVPublic import RetCode, RFMode
 
 SN, FREQ = "K5350R019-28", 28
 SAMPLE = os.path.join(samples.HERE, "files", samples.CALIBRATION_FILE)

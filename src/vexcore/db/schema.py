@@ -44,7 +44,7 @@ TABLES = (
     """CREATE TABLE IF NOT EXISTS aakit (
         name TEXT NOT NULL PRIMARY KEY, dev_type INTEGER, content TEXT NOT NULL)""",
 )
-ADDED_IN_LAYOUT = ("beam_table_generation",)   # created when missing, without an upgrade
+ADDED_IN_LAYOUT = ("beam_table_generation",)  # created when missing, without an upgrade
 OLD_CALIBRATION = "calibration"
 UNREADABLE = "calibration_unreadable"
 

@@ -1,4 +1,5 @@
 """The application: routes, templates, the guard and how failures reach the page."""
+
 import logging
 import math
 import os
@@ -41,9 +42,14 @@ async def refused(request, refusal):
 
 async def failed(request, error):
     log.exception("%s %s failed", request.method, request.url.path)
-    return render(request, "message.html", 500, title="Something went wrong",
-                  message="The request could not be completed (%s: %s). The server log has the details; "
-                          "nothing was changed unless the page said so." % (type(error).__name__, error))
+    return render(
+        request,
+        "message.html",
+        500,
+        title="Something went wrong",
+        message="The request could not be completed (%s: %s). The server log has the details; "
+        "nothing was changed unless the page said so." % (type(error).__name__, error),
+    )
 
 
 async def form_of(request, limit):
@@ -86,15 +92,21 @@ def create_app(db_path=None, token=None, upload_limit=DEFAULT_UPLOAD_LIMIT, num_
     store.configure(db_path)
     templates.env.globals.update(frequency_text=frequency_text)
     settings = {"upload_limit": upload_limit, "num_beam": num_beam}
-    routes = [Route("/", lambda request: RedirectResponse("/devices", 303)),
-              Mount("/static", StaticFiles(directory=os.path.join(HERE, "static")), name="static")]
+    routes = [
+        Route("/", lambda request: RedirectResponse("/devices", 303)),
+        Mount("/static", StaticFiles(directory=os.path.join(HERE, "static")), name="static"),
+    ]
     routes += devices.routes() + kits.routes() + beams.routes()
-    app = Starlette(routes=routes,
-                    # The body limit sits inside the guard, so that a refusal raised while an
-                    # endpoint reads the body reaches the refusal handler.
-                    middleware=[Middleware(Guard, token=token, render_refusal=render_refusal),
-                                Middleware(BodyLimit, limit=upload_limit)],
-                    exception_handlers={Refusal: refused, Exception: failed, 404: not_found, 405: not_allowed})
+    app = Starlette(
+        routes=routes,
+        # The body limit sits inside the guard, so that a refusal raised while an
+        # endpoint reads the body reaches the refusal handler.
+        middleware=[
+            Middleware(Guard, token=token, render_refusal=render_refusal),
+            Middleware(BodyLimit, limit=upload_limit),
+        ],
+        exception_handlers={Refusal: refused, Exception: failed, 404: not_found, 405: not_allowed},
+    )
     app.state.settings = settings
     return app
 
@@ -104,5 +116,10 @@ async def not_found(request, error):
 
 
 async def not_allowed(request, error):
-    return render(request, "message.html", 405, title="Not allowed",
-                  message="%s is not allowed on %s." % (request.method, request.url.path))
+    return render(
+        request,
+        "message.html",
+        405,
+        title="Not allowed",
+        message="%s is not allowed on %s." % (request.method, request.url.path),
+    )

@@ -1,6 +1,7 @@
 """Beam tables of (serial number, frequency, kit): the beams, one beam with its pattern,
 editing through setBeamPattern, saving (UI_SAVE_UPSERT), export (UI_EXPORT) and import
 (UI_IMPORT beam by beam, then UI_SAVE_REPLACE once the user confirms)."""
+
 import copy
 import json
 import logging
@@ -29,18 +30,20 @@ PENDING_IMPORTS = 8
 PENDING_IMPORT_S = 3600
 # Check, change and save of one table must not interleave with another save in this process.
 _write_lock = threading.Lock()
-_pending = OrderedDict()      # token -> (table key, batch, revision, time)
+_pending: OrderedDict[str, tuple] = OrderedDict()  # token -> (table key, batch, revision, time)
 
 
 def routes():
     base = "/beams/{sn}/{freq}"
-    return [Route(base, list_page),
-            Route(base + "/open", open_beam),
-            Route(base + "/export", export),
-            Route(base + "/import", import_batch, methods=["POST"]),
-            Route(base + "/import-confirm", confirm_import, methods=["POST"]),
-            Route(base + "/{mode}/{beam_id:int}", beam_page),
-            Route(base + "/{mode}/{beam_id:int}", save_beam, methods=["POST"])]
+    return [
+        Route(base, list_page),
+        Route(base + "/open", open_beam),
+        Route(base + "/export", export),
+        Route(base + "/import", import_batch, methods=["POST"]),
+        Route(base + "/import-confirm", confirm_import, methods=["POST"]),
+        Route(base + "/{mode}/{beam_id:int}", beam_page),
+        Route(base + "/{mode}/{beam_id:int}", save_beam, methods=["POST"]),
+    ]
 
 
 class Where:
@@ -78,8 +81,9 @@ def _rows(table):
     for mode in RFMode:
         section = table.get(mode.name) or {}
         beams = sorted(section.items(), key=lambda item: int(item[0]) if str(item[0]).isdigit() else 0)
-        modes.append((mode, [(key, _type_name(beam.get("beam_type")), beam.get("beam_description", ""))
-                             for key, beam in beams]))
+        modes.append(
+            (mode, [(key, _type_name(beam.get("beam_type")), beam.get("beam_description", "")) for key, beam in beams])
+        )
     return modes
 
 
@@ -99,9 +103,17 @@ async def list_page(request):
             return session, _rows(session.table), managers.kit_manager().getAAKitInfo(local=True).RetData
         finally:
             managers.give_back(session)
+
     session, modes, kits = await in_thread(work)
-    return render(request, "beams.html", where=where, session=session, modes=modes, kits=kits,
-                  done=request.query_params.get("done"))
+    return render(
+        request,
+        "beams.html",
+        where=where,
+        session=session,
+        modes=modes,
+        kits=kits,
+        done=request.query_params.get("done"),
+    )
 
 
 async def open_beam(request):
@@ -116,6 +128,7 @@ async def open_beam(request):
 
 # --- one beam ---------------------------------------------------------------------
 
+
 async def beam_page(request):
     where = Where(request)
     mode, beam_id = _mode(request.path_params["mode"]), request.path_params["beam_id"]
@@ -126,15 +139,44 @@ async def beam_page(request):
         managers.give_back(session)
 
 
-async def _render_beam(request, where, session, mode, beam_id, beam, status=200, message=None, field=None,
-                       detail="", preview=False, revision=None):
+async def _render_beam(
+    request,
+    where,
+    session,
+    mode,
+    beam_id,
+    beam,
+    status=200,
+    message=None,
+    field=None,
+    detail="",
+    preview=False,
+    revision=None,
+):
     page = _page(request, session)
     charts, note = await in_thread(_pattern_charts, session, mode, beam)
-    return render(request, "beam.html", status, where=where, session=session, mode=mode, beam_id=beam_id,
-                  beam=beam, steered=beam.get("beam_type") == BeamType.BEAM, boards=_boards(session, beam, page),
-                  page=page, pages=_page_count(session), charts=charts, pattern_note=note, message=message,
-                  field=field, detail=detail, preview=preview, revision=revision or session.revision,
-                  defaults=_steered_defaults(session, mode))
+    return render(
+        request,
+        "beam.html",
+        status,
+        where=where,
+        session=session,
+        mode=mode,
+        beam_id=beam_id,
+        beam=beam,
+        steered=beam.get("beam_type") == BeamType.BEAM,
+        boards=_boards(session, beam, page),
+        page=page,
+        pages=_page_count(session),
+        charts=charts,
+        pattern_note=note,
+        message=message,
+        field=field,
+        detail=detail,
+        preview=preview,
+        revision=revision or session.revision,
+        defaults=_steered_defaults(session, mode),
+    )
 
 
 def _page_count(session):
@@ -159,8 +201,10 @@ def _boards(session, beam, page):
     shown = []
     for number in range((page - 1) * BOARDS_PER_PAGE + 1, min(boards, page * BOARDS_PER_PAGE) + 1):
         board = config.get("board_%d" % number) or {}
-        channels = [(ch,) + tuple((board.get("channel_%d" % ch) or {}).get(k, "") for k in ("sw", "db", "deg"))
-                    for ch in range(1, session.layout[2] + 1)]
+        channels = [
+            (ch,) + tuple((board.get("channel_%d" % ch) or {}).get(k, "") for k in ("sw", "db", "deg"))
+            for ch in range(1, session.layout[2] + 1)
+        ]
         shown.append((number, board.get("common_db", ""), channels))
     return shown
 
@@ -188,14 +232,23 @@ def _pattern_charts(session, mode, beam):
     except (KeyError, TypeError, ValueError) as error:
         return [], "No pattern for this beam: %s." % (error,)
     charts = []
-    for which, field, name in (("horizontal", "STEERING_H", "theta (horizontal), deg"),
-                               ("vertical", "STEERING_V", "phi (vertical), deg")):
+    for which, field, name in (
+        ("horizontal", "STEERING_H", "theta (horizontal), deg"),
+        ("vertical", "STEERING_V", "phi (vertical), deg"),
+    ):
         angles, values, fixed, steered_to = pattern.cut(drawing, which)
         limits = session.kit.get(field) or [-90, 90]
         other = "phi" if which == "horizontal" else "theta"
-        charts.append(svg.pattern_cut(angles, values, limits, steered_to,
-                                      "%s cut at %s = %g deg (shaded: outside %s)" % (which, other, fixed, field),
-                                      name))
+        charts.append(
+            svg.pattern_cut(
+                angles,
+                values,
+                limits,
+                steered_to,
+                "%s cut at %s = %g deg (shaded: outside %s)" % (which, other, fixed, field),
+                name,
+            )
+        )
     return charts, ""
 
 
@@ -226,9 +279,11 @@ def _edit_of(form, session, page):
         board = {"common_db": _value(form.get(prefix + "common_db"))}
         for channel, *_ in channels:
             name = "%sc%d." % (prefix, channel)
-            board["channel_%d" % channel] = {"sw": _value(form.get(name + "sw"), whole=True),
-                                             "db": _value(form.get(name + "db")),
-                                             "deg": _value(form.get(name + "deg"))}
+            board["channel_%d" % channel] = {
+                "sw": _value(form.get(name + "sw"), whole=True),
+                "db": _value(form.get(name + "db")),
+                "deg": _value(form.get(name + "deg")),
+            }
         config["board_%d" % number] = board
     return beam_type, config, description
 
@@ -242,22 +297,23 @@ async def save_beam(request):
     session, beam, ret, detail = outcome
     if ret is None:
         log.info("%s beam %s %d of %s saved", where.key, mode.name, beam_id, where.kit)
-        return RedirectResponse(where.url("/%s/%d" % (mode.name, beam_id), page=_page(request, session),
-                                          saved=1), 303)
+        return RedirectResponse(where.url("/%s/%d" % (mode.name, beam_id), page=_page(request, session), saved=1), 303)
     if ret == "preview":
-        return await _render_beam(request, where, session, mode, beam_id, beam, preview=True,
-                                  revision=form.get("revision"))
+        return await _render_beam(
+            request, where, session, mode, beam_id, beam, preview=True, revision=form.get("revision")
+        )
     if ret == "conflict":
         log.warning("stale save of %s %s beam %d refused", where.key, mode.name, beam_id)
         status, message, field, detail = 409, CONFLICT, None, ""
     else:
         log.warning("%s beam %d of %s refused: %s %s", mode.name, beam_id, where.key, ret.RetCode.name, ret.RetMsg)
-        detail = "" if detail in ret.RetMsg else detail        # a steered beam's hook message is the result
+        detail = "" if detail in ret.RetMsg else detail  # a steered beam's hook message is the result
         status, message, field = 422, ret.RetMsg, _field_of(ret.RetMsg + " " + detail)
-    fresh = await in_thread(where.session)          # the table as stored now
+    fresh = await in_thread(where.session)  # the table as stored now
     try:
-        return await _render_beam(request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), status,
-                                  message, field, detail)
+        return await _render_beam(
+            request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), status, message, field, detail
+        )
     finally:
         managers.give_back(fresh)
 
@@ -268,7 +324,7 @@ def _apply(where, mode, beam_id, form, preview, request):
     with _write_lock:
         session = where.session(change=True)
         if not preview and form.get("revision") != session.revision:
-            managers.keep(session)                  # unchanged: still the stored table
+            managers.keep(session)  # unchanged: still the stored table
             return session, None, "conflict", ""
         beam_type, config, description = _edit_of(form, session, _page(request, session))
         session.checks.reasons.clear()
@@ -300,6 +356,7 @@ def _field_of(message):
 
 # --- export and import --------------------------------------------------------------
 
+
 async def export(request):
     where = Where(request)
 
@@ -311,13 +368,18 @@ async def export(request):
             return ret.RetCode, ret.RetMsg, json.dumps(ret.RetData, ensure_ascii=False, indent=2)
         finally:
             managers.give_back(session)
+
     code, message, text = await in_thread(work)
     if code != RetCode.OK:
         raise Refusal("The table cannot be exported: %s %s" % (code.name, message), 422)
-    name = re.sub(r"[^A-Za-z0-9._+-]", "_", "beams_%s_%sGHz_%s.json" % (where.sn, kinds.frequency_text(
-        where.frequency), where.kit or "no-kit"))
-    return Response(text, media_type="application/json",
-                    headers={"Content-Disposition": 'attachment; filename="%s"' % name})
+    name = re.sub(
+        r"[^A-Za-z0-9._+-]",
+        "_",
+        "beams_%s_%sGHz_%s.json" % (where.sn, kinds.frequency_text(where.frequency), where.kit or "no-kit"),
+    )
+    return Response(
+        text, media_type="application/json", headers={"Content-Disposition": 'attachment; filename="%s"' % name}
+    )
 
 
 async def import_batch(request):
@@ -336,8 +398,9 @@ async def import_batch(request):
     revision, results = await in_thread(_validate_import, where, batch)
     ok = bool(results) and all(r["ok"] for r in results if not r["ignored"])
     token = _remember(where.key, batch, revision) if ok else None
-    return render(request, "import.html", 200 if ok else 422, where=where, name=name, results=results, ok=ok,
-                  token=token)
+    return render(
+        request, "import.html", 200 if ok else 422, where=where, name=name, results=results, ok=ok, token=token
+    )
 
 
 def _validate_import(where, batch):
@@ -354,18 +417,33 @@ def _validation_results(session, batch):
     results = []
     for mode_name, beams in batch.items():
         if mode_name not in RFMode.__members__:
-            results.append({"mode": mode_name, "id": "", "ignored": True, "ok": True,
-                            "message": "not an RF mode: ignored, as the manager does"})
+            results.append(
+                {
+                    "mode": mode_name,
+                    "id": "",
+                    "ignored": True,
+                    "ok": True,
+                    "message": "not an RF mode: ignored, as the manager does",
+                }
+            )
             continue
-        for beam_id, beam in (beams.items() if isinstance(beams, dict) else [("", beams)]):
+        for beam_id, beam in beams.items() if isinstance(beams, dict) else [("", beams)]:
             session.checks.reasons.clear()
             ret = session.manager._setBatchBeamPattern({mode_name: {beam_id: beam}}, tm.BTSetOption.UI_IMPORT, None)
             reasons = "; ".join(session.checks.reasons)
-            results.append({"mode": mode_name, "id": beam_id, "ignored": False, "ok": ret.RetCode == RetCode.OK,
-                            "type": _type_name(beam.get("beam_type")) if isinstance(beam, dict) else "",
-                            "description": beam.get("beam_description", "") if isinstance(beam, dict) else "",
-                            "message": "" if ret.RetCode == RetCode.OK else
-                            "%s %s%s" % (ret.RetCode.name, ret.RetMsg, " (%s)" % reasons if reasons else "")})
+            results.append(
+                {
+                    "mode": mode_name,
+                    "id": beam_id,
+                    "ignored": False,
+                    "ok": ret.RetCode == RetCode.OK,
+                    "type": _type_name(beam.get("beam_type")) if isinstance(beam, dict) else "",
+                    "description": beam.get("beam_description", "") if isinstance(beam, dict) else "",
+                    "message": ""
+                    if ret.RetCode == RetCode.OK
+                    else "%s %s%s" % (ret.RetCode.name, ret.RetMsg, " (%s)" % reasons if reasons else ""),
+                }
+            )
     return results
 
 
@@ -396,8 +474,11 @@ def _replace(where, token):
     with _write_lock:
         entry = _pending.get(token)
         if entry is None or entry[0] != where.key:
-            return Refusal("This import is no longer pending (it was applied, expired or replaced): "
-                           "upload the file again.", 409, "Import expired")
+            return Refusal(
+                "This import is no longer pending (it was applied, expired or replaced): upload the file again.",
+                409,
+                "Import expired",
+            )
         _, batch, revision, _ = entry
         session = where.session(change=True)
         if session.revision != revision:

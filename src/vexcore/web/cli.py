@@ -3,6 +3,7 @@
 Listens on 127.0.0.1 by default. Any other address needs an access token (--token, or
 the environment variable VEXCORE_WEB_TOKEN), which browsers present once as ?token=...
 """
+
 import argparse
 import ipaddress
 import logging
@@ -38,8 +39,10 @@ def main(argv=None):
     args = _parser().parse_args(argv)
     token = args.token or os.environ.get(TOKEN_ENV) or None
     if not is_loopback(args.host) and not token:
-        print("vexcore-web: serving on %s needs an access token: give --token or set %s"
-              % (args.host, TOKEN_ENV), file=sys.stderr)
+        print(
+            "vexcore-web: serving on %s needs an access token: give --token or set %s" % (args.host, TOKEN_ENV),
+            file=sys.stderr,
+        )
         return 2
     try:
         import uvicorn
@@ -57,4 +60,5 @@ def main(argv=None):
 
 def _where(db):
     from vexcore.web import store
+
     return store.database_path() if db is None else db

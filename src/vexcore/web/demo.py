@@ -4,6 +4,7 @@ The bundled samples (``python -m vexcore.samples``) bring a calibration table in
 database; the front end also shows kits and beam tables, so the sample kit and the
 sample beam table are stored there as well, through the managers in web mode.
 """
+
 import glob
 import os
 import sys

@@ -1,4 +1,5 @@
 """Devices (the calibration tables in the database), uploads, and one device's calibration."""
+
 import json
 import logging
 import os
@@ -24,11 +25,13 @@ SERIAL_NUMBER = re.compile(r"^[A-Za-z0-9][A-Za-z0-9._+-]{0,99}$")
 
 
 def routes():
-    return [Route("/devices", devices_page),
-            Route("/devices/upload", upload, methods=["POST"]),
-            Route("/calibration/{sn}/{freq}", calibration_page),
-            Route("/calibration/{sn}/{freq}/export.json", calibration_export),
-            Route("/calibration/{sn}/{freq}/reload", reload_calibration, methods=["POST"])]
+    return [
+        Route("/devices", devices_page),
+        Route("/devices/upload", upload, methods=["POST"]),
+        Route("/calibration/{sn}/{freq}", calibration_page),
+        Route("/calibration/{sn}/{freq}/export.json", calibration_export),
+        Route("/calibration/{sn}/{freq}/reload", reload_calibration, methods=["POST"]),
+    ]
 
 
 async def devices_page(request):
@@ -47,17 +50,17 @@ async def upload(request):
         return render(request, "devices.html", 422, devices=rows, refused=checked, refused_name=name)
     sn, frequency = checked
     log.info("calibration %s stored as %s at %s GHz", name, sn, frequency)
-    return RedirectResponse("/devices?added=%s" % quote("%s at %s GHz" % (sn, kinds.frequency_text(frequency))),
-                            303)
+    return RedirectResponse("/devices?added=%s" % quote("%s at %s GHz" % (sn, kinds.frequency_text(frequency))), 303)
 
 
 def _check_and_store(name, data):
     """(sn, frequency) once stored, or the check result that refuses the file."""
-    name = windows_basename(os.path.basename(name))        # a browser may send a whole path
+    name = windows_basename(os.path.basename(name))  # a browser may send a whole path
     identity = kinds.calibration_name(name)
     if identity is None or not name.endswith(".csv"):
-        raise Refusal("%s: a calibration file is named {SN}_{Freq}GHz.csv, for example K5350R019-28_28GHz.csv."
-                      % name, 422)
+        raise Refusal(
+            "%s: a calibration file is named {SN}_{Freq}GHz.csv, for example K5350R019-28_28GHz.csv." % name, 422
+        )
     sn, frequency = identity
     if not SERIAL_NUMBER.match(sn):
         raise Refusal("%s: the serial number may hold letters, digits and . _ + - only." % name, 422)
@@ -89,10 +92,20 @@ def _device(request):
 
 async def calibration_page(request):
     sn, frequency = _device(request)
-    result, header = await in_thread(lambda: (managers.calibration(sn, frequency),
-                                              store.calibration_header(sn, frequency)))
-    return render(request, "calibration.html", sn=sn, frequency=frequency, cali=result, header=header,
-                  charts=_charts(result), tc=result.tc, offset_maps=_offset_maps(result))
+    result, header = await in_thread(
+        lambda: (managers.calibration(sn, frequency), store.calibration_header(sn, frequency))
+    )
+    return render(
+        request,
+        "calibration.html",
+        sn=sn,
+        frequency=frequency,
+        cali=result,
+        header=header,
+        charts=_charts(result),
+        tc=result.tc,
+        offset_maps=_offset_maps(result),
+    )
 
 
 def _charts(result):
@@ -103,8 +116,9 @@ def _charts(result):
         comdr = result.comdr[mode.value]
         if comdr and all(isinstance(pair, list) and len(pair) == 2 for pair in comdr):
             eledr = [unwrap(v) for v in result.eledr[mode.value]]
-            charts.append(svg.limits_chart(result.dr[mode.name], comdr, eledr,
-                                           "%s: DR, COMDR and ELEDR per board" % mode.name))
+            charts.append(
+                svg.limits_chart(result.dr[mode.name], comdr, eledr, "%s: DR, COMDR and ELEDR per board" % mode.name)
+            )
     return charts
 
 
@@ -116,12 +130,23 @@ def _offset_maps(result):
         if any(values is None for values in per_chip):
             continue
         rows = [[v for values in per_chip for v in values[board]] for board in range(boards)]
-        labels = ["ic%d ch%d" % (chip, ch) if chips > 1 else "ch%d" % ch
-                  for chip in range(1, chips + 1) for ch in range(1, channels + 1)]
+        labels = [
+            "ic%d ch%d" % (chip, ch) if chips > 1 else "ch%d" % ch
+            for chip in range(1, chips + 1)
+            for ch in range(1, channels + 1)
+        ]
         flat = [v for row in rows for v in row] or [0]
-        maps.append(svg.heat_map(rows, ["board_%d" % (b + 1) for b in range(boards)], labels,
-                                 "%s phase offsets (steps), boards x channels" % mode.name,
-                                 min(flat), max(flat), cell=22 if boards * len(labels) <= 1024 else 12))
+        maps.append(
+            svg.heat_map(
+                rows,
+                ["board_%d" % (b + 1) for b in range(boards)],
+                labels,
+                "%s phase offsets (steps), boards x channels" % mode.name,
+                min(flat),
+                max(flat),
+                cell=22 if boards * len(labels) <= 1024 else 12,
+            )
+        )
     return maps
 
 
@@ -130,8 +155,11 @@ async def calibration_export(request):
     result = await in_thread(managers.calibration, sn, frequency)
     table = await in_thread(store.calibration_table, sn, frequency, result.layout[0])
     name = "%s_%sGHz.json" % (re.sub(r"[^A-Za-z0-9._+-]", "_", sn), kinds.frequency_text(frequency))
-    return Response(json.dumps(table, ensure_ascii=False, indent=2), media_type="application/json",
-                    headers={"Content-Disposition": 'attachment; filename="%s"' % name})
+    return Response(
+        json.dumps(table, ensure_ascii=False, indent=2),
+        media_type="application/json",
+        headers={"Content-Disposition": 'attachment; filename="%s"' % name},
+    )
 
 
 async def reload_calibration(request):

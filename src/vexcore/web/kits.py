@@ -1,4 +1,5 @@
 """Antenna-array kits: list, one kit, and creating, renaming and deleting custom kits."""
+
 import logging
 from urllib.parse import quote
 
@@ -17,11 +18,13 @@ OFFICIAL, CUSTOM = 0, 1
 
 
 def routes():
-    return [Route("/kits", kits_page),
-            Route("/kits", create, methods=["POST"]),
-            Route("/kits/{name}", kit_page),
-            Route("/kits/{name}/rename", rename, methods=["POST"]),
-            Route("/kits/{name}/delete", delete, methods=["POST"])]
+    return [
+        Route("/kits", kits_page),
+        Route("/kits", create, methods=["POST"]),
+        Route("/kits/{name}", kit_page),
+        Route("/kits/{name}/rename", rename, methods=["POST"]),
+        Route("/kits/{name}/delete", delete, methods=["POST"]),
+    ]
 
 
 def kit_url(name):
@@ -34,8 +37,9 @@ def _all_kits():
 
 async def kits_page(request, status=200, message=None, form=None):
     kits = await in_thread(_all_kits)
-    return render(request, "kits.html", status, kits=kits, message=message, form=form or {},
-                  done=request.query_params.get("done"))
+    return render(
+        request, "kits.html", status, kits=kits, message=message, form=form or {}, done=request.query_params.get("done")
+    )
 
 
 async def kit_page(request, status=200, message=None):
@@ -68,9 +72,11 @@ async def create(request):
         devtype, channels = _int(form, "dev_type"), _int(form, "channels")
         if not name:
             raise Refusal("Give the kit a name.", 422)
-        fields = ([_numbers(form, "spacing_x", 0)[:1] + _numbers(form, "spacing_y", 0)[:1]]
-                  + [_numbers(form, f, 0) for f in ("steering_h", "steering_v")]
-                  + [_numbers(form, f, channels, int) for f in ("offset_tx", "offset_rx")])
+        fields = (
+            [_numbers(form, "spacing_x", 0)[:1] + _numbers(form, "spacing_y", 0)[:1]]
+            + [_numbers(form, f, 0) for f in ("steering_h", "steering_v")]
+            + [_numbers(form, f, channels, int) for f in ("offset_tx", "offset_rx")]
+        )
     except Refusal as refusal:
         return await kits_page(request, 422, refusal.message, form)
     ret = await in_thread(_create, name, devtype, channels, fields)
@@ -114,11 +120,14 @@ def _rename(name, new_name):
         return _failure("%s is an official kit: official kits are read-only." % name)
     _, save = store.kit_callbacks()
     manager = managers.kit_manager(record.get("DEV_TYPE", 0), len(record.get("OFFSET_TX") or []))
-    fields = [list(record[f]) for f in ("SPACING", "STEERING_H", "STEERING_V")] + [record["OFFSET_TX"],
-                                                                                   record["OFFSET_RX"]]
+    fields = [list(record[f]) for f in ("SPACING", "STEERING_H", "STEERING_V")] + [
+        record["OFFSET_TX"],
+        record["OFFSET_RX"],
+    ]
     with managers.LOGS_LOCK, collected_logs() as logs:
-        ret = manager.setAAKitInfo(name, *fields, custom=CUSTOM, callback=save, dev_type=record.get("DEV_TYPE"),
-                                   newKitName=new_name)
+        ret = manager.setAAKitInfo(
+            name, *fields, custom=CUSTOM, callback=save, dev_type=record.get("DEV_TYPE"), newKitName=new_name
+        )
         errors = [r.getMessage() for r in logs.since(0, level=logging.ERROR)]
     if ret.RetCode == RetCode.OK and errors:
         return _failure("; ".join(errors))
@@ -127,6 +136,7 @@ def _rename(name, new_name):
 
 def _failure(message):
     from vexcore.QRVUtils import RetType
+
     return RetType(RetCode.ERROR_BF_AAKIT, message)
 
 

@@ -6,9 +6,11 @@ calibration manager's answers are kept per device and frequency until an upload 
 reload through the front end, because a large device asks the database many
 questions for them.
 """
+
 import collections
 import dataclasses
 import threading
+from typing import Any
 
 import vexcore.qrvdev.QRVTableManager as tm
 from vexcore.QRVPublic import RetCode
@@ -24,7 +26,7 @@ DEFAULT_NUM_BEAM = 1024
 # Collecting the managers' log records re-routes their loggers for a moment: one at a time.
 LOGS_LOCK = threading.Lock()
 _cache_lock = threading.Lock()
-_calibrations = {}            # (database, sn, frequency, limits only) -> Calibration result
+_calibrations: dict[tuple, Any] = {}  # (database, sn, frequency, limits only) -> Calibration result
 
 
 class AnyDeviceType:
@@ -89,10 +91,13 @@ def per_channel_group(cali):
     boards, ics, channels = cali.layout
     if ics == 1:
         return cali
+
     def repeat(per_mode):
         return [[value for value in mode for _ in range(ics)] for mode in per_mode]
-    return dataclasses.replace(cali, layout=(boards * ics, 1, channels), comdr=repeat(cali.comdr),
-                               eledr=repeat(cali.eledr))
+
+    return dataclasses.replace(
+        cali, layout=(boards * ics, 1, channels), comdr=repeat(cali.comdr), eledr=repeat(cali.eledr)
+    )
 
 
 class BeamSession:
@@ -105,16 +110,20 @@ class BeamSession:
         self.sn, self.frequency, self.kit_name = sn, float(frequency), kit_name
         self.cali = cali or calibration(sn, frequency, limits_only=True)
         if not self.cali.valid or self.cali.comdr is None or self.cali.eledr is None:
-            raise Refusal("The calibration table of %s at %s GHz cannot give beam limits: %s"
-                          % (sn, frequency, "; ".join(p.message for p in self.cali.problems)), 409)
+            raise Refusal(
+                "The calibration table of %s at %s GHz cannot give beam limits: %s"
+                % (sn, frequency, "; ".join(p.message for p in self.cali.problems)),
+                409,
+            )
         self.kit = kit if kit is not None else kit_record(kit_name)
         self.limits = per_channel_group(self.cali)
         self.layout = self.limits.layout
         self.checks = LimitChecks(self.limits, self.kit)
         self.callback = store.beam_callback(sn)
         devtype = self.kit.get("DEV_TYPE", 0) if self.kit else 0
-        self.manager = tm.BeamPatternTableManager(sn, devtype, num_beam, self.layout, self.checks.funcs,
-                                                  web_client_id=WEB_CLIENT_ID)
+        self.manager = tm.BeamPatternTableManager(
+            sn, devtype, num_beam, self.layout, self.checks.funcs, web_client_id=WEB_CLIENT_ID
+        )
         # One number per board (the COMDR upper bound, the ELEDR limit), as the beam manager
         # builds default channel beams from: their gains are then numbers a user can edit.
         self.manager._updateFreq(self.frequency, *self.limits.beam_limits())
@@ -124,7 +133,7 @@ class BeamSession:
             raise Refusal("The beam table could not be loaded: %s %s" % (ret.RetCode.name, ret.RetMsg), 500)
         self.table = self.manager._BeamTable
         self.num_beam = num_beam
-        self.key, self.users = None, 0    # kept under key, read by that many requests (`beam_session`)
+        self.key, self.users = None, 0  # kept under key, read by that many requests (`beam_session`)
 
     @property
     def generation(self):
@@ -146,7 +155,9 @@ class BeamSession:
 # a change works on a session of its own (see `beam_session`).
 KEPT_TABLES = 4
 _kept_lock = threading.Lock()
-_kept = collections.OrderedDict()   # (database, sn, frequency, kit, beam ids) -> BeamSession
+_kept: collections.OrderedDict[tuple, Any] = (
+    collections.OrderedDict()
+)  # (database, sn, frequency, kit, beam ids) -> BeamSession
 
 
 def beam_session(sn, frequency, kit_name, num_beam=DEFAULT_NUM_BEAM, change=False):
@@ -193,7 +204,7 @@ def keep(session):
         _keep(session)
 
 
-def _keep(session):     # under _kept_lock
+def _keep(session):  # under _kept_lock
     kept = _kept.get(session.key)
     if kept is not None and kept.generation > session.generation:
         return

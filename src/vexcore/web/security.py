@@ -8,6 +8,7 @@
   anything must come from this site's own pages (Origin, when the browser sends one).
 - Size: a request body larger than the limit is cut off and refused.
 """
+
 import hmac
 import logging
 import secrets
@@ -71,28 +72,37 @@ class Guard(BaseHTTPMiddleware):
 
     def _refusal(self, request):
         if self.token and not self._has_token(request):
-            return Refusal("This server needs its access token: open it once as /?token=... "
-                           "(ask whoever runs it).", 401, "Access token required")
+            return Refusal(
+                "This server needs its access token: open it once as /?token=... (ask whoever runs it).",
+                401,
+                "Access token required",
+            )
         if request.method not in SAFE_METHODS:
             origin = request.headers.get("origin")
             if origin and origin != "null" and urlsplit(origin).netloc != request.headers.get("host"):
-                return Refusal("A request from another site (%s) may not change tables." % origin, 403,
-                               "Cross-site request refused")
+                return Refusal(
+                    "A request from another site (%s) may not change tables." % origin,
+                    403,
+                    "Cross-site request refused",
+                )
         return None
 
     def _has_token(self, request):
         header = request.headers.get("authorization", "")
         bearer = header[7:] if header.lower().startswith("bearer ") else None
-        return any(same(given, self.token) for given in
-                   (request.query_params.get("token"), request.cookies.get(TOKEN_COOKIE), bearer))
+        return any(
+            same(given, self.token)
+            for given in (request.query_params.get("token"), request.cookies.get(TOKEN_COOKIE), bearer)
+        )
 
 
 def check_csrf(request, form):
     """Refuses a form that does not carry the browser's own CSRF token."""
     cookie = request.cookies.get(CSRF_COOKIE)
     if not (cookie and same(form.get(CSRF_FIELD), cookie)):
-        raise Refusal("The form has expired or did not come from this site; reload the page and try again.",
-                      403, "Form refused")
+        raise Refusal(
+            "The form has expired or did not come from this site; reload the page and try again.", 403, "Form refused"
+        )
 
 
 class BodyLimit:
@@ -115,6 +125,7 @@ class BodyLimit:
 def _refuse_body(limit):
     async def receive():
         raise TooLarge(limit)
+
     return receive
 
 
@@ -129,4 +140,5 @@ def _counted(receive, limit):
             if seen > limit:
                 raise TooLarge(limit)
         return message
+
     return counted

@@ -6,13 +6,14 @@ service, the beam and kit callbacks) and answers the few questions the managers 
 (which devices are stored, a device's layout), so the database layer can change under
 the front end by changing this one file.
 """
+
 import os
 import tempfile
 
-from vexcore.QRVPublic import RetCode
 from vexcore.db import QRVDBQueryer
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
+from vexcore.QRVPublic import RetCode
 
 from .security import Refusal
 
@@ -76,7 +77,8 @@ def kit_callbacks():
 
 def _query(sn, frequency, category, keys):
     reply = QRVDBQueryer.DBQueryer("calibration", database_path()).queryDB(
-        {"sn": sn, "frequency": frequency, "category": category, "query": list(keys)})
+        {"sn": sn, "frequency": frequency, "category": category, "query": list(keys)}
+    )
     if isinstance(reply, dict) and reply.get("code") == 0:
         return reply["data"]
     return None
@@ -118,10 +120,11 @@ def calibration_layout(sn, frequency):
 
     def is_board(number):
         return _query(sn, frequency, "BOARD_%d" % number, ["TX.COMDR"]) is not None
+
     low, high = 1, 2
     while is_board(high):
         low, high = high, high * 2
-    while high - low > 1:                       # board `low` exists, board `high` does not
+    while high - low > 1:  # board `low` exists, board `high` does not
         middle = (low + high) // 2
         low, high = (middle, high) if is_board(middle) else (low, middle)
     return low, len(chips), len(chips[0])
