@@ -309,6 +309,8 @@ bool ret_failed(nb::handle result) {
     return compare(code, getattr(global(k_codes), k_OK), Py_NE);
 }
 
+bool ret_failed(nb::handle result, nb::handle ok) { return compare(getattr(result, k_RetCode), ok, Py_NE); }
+
 // ---------------------------------------------------------------- logging --
 
 Log Log::named(const char* name) {

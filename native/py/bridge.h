@@ -104,6 +104,8 @@ nb::object ret_msg(std::string_view msg);
 
 // result.RetCode != RetCode.OK, compared with Python's != as the callers do.
 bool ret_failed(nb::handle result);
+// The same, with `ok` (RetCode.OK) fetched once by a caller that checks many results.
+bool ret_failed(nb::handle result, nb::handle ok);
 
 // ---------------------------------------------------------------- logging --
 

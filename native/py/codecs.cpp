@@ -20,7 +20,6 @@ namespace {
 
 const Name k_csv{"csv"};
 const Name k_Error{"Error"};
-const Name k_field_size_limit{"field_size_limit"};
 const Name k_dunder_class{"__class__"};
 const Name k_dunder_name{"__name__"};
 const Name k_items{"items"};
@@ -89,13 +88,6 @@ nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
     raise_csv_error(str(stdlib_messages().csv_newline_in_unquoted_field));
 }
 
-long current_field_limit() {
-    nb::object limit = getattr(global(k_csv), k_field_size_limit)();
-    const long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
-}
-
 }  // namespace
 
 // ================================================================== text ===
@@ -158,7 +150,7 @@ long long longlong_from_text(std::string_view text) {
 // =================================================================== CSV ===
 
 struct CsvReader::Impl {
-    explicit Impl(bool drop) : parser(current_field_limit()), drop_nul(drop) {}
+    explicit Impl(bool drop) : parser(csv_field_size_limit()), drop_nul(drop) {}
 
     codec::CsvParser parser;
     bool drop_nul;
@@ -601,11 +593,6 @@ nb::object load_json_file(nb::handle path) {
     nb::object loads = getattr(global(k_json), k_loads);
     if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
     return loads(str(read_text_file(path)));
-}
-
-GcPause::GcPause() : was_enabled_(PyGC_Disable() == 1) {}
-GcPause::~GcPause() {
-    if (was_enabled_) PyGC_Enable();
 }
 
 // ============================================================ file writes ==

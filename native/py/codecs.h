@@ -8,6 +8,7 @@
 #pragma once
 
 #include "py/bridge.h"
+#include "py/pyops.h"
 
 #include <string>
 #include <string_view>
@@ -101,20 +102,6 @@ void remember_standard_json_loads(nb::handle loads);
 
 // ------------------------------------------------------- bulk building ---
 
-// While alive, the cyclic garbage collector does not run. Building a large
-// table of fresh containers (which cannot form garbage cycles) would otherwise
-// trigger repeated full collections over every object made so far. The previous
-// state is restored at the end, so pauses nest.
-class GcPause {
-public:
-    GcPause();
-    ~GcPause();
-    GcPause(const GcPause&) = delete;
-    GcPause& operator=(const GcPause&) = delete;
-
-private:
-    bool was_enabled_;
-};
 
 // ------------------------------------------------------------ file writes --
 

@@ -75,7 +75,6 @@ const Name k_empty{""};
 // Module globals, looked up when used.
 const Name g_os{"os"};
 const Name g_glob{"glob"};
-const Name g_csv{"csv"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_datetime{"datetime"};
@@ -83,58 +82,16 @@ const Name g_AAKitField{"AAKitField"};
 
 // ---------------------------------------------------------- small helpers ---
 
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
-
-
-
-nb::object py_str(nb::handle obj) {
-    PyObject* s = PyObject_Str(obj.ptr());
-    if (!s) raise_already_set();
-    return nb::steal(s);
-}
-
 nb::object py_int(Py_ssize_t n) {
     PyObject* i = PyLong_FromSsize_t(n);
     if (!i) raise_already_set();
     return nb::steal(i);
 }
 
-nb::object pair_list(nb::handle first, nb::handle second) {
-    PyObject* list = PyList_New(2);
-    if (!list) raise_already_set();
-    list_fill(list, 0, Py_NewRef(first.ptr()));
-    list_fill(list, 1, Py_NewRef(second.ptr()));
-    return nb::steal(list);
-}
-
 nb::object float_object(double value) {
     PyObject* f = PyFloat_FromDouble(value);
     if (!f) raise_already_set();
     return nb::steal(f);
-}
-
-// Python's `fmt % arg`, with its own rules (a tuple arg supplies several values).
-nb::object percent(const char* fmt, nb::handle arg) {
-    PyObject* s = PyUnicode_Format(str(fmt).ptr(), arg.ptr());
-    if (!s) raise_already_set();
-    return nb::steal(s);
-}
-
-// a + b + c ..., evaluated left to right with Python's `+` (a non-str kit name
-// raises the TypeError Python code would raise).
-nb::object concat(std::initializer_list<nb::handle> parts) {
-    nb::object out;
-    for (nb::handle part : parts) {
-        if (!out.is_valid()) {
-            out = nb::borrow(part);
-            continue;
-        }
-        PyObject* sum = PyNumber_Add(out.ptr(), part.ptr());
-        if (!sum) raise_already_set();
-        out = nb::steal(sum);
-    }
-    return out;
 }
 
 // RetType(RetCode.<code>, msg), its message logged at error level.
@@ -324,13 +281,6 @@ private:
     CsvRow row_;
 };
 
-long csv_field_limit() {
-    static const Name field_size_limit{"field_size_limit"};
-    nb::object limit = getattr(global(g_csv), field_size_limit)();
-    long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
-}
 
 // What one kit file yields: its name ("" until a name row is read), its record,
 // and whether a rule refused the file.
@@ -492,7 +442,7 @@ bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& ro
 
 void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& kit) {
     std::string text = read_text_file(path);
-    KitRows rows(text, csv_field_limit());
+    KitRows rows(text, csv_field_size_limit());
     Cells row;
     while (rows.next(row)) {
         if (row.empty()) continue;
@@ -635,7 +585,7 @@ nb::object no_kit_error(const Log& log, nb::handle msg) {
 
 nb::object parse(nb::handle self) {
     if (truthy(getattr(self, k_web_mode))) return ret_ok();
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     recover_files(self, log);
     nb::object files = getattr(self, k_getAAKitTablePath)();
     if (!truthy(files))
@@ -659,7 +609,7 @@ nb::object select_aakit(nb::handle self, nb::handle kit_name) {
         nb::object kit = dict_get(getattr(self, k_table), kit_name);
         if (!kit.is_valid() || kit.is_none()) {
             nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
-            return logged_error(logger_of(self), "ERROR_BF_NO_AAKIT", msg);
+            return logged_error(logger_of(self, k_logger), "ERROR_BF_NO_AAKIT", msg);
         }
     }
     setattr(self, k_aakit_name, kit_name);
@@ -673,7 +623,7 @@ nb::object table_keys(nb::handle table) {
 }
 
 nb::object get_aakit_list(nb::handle self, nb::handle force_refresh, nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(callback)) {
@@ -708,7 +658,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
                     setattr(ret, k_RetMsg, not_selected);
-                    logger_of(self).error(getattr(ret, k_RetMsg));
+                    logger_of(self, k_logger).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
                 }
@@ -718,7 +668,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
             setattr(ret, k_RetMsg, failed);
-            logger_of(self).exception(getattr(ret, k_RetMsg));
+            logger_of(self, k_logger).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
     return ret;
@@ -804,7 +754,7 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
     }
     nb::object counted = py_int(count);
     if (!compare(counted, limit, Py_NE)) return true;
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     if (log.on(ERROR)) {
         const char* kind = is_dict ? " of value for dict field: " : " of value for field: ";
         log.error(concat({str("setAAKitInfo: Wrong counts:"), py_str(counted), str(kind), field_name}));
@@ -872,7 +822,7 @@ nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spaci
     require_exact_type(spacing, &PyList_Type, "spacing");
     require_exact_type(steering_h, &PyList_Type, "steeringH");
     require_exact_type(steering_v, &PyList_Type, "steeringV");
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             nb::object failure = ret_error("ERROR_BF_AAKIT", "AAKit field checking failed");
@@ -963,7 +913,7 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
                        nb::handle source) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     log.debug(str("Rename AAKit -> delete old then add new one"));
     if (truthy(callback)) {
         nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
@@ -983,7 +933,7 @@ nb::object rename_aakit_method(nb::handle self, nb::handle old_name, nb::handle 
 }
 
 nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle callback, nb::handle check) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(check) && !listed(self, kit_name))
@@ -1066,7 +1016,7 @@ nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
 // `context` is accepted and unused: the callback always receives the stored record.
 nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle callback, nb::handle check,
                            nb::handle context) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             nb::object kit_name = nb::borrow(kit_name_arg);

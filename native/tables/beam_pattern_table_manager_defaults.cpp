@@ -17,8 +17,6 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_value{"value"};
-const Name k_name{"name"};
 const Name k_callback_func_name{"func_name"};
 const Name k_callback_new_table{"new_table"};
 
@@ -175,7 +173,7 @@ nb::object new_table(nb::handle self) {
 }  // namespace
 
 nb::object generate_default_beam_table_file(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&] {
             log.info(str("Generate Beam Table: %s"), getattr(self, a_path));
@@ -207,7 +205,7 @@ nb::object save_through_callback(nb::handle callback, nb::handle new_table) {
 }  // namespace
 
 nb::object save_to_beam_table_file(nb::handle self, nb::handle callback, nb::handle new_table) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&] {
             if (!callback.is_none()) return save_through_callback(callback, new_table);

@@ -17,8 +17,6 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_name{"name"};
-const Name k_value{"value"};
 const Name k_BTField{"BTField"};
 
 void delete_if_present(nb::handle mapping, const Name& key) {
@@ -291,7 +289,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
     setattr(self, a_path, path);
     ensure_table_file(self, path);
 
-    CollectionPause pause;   // decoding and converting build the whole table
+    GcPause pause;   // decoding and converting build the whole table
     nb::object table = load_json_file(path);
     setattr(self, a_table, table);
     nb::object version = read_version(log, table);
@@ -299,7 +297,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
         nb::object failed = convert_old_table(self, log, table);
         if (failed.is_valid()) return failed;
     }
-    pause.finish();
+    pause.finish_collecting_young();
     log.info(str("Loaded Beam Table from: %s"), path);
     if (compare(version, current_version_word(), Py_NE)) {
         // Tables between v1.1.0 and the current version keep their own VERSION
@@ -313,7 +311,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
 }  // namespace
 
 nb::object load(nb::handle self, nb::handle freq, nb::handle aakit, nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&] { return load_table(self, log, freq, aakit, callback); },
                  [&](nb::handle) {
                      log.exception(str("BeamTable loading exception"));

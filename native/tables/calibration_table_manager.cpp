@@ -11,11 +11,9 @@
 
 namespace vex::tables::cali {
 
+using namespace vex::py;
+
 // ---------------------------------------------------------- small helpers ---
-
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
-
 
 bool py_eq(nb::handle a, nb::handle b) { return compare(a, b, Py_EQ); }
 bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
@@ -23,15 +21,6 @@ bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
 Py_ssize_t py_len(nb::handle value) {
     Py_ssize_t n = PyObject_Length(value.ptr());
     if (n < 0) raise_already_set();
-    return n;
-}
-
-Py_ssize_t as_index(nb::handle value) {
-    PyObject* index = PyNumber_Index(value.ptr());
-    if (!index) raise_already_set();
-    Py_ssize_t n = PyLong_AsSsize_t(index);
-    Py_DECREF(index);
-    if (n == -1 && PyErr_Occurred()) raise_already_set();
     return n;
 }
 
@@ -113,41 +102,10 @@ nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
 }
 
 static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
-    update_dict(logger_of(self), d, key, value);
+    update_dict(logger_of(self, k_logger), d, key, value);
 }
 
 // ---------------------------------------------------------- construction ---
-
-// a, b, c = value: the same errors as Python's unpacking of three targets.
-static std::array<nb::object, 3> unpack_three(nb::handle value) {
-    PyObject* iterator = PyObject_GetIter(value.ptr());
-    if (!iterator) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && !PyType_GetSlot(Py_TYPE(value.ptr()), Py_tp_iter) &&
-            !PySequence_Check(value.ptr())) {
-            PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(value.ptr()).c_str());
-        }
-        raise_already_set();
-    }
-    nb::object it = nb::steal(iterator);
-    std::array<nb::object, 3> items;
-    for (int i = 0; i < 3; ++i) {
-        PyObject* item = PyIter_Next(it.ptr());
-        if (!item) {
-            if (PyErr_Occurred()) raise_already_set();
-            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            raise_already_set();
-        }
-        items[i] = nb::steal(item);
-    }
-    PyObject* extra = PyIter_Next(it.ptr());
-    if (extra) {
-        Py_DECREF(extra);
-        raise(PyExc_ValueError, "too many values to unpack (expected 3)");
-    }
-    if (PyErr_Occurred()) raise_already_set();
-    return items;
-}
 
 static void store_layout(nb::handle self, nb::handle rf_layout) {
     auto [boards, ics, channels] = unpack_three(rf_layout());
@@ -249,7 +207,7 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
 
     nb::object sn_text = py_format("%S", getattr(self, k_sn));
     if (serial_number_leaves_folder(sn_text)) {
-        logger_of(self).error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
+        logger_of(self, k_logger).error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
                                       "is searched for it"), sn_text);
         return result;
     }
@@ -278,7 +236,7 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
 // -------------------------------------------------- location and versions ---
 
 static nb::object check_cali_table_location(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(getattr(self, k_web_mode))) return ret_data(Py_True);
@@ -294,7 +252,7 @@ static nb::object check_cali_table_location(nb::handle self) {
 // Failures carry their result in `ret` (the database error does); any other
 // exception has none, and the AttributeError of reading it goes to the caller.
 static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             if (!dual_polarization(self)) {
@@ -315,7 +273,7 @@ static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) 
 }
 
 static nb::object query_cali_table_ver(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     static const Name ver{"VER"};
     return guard(
         [&]() -> nb::object {
@@ -355,7 +313,7 @@ nb::object basic_check(nb::handle self, nb::handle table) {
         nb::object text = str(problem);
         setattr(ret, msg, text);
         setattr(ret, code, RetCode("ERROR_BF_CALI_INCOMPLTE"));
-        logger_of(self).error(text);
+        logger_of(self, k_logger).error(text);
     }
     return ret;
 }

@@ -14,7 +14,9 @@
 
 namespace vex::tables::cali {
 
-using namespace vex::py;
+using vex::py::ClassBuilder;
+using vex::py::Log;
+using vex::py::Name;
 
 // ------------------------------------------------------- attribute names ---
 
@@ -40,17 +42,13 @@ inline const Name k_searchCaliFile{"_searchCaliFile"};
 // Other names used in several files.
 inline const Name k_RetData{"RetData"};
 inline const Name k_ret{"ret"};
-inline const Name k_name{"name"};
-inline const Name k_value{"value"};
 inline const Name k_query{"query"};
 
 // ---------------------------------------------------------- small helpers ---
 
-Log logger_of(nb::handle self);
 bool py_eq(nb::handle a, nb::handle b);                  // a == b
 bool py_lt(nb::handle a, nb::handle b);                  // a < b
 Py_ssize_t py_len(nb::handle value);                     // len(value)
-Py_ssize_t as_index(nb::handle value);                   // operator.index(value), as range() takes it
 nb::object py_format(const char* fmt, nb::handle value); // PyUnicode_FromFormat with one object
 nb::object board_key(nb::handle number);                 // "BOARD_" + str(number)
 nb::object board_key(Py_ssize_t number);                 // "BOARD_<n>"

@@ -29,6 +29,8 @@
 #include <vector>
 
 namespace vex::tables::cali {
+
+using namespace vex::py;
 namespace {
 
 const Name k_VER{"VER"}, k_REALVER{"REALVER"}, k_SN{"SN"}, k_FCENTER{"FCENTER"}, k_DR{"DR"};
@@ -235,14 +237,6 @@ private:
     CsvReader csv_;
 };
 
-// csv.field_size_limit(), read when reading starts as the CSV reader does.
-long field_size_limit() {
-    static const Name csv_module{"csv"};
-    nb::object limit = global(csv_module).attr("field_size_limit")();
-    long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
-}
 
 // ------------------------------------------------------------ the reader ---
 
@@ -484,7 +478,7 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
                 return reader.read(rows, refused);
             }
             std::string text = read_text_file(getattr(self, k_path_cali));
-            TextRows rows(text, field_size_limit());
+            TextRows rows(text, csv_field_size_limit());
             return reader.read(rows, refused);
         },
         [&](nb::handle) -> nb::object {
@@ -536,7 +530,7 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
 }
 
 nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard([&]() { return parse_steps(self, log, freq, file_object, export_to_json); },
                  [&](nb::handle) -> nb::object {
                      log.exception(str("parse exception"));
@@ -546,7 +540,7 @@ nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::h
 
 // Loads the JSON export of the current frequency (found as the CSV is found).
 nb::object parse_raw_json(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             nb::object path = getattr(self, k_searchCaliFile)(".json");

@@ -13,6 +13,8 @@
 #include "py/capi.h"
 
 namespace vex::tables::cali {
+
+using namespace vex::py;
 namespace {
 
 const Name k_DR{"DR"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_COMSTEPDR{"COMSTEPDR"}, k_TC{"TC"};
@@ -36,18 +38,10 @@ nb::list member_names(nb::handle enumeration) {
     return names;
 }
 
-// [a, b] as a new list.
-nb::list pair_list(nb::handle a, nb::handle b) {
-    nb::list key;
-    key.append(a);
-    key.append(b);
-    return key;
-}
-
 // The result of a failed public query: the database error's own result, a
 // KeyError (a missing table entry) raised to the caller, anything else `message`.
 nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     if (is_database_error(exc)) {
         nb::object ret = getattr(exc, k_ret);
         log.error(str("Exception: %s"), ret);
@@ -69,7 +63,7 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
     bool from_database = !dual && truthy(getattr(self, k_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
-        logger_of(self).warning(str("DR not support for STANDBY mode"));
+        logger_of(self, k_logger).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
     nb::object name = enum_fields(mode).name;
@@ -174,7 +168,7 @@ nb::dict build_range_cache(nb::handle self) {
 // __getXXXDR(key). The cache is stored only once complete, so a failed build
 // (a board missing from the table) is retried rather than served half-built.
 nb::object ranges_of(nb::handle self, nb::handle kind) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     nb::object cache = getattr(self, k_allXXXDR);
     if (!cache.is_none()) {
         log.debug("Fetch %s from cache", kind);

@@ -31,8 +31,6 @@ const char* const kQueryPrefix = "query-";
 
 nb::object QRVTableDBError() { return global(Name("QRVTableDBError")); }
 
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
 // ".".join(parts), with str.join's own TypeError for parts that are not str.
 nb::object dotted(nb::handle parts) {
     static const Name dot{"."};
@@ -173,7 +171,7 @@ nb::object db_query(nb::handle self, nb::handle key, nb::handle category, nb::ha
         setitem(unsent, unsent_key(n), payload);
         return ret_ok();
     }
-    logger_of(self).debug(str("[Query]: %s"), payload);
+    logger_of(self, k_logger).debug(str("[Query]: %s"), payload);
     if (n == 0) return getattr(self, k_returnDB)(getattr(self, k_db).attr(k_queryDB)(payload));
     return send_multi_query(self, unsent, n, payload);
 }

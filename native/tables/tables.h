@@ -3,6 +3,7 @@
 #pragma once
 
 #include "py/bridge.h"
+#include "py/pyops.h"
 
 namespace vex::tables {
 

@@ -26,8 +26,6 @@ const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_os{"os"};
 
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
 void init(nb::handle self, nb::handle sn) {
     setattr(self, k_logger, Log::named("UDDeltaTbl").logger());
     setattr(self, k_sn, sn);
@@ -88,7 +86,7 @@ bool read_delta_rows(nb::handle self, const Log& log, nb::handle path) {
 }
 
 nb::object parse(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
             nb::object files = delta_files(self);
