@@ -551,11 +551,6 @@ ClassBuilder::ClassBuilder(nb::handle module, const char* name, const char* doc,
     cls_ = nb::borrow<nb::object>(reinterpret_cast<PyObject*>(&PyType_Type))(name, base_tuple, ns);
 }
 
-ClassBuilder& ClassBuilder::attr(const char* name, nb::handle value) {
-    nb::setattr(cls_, name, value);
-    return *this;
-}
-
 nb::object ClassBuilder::finish() {
     nb::setattr(module_, name_, cls_);
     return cls_;

@@ -307,15 +307,6 @@ public:
         return def(keep(mangle(name_, name)), std::forward<F>(f), extra...);
     }
 
-    // A static method (no instance argument).
-    template <class F, class... Extra>
-    ClassBuilder& def_static(const char* name, F&& f, const Extra&... extra) {
-        nb::object fn = nb::cpp_function(std::forward<F>(f), nb::name(name), extra...);
-        nb::setattr(cls_, name, nb::module_::import_("builtins").attr("staticmethod")(fn));
-        return *this;
-    }
-
-    ClassBuilder& attr(const char* name, nb::handle value);   // a class attribute
     nb::handle type() const { return cls_; }
     nb::object finish();
 

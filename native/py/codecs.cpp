@@ -54,10 +54,6 @@ FsPath fs_path(nb::handle path) {
 
 // ------------------------------------------------------------------- text --
 
-// A str from UTF-8 that may carry lone surrogates (as our CSV fields can when
-// they came from a str object holding them).
-nb::object text_object(std::string_view text) { return str(text); }
-
 // UTF-8 of a str object; lone surrogates are kept (encoded as such) when
 // `keep_surrogates`, else they raise the UnicodeEncodeError a UTF-8 write raises.
 std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates) {
@@ -117,7 +113,7 @@ std::string read_text_file(nb::handle path) {
 nb::object int_from_text(std::string_view text) {
     long long value = 0;
     if (codec::parse_plain_int(text, value)) return nb::steal(PyLong_FromLongLong(value));
-    nb::object s = text_object(text);
+    nb::object s = str(text);
     PyObject* result = int_from_str(s.ptr());
     if (!result) raise_already_set();
     return nb::steal(result);
@@ -126,7 +122,7 @@ nb::object int_from_text(std::string_view text) {
 nb::object float_from_text(std::string_view text) {
     double value = 0;
     if (codec::parse_plain_double(text, value)) return nb::steal(PyFloat_FromDouble(value));
-    nb::object s = text_object(text);
+    nb::object s = str(text);
     PyObject* result = PyFloat_FromString(s.ptr());
     if (!result) raise_already_set();
     return nb::steal(result);

@@ -45,10 +45,10 @@ using CsvFields = std::vector<std::string_view>;   // the same, as views into th
 // file gives them) or the items of a Python iterable of str (a file object,
 // io.StringIO, a list of lines). With drop_nul, every NUL character is removed
 // from each line before the reader sees it (line.replace("\0", "")).
-// Errors raise csv.Error with CPython's message (for example "new-line character
-// seen in unquoted field - do you need to open the file with newline=''?",
-// "field larger than field limit (131072)"); an iterable item that is not a str
-// raises csv.Error as csv.reader does.
+// Errors raise csv.Error with the running interpreter's own message (the
+// new-line message changed between releases: stdlib_messages.cpp holds each
+// wording; a long field gives "field larger than field limit (131072)"); an
+// iterable item that is not a str raises csv.Error as csv.reader does.
 class CsvReader {
 public:
     CsvReader(std::string_view text, bool drop_nul = false);   // text must outlive the reader

@@ -281,15 +281,15 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
     return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
-// What a set needs of an unset id's default: the channels the configuration
-// does not replace, or none when the beam becomes a steered beam. A type that
-// does not convert gets the full default here and fails where the set converts it.
 // The kind and configuration a set is about to give a beam.
 struct SetPlan {
     nb::handle beam_type;
     nb::handle config;
 };
 
+// What a set needs of an unset id's default: the channels the configuration
+// does not replace, or none when the beam becomes a steered beam. A type that
+// does not convert gets the full default here and fails where the set converts it.
 DefaultUse default_use_for(const SetPlan* plan) {
     DefaultUse use;
     if (!plan) return use;
