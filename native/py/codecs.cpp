@@ -11,6 +11,7 @@
 #include "codec/numbers.h"
 #include "codec/text.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <vector>
@@ -589,6 +590,66 @@ nb::object load_json_file(nb::handle path) {
     nb::object loads = getattr(global(k_json), k_loads);
     if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
     return loads(str(read_text_file(path)));
+}
+
+// ======================================================== plain CSV rows ==
+
+namespace {
+
+// What a character means to the plain-line split: a comma ends a cell; a quote,
+// NUL or CR needs the CSV reader.
+enum class CharClass : unsigned char { plain, comma, special };
+
+constexpr std::array<CharClass, 256> char_classes() {
+    std::array<CharClass, 256> classes{};
+    classes[','] = CharClass::comma;
+    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
+    return classes;
+}
+
+constexpr std::array<CharClass, 256> k_char_class = char_classes();
+
+}  // namespace
+
+bool CsvTextRows::next(CsvFields& cells) {
+    cells.clear();
+    if (pos_ >= text_.size()) return false;
+    const size_t newline = text_.find('\n', pos_);
+    const size_t end = newline == std::string_view::npos ? text_.size() : newline;
+    if (split_plain(text_.substr(pos_, end - pos_), cells)) {
+        pos_ = end + 1;
+        return true;
+    }
+    return read_record(cells);
+}
+
+bool CsvTextRows::split_plain(std::string_view line, CsvFields& cells) const {
+    if (static_cast<long>(line.size()) > field_limit_) return false;
+    size_t start = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const CharClass kind = k_char_class[static_cast<unsigned char>(line[i])];
+        if (kind == CharClass::plain) continue;
+        if (kind == CharClass::special) {
+            cells.clear();
+            return false;
+        }
+        cells.push_back(line.substr(start, i - start));
+        start = i + 1;
+    }
+    if (!line.empty()) cells.push_back(line.substr(start));
+    return true;
+}
+
+// One record read by the CSV reader from this line on; it tells how many lines
+// the record took.
+bool CsvTextRows::read_record(CsvFields& cells) {
+    csv_.emplace(text_.substr(pos_), drop_nul_);
+    const bool got = csv_->next(cells);
+    for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
+        const size_t newline = text_.find('\n', pos_);
+        pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
+    }
+    return got;
 }
 
 // ============================================================ file writes ==

@@ -10,6 +10,7 @@
 #include "py/bridge.h"
 #include "py/pyops.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -70,6 +71,32 @@ public:
 private:
     bool next_record();
     Impl* impl_;
+};
+
+// Rows of a decoded text (newlines already "\n") exactly as CsvReader(text,
+// drop_nul) yields them, for table files that are nearly all plain names and
+// numbers between commas. A line without quote, NUL or CR, too short to hold an
+// oversized field, is split at its commas straight from the text without
+// copying; any other line starts the CSV reader there for the record it begins
+// (a record always starts at a line start, so the rows are the same).
+class CsvTextRows {
+public:
+    CsvTextRows(std::string_view text, long field_limit, bool drop_nul)   // text must outlive the rows
+        : text_(text), field_limit_(field_limit), drop_nul_(drop_nul) {}
+
+    // The next row into `cells` (empty for a blank line); false at the end. The
+    // views stay valid until the next call.
+    bool next(CsvFields& cells);
+
+private:
+    bool split_plain(std::string_view line, CsvFields& cells) const;
+    bool read_record(CsvFields& cells);
+
+    std::string_view text_;
+    long field_limit_;
+    bool drop_nul_;
+    size_t pos_ = 0;
+    std::optional<CsvReader> csv_;   // holds the record its cells view
 };
 
 // Appends one row as csv.writer(f).writerow(row) writes it with the default

@@ -17,12 +17,10 @@
 #include "py/capi.h"
 #include "py/codecs.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -222,66 +220,6 @@ nb::object get_table_path(nb::handle self) {
 // CSV reader's current row, valid until the next row is read.
 using Cells = std::vector<std::string_view>;
 
-// The rows of a kit file exactly as csv.reader yields them. Kit files are plain
-// names and numbers between commas: for a text without quote characters whose lines are no longer than csv's field limit, csv.reader's rows are just its
-// lines split at each comma, so the cells are taken straight from the text without
-// copying. Any other text goes through the full CSV reader.
-class KitRows {
-public:
-    KitRows(std::string_view text, long field_limit) : text_(text) {
-        if (!plain_text(field_limit)) reader_ = std::make_unique<CsvReader>(text);
-    }
-
-    // The next row into `cells` (empty for a blank line); false at the end.
-    bool next(Cells& cells) {
-        cells.clear();
-        return reader_ ? next_from_reader(cells) : next_plain_line(cells);
-    }
-
-private:
-    bool plain_text(long field_limit) const {
-        if (text_.find('"') != std::string_view::npos) return false;
-        for (size_t pos = 0; pos < text_.size();) {
-            size_t end = std::min(text_.find('\n', pos), text_.size());
-            if (static_cast<long>(end - pos) > field_limit) return false;
-            pos = end + 1;
-        }
-        return true;
-    }
-
-    bool next_plain_line(Cells& cells) {
-        if (pos_ >= text_.size()) return false;
-        size_t end = std::min(text_.find('\n', pos_), text_.size());
-        std::string_view line = text_.substr(pos_, end - pos_);
-        pos_ = end + 1;
-        if (line.empty()) return true;
-        // Offset rows hold a thousand cells of a few characters: size the vector
-        // once (it keeps its capacity from row to row) and fill it in one pass.
-        cells.resize(static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1);
-        const char* data = line.data();
-        size_t cell = 0, start = 0;
-        for (size_t i = 0; i < line.size(); ++i) {
-            if (data[i] != ',') continue;
-            cells[cell++] = std::string_view(data + start, i - start);
-            start = i + 1;
-        }
-        cells[cell] = std::string_view(data + start, line.size() - start);
-        return true;
-    }
-
-    bool next_from_reader(Cells& cells) {
-        if (!reader_->next(row_)) return false;
-        for (const std::string& cell : row_) cells.emplace_back(cell);
-        return true;
-    }
-
-    std::string_view text_;
-    size_t pos_ = 0;
-    std::unique_ptr<CsvReader> reader_;
-    CsvRow row_;
-};
-
-
 // What one kit file yields: its name ("" until a name row is read), its record,
 // and whether a rule refused the file.
 struct KitFile {
@@ -442,7 +380,7 @@ bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& ro
 
 void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& kit) {
     std::string text = read_text_file(path);
-    KitRows rows(text, csv_field_size_limit());
+    CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/false);
     Cells row;
     while (rows.next(row)) {
         if (row.empty()) continue;

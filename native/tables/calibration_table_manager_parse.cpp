@@ -20,10 +20,8 @@
 #include "codec/numbers.h"
 #include "py/codecs.h"
 
-#include <array>
 #include <charconv>
 #include <cmath>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -158,74 +156,6 @@ nb::object dr_message(nb::handle mode_name, double low, double high) {
 
 // ------------------------------------------------------------- row sources ---
 
-// What a character means to the plain-line split: a comma ends a cell; a quote,
-// NUL or CR needs the CSV reader.
-enum class CharClass : unsigned char { plain, comma, special };
-
-constexpr std::array<CharClass, 256> char_classes() {
-    std::array<CharClass, 256> classes{};
-    classes[','] = CharClass::comma;
-    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
-    return classes;
-}
-
-constexpr std::array<CharClass, 256> kCharClass = char_classes();
-
-// Rows of a decoded text (newlines already "\n"), as csv.reader yields them.
-class TextRows {
-public:
-    TextRows(std::string_view text, long field_limit) : text_(text), field_limit_(field_limit) {}
-
-    bool next(Cells& cells) {
-        cells.clear();
-        if (pos_ >= text_.size()) return false;
-        size_t newline = text_.find('\n', pos_);
-        size_t end = newline == std::string_view::npos ? text_.size() : newline;
-        if (split_plain(text_.substr(pos_, end - pos_), cells)) {
-            pos_ = end + 1;
-            return true;
-        }
-        return read_record(cells);
-    }
-
-private:
-    // A line without quote, NUL or CR, and too short to hold an oversized field,
-    // splits at its commas; an empty line is an empty row.
-    bool split_plain(std::string_view line, Cells& cells) const {
-        if (static_cast<long>(line.size()) > field_limit_) return false;
-        size_t start = 0;
-        for (size_t i = 0; i < line.size(); ++i) {
-            CharClass kind = kCharClass[static_cast<unsigned char>(line[i])];
-            if (kind == CharClass::plain) continue;
-            if (kind == CharClass::special) {
-                cells.clear();
-                return false;
-            }
-            cells.push_back(line.substr(start, i - start));
-            start = i + 1;
-        }
-        if (!line.empty()) cells.push_back(line.substr(start));
-        return true;
-    }
-
-    // One record read by the CSV reader from this line on; it tells how many
-    // lines the record took.
-    bool read_record(Cells& cells) {
-        csv_.emplace(text_.substr(pos_), /*drop_nul=*/true);
-        bool got = csv_->next(cells);
-        for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
-            size_t newline = text_.find('\n', pos_);
-            pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
-        }
-        return got;
-    }
-
-    std::string_view text_;
-    long field_limit_;
-    size_t pos_ = 0;
-    std::optional<CsvReader> csv_;   // holds the record its cells view
-};
-
 // Rows of a handed-in file object, through the CSV reader.
 class ObjectRows {
 public:
@@ -236,7 +166,6 @@ public:
 private:
     CsvReader csv_;
 };
-
 
 // ------------------------------------------------------------ the reader ---
 
@@ -478,7 +407,7 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
                 return reader.read(rows, refused);
             }
             std::string text = read_text_file(getattr(self, k_path_cali));
-            TextRows rows(text, csv_field_size_limit());
+            CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/true);
             return reader.read(rows, refused);
         },
         [&](nb::handle) -> nb::object {
