@@ -151,6 +151,23 @@ void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path);
 
 // ------------------------------------------------------------ internals ---
 
+// Shared by the codec files (codecs.cpp, json.cpp).
+
+// A path as open() takes it: os.fspath(path) (kept as the filename of errors)
+// and its file-system bytes.
+struct FsPath {
+    nb::object given;
+    std::string bytes;
+};
+FsPath fs_path(nb::handle path);
+
+// The OSError subclass open() raises for this errno, with errno, text and filename.
+[[noreturn]] void raise_os_error(int err, nb::handle filename);
+
+// UTF-8 of a str object; lone surrogates are kept (encoded as such) when
+// `keep_surrogates`, else they raise the UnicodeEncodeError a UTF-8 write raises.
+std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates);
+
 // Defines the internal submodule `_codec` of `m`: thin wrappers over the
 // functions above, for the tests and benchmarks. Not part of the public API.
 void define_codec_submodule(nb::module_& m);

@@ -1,7 +1,7 @@
 // BeamPatternTableManager: the table of user-defined beams of one device, frequency
 // and antenna kit. This file holds construction, the setters the driver calls on a
 // frequency or kit change, single beam get/set with validation through the driver's
-// check hooks, and the class definition. Defaults and saving, loading, and batch
+// check hooks, and the class definition. Defaults, saving, loading, and batch
 // access live in the sibling beam_pattern_table_manager_*.cpp files.
 #include "tables/beam_pattern_table_manager.h"
 #include "py/capi.h"

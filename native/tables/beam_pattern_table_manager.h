@@ -1,6 +1,7 @@
 // BeamPatternTableManager, shared by its source files:
 //   beam_pattern_table_manager.cpp           construction, single beam get/set, validation, class definition
-//   beam_pattern_table_manager_defaults.cpp  default beams, the default table, saving
+//   beam_pattern_table_manager_defaults.cpp  default beams, the default table
+//   beam_pattern_table_manager_save.cpp      saving the table
 //   beam_pattern_table_manager_load.cpp      finding, reading, converting and upgrading the table file
 //   beam_pattern_table_manager_batch.cpp     whole-table get and set
 //

@@ -1,7 +1,7 @@
 // CalibrationTableManager: the calibration table of one device (serial number) at
 // one operating frequency. This file holds construction, the search for
-// calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query,
-// the header check and the insertion primitive every parsed value goes through.
+// calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query
+// and the header check.
 // Parsing lives in calibration_table_manager_parse.cpp, the queries in
 // calibration_table_manager_queries.cpp.
 #include "tables/calibration_table_manager.h"
@@ -67,40 +67,7 @@ bool is_database_error(nb::handle exc) {
     return r == 1;
 }
 
-// ------------------------------------------------------------- insertion ---
-
-// d.get(key) is None: store; otherwise merge with the mapping's own update().
-static void insert_or_merge(nb::handle d, nb::handle key, nb::handle value) {
-    nb::object existing = dict_get(d, key);
-    if (!existing.is_valid() || existing.is_none()) {
-        setitem(d, key, value);
-    } else if (PyDict_CheckExact(existing.ptr()) && PyDict_CheckExact(value.ptr())) {
-        if (PyDict_Update(existing.ptr(), value.ptr()) < 0) raise_already_set();
-    } else {
-        existing.attr("update")(value);
-    }
-}
-
-void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value) {
-    guard(
-        [&]() -> nb::object {
-            insert_or_merge(d, key, value);
-            return nb::none();
-        },
-        [&](nb::handle) -> nb::object {
-            PyObject* text = PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S",
-                                                  key.ptr(), value.ptr());
-            if (!text) raise_already_set();
-            log.exception(nb::steal(text));
-            raise(PyExc_Exception, "__updateDict exception");
-        });
-}
-
-nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
-    update_dict(log, parent, key, nb::dict());
-    return getitem(parent, key);
-}
-
+// __updateDict as a method (update_dict itself is with the parser).
 static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
     update_dict(logger_of(self, k_logger), d, key, value);
 }

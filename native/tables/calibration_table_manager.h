@@ -1,6 +1,6 @@
 // CalibrationTableManager, shared between its source files:
 //   calibration_table_manager.cpp          construction, file search, version, header check
-//   calibration_table_manager_parse.cpp    parse, JSON export, parseRawJson
+//   calibration_table_manager_parse.cpp    update_dict, parse, JSON export, parseRawJson
 //   calibration_table_manager_queries.cpp  DR/COMDR/ELEDR/TC, board offsets, common-arm data
 //
 // The manager is a plain Python class; its state lives in the instance __dict__

@@ -1,5 +1,6 @@
-// CalibrationTableManager: reading a calibration CSV into _CaliTable, the JSON
-// export and parseRawJson.
+// CalibrationTableManager: reading a calibration CSV into _CaliTable, the
+// insertion primitive every parsed value goes through, the JSON export and
+// parseRawJson.
 //
 // The file is tokenised in C++; Python objects are made only for what the table
 // stores. Plain lines (no quote, no NUL, not longer than the CSV field limit), which
@@ -29,6 +30,46 @@
 namespace vex::tables::cali {
 
 using namespace vex::py;
+
+// ------------------------------------------------------------- insertion ---
+// Every parsed value enters the table through update_dict.
+
+namespace {
+
+// d.get(key) is None: store; otherwise merge with the mapping's own update().
+void insert_or_merge(nb::handle d, nb::handle key, nb::handle value) {
+    nb::object existing = dict_get(d, key);
+    if (!existing.is_valid() || existing.is_none()) {
+        setitem(d, key, value);
+    } else if (PyDict_CheckExact(existing.ptr()) && PyDict_CheckExact(value.ptr())) {
+        if (PyDict_Update(existing.ptr(), value.ptr()) < 0) raise_already_set();
+    } else {
+        existing.attr("update")(value);
+    }
+}
+
+}  // namespace
+
+void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value) {
+    guard(
+        [&]() -> nb::object {
+            insert_or_merge(d, key, value);
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            PyObject* text = PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S",
+                                                  key.ptr(), value.ptr());
+            if (!text) raise_already_set();
+            log.exception(nb::steal(text));
+            raise(PyExc_Exception, "__updateDict exception");
+        });
+}
+
+nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
+    update_dict(log, parent, key, nb::dict());
+    return getitem(parent, key);
+}
+
 namespace {
 
 const Name k_VER{"VER"}, k_REALVER{"REALVER"}, k_SN{"SN"}, k_FCENTER{"FCENTER"}, k_DR{"DR"};
