@@ -173,7 +173,7 @@ web: install $(VENV)/.web
 # being rewritten on other branches and get their formatting pass after those merge;
 # they are skipped, and said to be: `make lint LINT_PENDING=` checks everything.
 LINT_TOOLS   := "ruff>=0.6" "mypy>=1.10" "clang-format>=18"
-LINT_PENDING ?= native bench/baseline tests src/vexcore/db src/vexcore/web src/vexcore/QRVUtils.py \
+LINT_PENDING ?= bench/baseline tests src/vexcore/db src/vexcore/web src/vexcore/QRVUtils.py \
                 src/vexcore/tables/convert.py src/vexcore/tables/check.py
 NATIVE_FILES := $(filter-out $(addsuffix %,$(LINT_PENDING)),$(shell git ls-files 'native/*.cpp' 'native/*.h' 2>/dev/null))
 comma := ,

@@ -26,8 +26,7 @@ mode_t current_umask() {
         char line[256];
         unsigned mask = 0;
         bool found = false;
-        while (!found && std::fgets(line, sizeof line, status))
-            found = std::sscanf(line, "Umask: %o", &mask) == 1;
+        while (!found && std::fgets(line, sizeof line, status)) found = std::sscanf(line, "Umask: %o", &mask) == 1;
         std::fclose(status);
         if (found) return static_cast<mode_t>(mask);
     }

@@ -98,8 +98,10 @@ bool CsvParser::process(char c) {
         }
         return true;
     case State::in_quoted_field:
-        if (c == '"') state_ = State::quote_in_quoted_field;
-        else return add_char(c);
+        if (c == '"')
+            state_ = State::quote_in_quoted_field;
+        else
+            return add_char(c);
         return true;
     case State::quote_in_quoted_field:
         if (c == '"') {
@@ -128,17 +130,14 @@ bool CsvParser::process(char c) {
 bool CsvParser::process_end_of_line() {
     switch (state_) {
     case State::start_record:
-    case State::in_quoted_field:
-        return true;
+    case State::in_quoted_field: return true;
     case State::start_field:
     case State::in_field:
     case State::quote_in_quoted_field:
         save_field();
         state_ = State::start_record;
         return true;
-    case State::eat_crnl:
-        state_ = State::start_record;
-        return true;
+    case State::eat_crnl: state_ = State::start_record; return true;
     }
     return true;
 }

@@ -71,8 +71,8 @@ nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
 
 [[noreturn]] void raise_csv_error(const codec::CsvParser& parser) {
     if (parser.error() == codec::CsvError::field_too_large)
-        raise_csv_error(nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)",
-                                                       parser.field_limit())));
+        raise_csv_error(
+            nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)", parser.field_limit())));
     raise_csv_error(str(stdlib_messages().csv_newline_in_unquoted_field));
 }
 
@@ -206,9 +206,7 @@ bool CsvReader::Impl::next_line(std::string_view& line) {
     return got;
 }
 
-CsvReader::CsvReader(std::string_view text, bool drop_nul) : impl_(new Impl(drop_nul)) {
-    impl_->text = text;
-}
+CsvReader::CsvReader(std::string_view text, bool drop_nul) : impl_(new Impl(drop_nul)) { impl_->text = text; }
 
 CsvReader::CsvReader(nb::handle iterable_of_lines, bool drop_nul) : impl_(nullptr) {
     PyObject* it = PyObject_GetIter(iterable_of_lines.ptr());
@@ -257,8 +255,8 @@ void csv_write_row(std::string& out, nb::handle row) {
     if (!it) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
         PyErr_Clear();
-        raise_csv_error(nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s",
-                                                       type_name_of(row.ptr()).c_str())));
+        raise_csv_error(
+            nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s", type_name_of(row.ptr()).c_str())));
     }
     nb::object iterator = nb::steal(it);
     const std::size_t start = out.size();

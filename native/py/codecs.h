@@ -129,7 +129,6 @@ void remember_standard_json_loads(nb::handle loads);
 
 // ------------------------------------------------------- bulk building ---
 
-
 // ------------------------------------------------------------ file writes --
 
 // Replaces the file at `path` (str or os.PathLike) with `data` atomically: the

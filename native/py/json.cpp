@@ -34,7 +34,11 @@ struct Ref {
     ~Ref() { Py_XDECREF(p); }
     Ref(const Ref&) = delete;
     Ref& operator=(const Ref&) = delete;
-    PyObject* release() { PyObject* o = p; p = nullptr; return o; }
+    PyObject* release() {
+        PyObject* o = p;
+        p = nullptr;
+        return o;
+    }
 };
 
 PyObject* checked(PyObject* o) {
@@ -113,14 +117,48 @@ private:
         if (i >= text_.size()) throw ScanError{"Expecting value", i};
         switch (text_[i]) {
         case '"': return scan_string(i + 1, next, false);
-        case '{': return nested(" while decoding a JSON object from a unicode string", [&] { return scan_object(i + 1, next); });
-        case '[': return nested(" while decoding a JSON array from a unicode string", [&] { return scan_array(i + 1, next); });
-        case 'n': if (matches(i, "null")) { next = i + 4; Py_RETURN_NONE; } break;
-        case 't': if (matches(i, "true")) { next = i + 4; Py_RETURN_TRUE; } break;
-        case 'f': if (matches(i, "false")) { next = i + 5; Py_RETURN_FALSE; } break;
-        case 'N': if (matches(i, "NaN")) { next = i + 3; return nan_.inc_ref().ptr(); } break;
-        case 'I': if (matches(i, "Infinity")) { next = i + 8; return inf_.inc_ref().ptr(); } break;
-        case '-': if (matches(i, "-Infinity")) { next = i + 9; return neg_inf_.inc_ref().ptr(); } break;
+        case '{':
+            return nested(" while decoding a JSON object from a unicode string",
+                          [&] { return scan_object(i + 1, next); });
+        case '[':
+            return nested(" while decoding a JSON array from a unicode string",
+                          [&] { return scan_array(i + 1, next); });
+        case 'n':
+            if (matches(i, "null")) {
+                next = i + 4;
+                Py_RETURN_NONE;
+            }
+            break;
+        case 't':
+            if (matches(i, "true")) {
+                next = i + 4;
+                Py_RETURN_TRUE;
+            }
+            break;
+        case 'f':
+            if (matches(i, "false")) {
+                next = i + 5;
+                Py_RETURN_FALSE;
+            }
+            break;
+        case 'N':
+            if (matches(i, "NaN")) {
+                next = i + 3;
+                return nan_.inc_ref().ptr();
+            }
+            break;
+        case 'I':
+            if (matches(i, "Infinity")) {
+                next = i + 8;
+                return inf_.inc_ref().ptr();
+            }
+            break;
+        case '-':
+            if (matches(i, "-Infinity")) {
+                next = i + 9;
+                return neg_inf_.inc_ref().ptr();
+            }
+            break;
         }
         return scan_number(i, next);
     }
@@ -128,7 +166,9 @@ private:
     template <class F>
     PyObject* nested(const char* where, F&& scan) {
         if (Py_EnterRecursiveCall(where)) raise_already_set();
-        struct Leave { ~Leave() { Py_LeaveRecursiveCall(); } } leave;
+        struct Leave {
+            ~Leave() { Py_LeaveRecursiveCall(); }
+        } leave;
         return scan();
     }
 
@@ -155,8 +195,10 @@ private:
             const std::size_t e_start = i++;
             if (i + 1 < n && (text_[i] == '-' || text_[i] == '+')) ++i;
             while (i < n && is_digit(text_[i])) ++i;
-            if (is_digit(text_[i - 1])) is_float = true;
-            else i = e_start;
+            if (is_digit(text_[i - 1]))
+                is_float = true;
+            else
+                i = e_start;
         }
         next = i;
         return is_float ? make_float(start, i) : make_int(start, i);
@@ -271,10 +313,14 @@ private:
         for (std::size_t k = i; k < i + 4; ++k) {
             const char d = text_[k];
             value <<= 4;
-            if (d >= '0' && d <= '9') value |= d - '0';
-            else if (d >= 'a' && d <= 'f') value |= d - 'a' + 10;
-            else if (d >= 'A' && d <= 'F') value |= d - 'A' + 10;
-            else return -1;
+            if (d >= '0' && d <= '9')
+                value |= d - '0';
+            else if (d >= 'a' && d <= 'f')
+                value |= d - 'a' + 10;
+            else if (d >= 'A' && d <= 'F')
+                value |= d - 'A' + 10;
+            else
+                return -1;
         }
         return value;
     }
@@ -305,8 +351,7 @@ private:
     // older ones fail on the bracket itself, as a missing item.
     std::size_t after_comma(std::size_t comma, char closing, const char* trailing_comma) {
         const std::size_t i = skip_whitespace(comma + 1);
-        if (at(i, closing) && stdlib_messages().json_names_trailing_comma)
-            throw ScanError{trailing_comma, comma};
+        if (at(i, closing) && stdlib_messages().json_names_trailing_comma) throw ScanError{trailing_comma, comma};
         return i;
     }
 
@@ -347,8 +392,7 @@ private:
         }
         const std::size_t count = stack_.size() - base;
         PyObject* list = checked(PyList_New(static_cast<Py_ssize_t>(count)));
-        for (std::size_t k = 0; k < count; ++k)
-            list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
+        for (std::size_t k = 0; k < count; ++k) list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
         stack_.resize(base);
         next = i + 1;
         return list;
@@ -415,9 +459,7 @@ public:
     // o.__class__.__name__, the name json's default() gives an object it refuses
     // (and, before 3.13, the pure-Python indenting encoder a key it refuses):
     // "datetime", where C code says "datetime.datetime".
-    static nb::object class_name(PyObject* o) {
-        return getattr(getattr(o, k_dunder_class), k_dunder_name);
-    }
+    static nb::object class_name(PyObject* o) { return getattr(getattr(o, k_dunder_class), k_dunder_name); }
 
     void value(PyObject* o, std::size_t level) {
         if (scalar(o)) return;
@@ -476,17 +518,26 @@ private:
     void key(PyObject* k) {
         if (PyUnicode_Check(k)) return string(k);
         std::string text;
-        if (PyFloat_Check(k)) codec::append_json_float(text, float_value(k));
-        else if (k == Py_True) text = "true";
-        else if (k == Py_False) text = "false";
-        else if (k == Py_None) text = "null";
+        if (PyFloat_Check(k))
+            codec::append_json_float(text, float_value(k));
+        else if (k == Py_True)
+            text = "true";
+        else if (k == Py_False)
+            text = "false";
+        else if (k == Py_None)
+            text = "null";
         else if (PyLong_Check(k)) {
             std::swap(text, out_);
-            try { integer(k); } catch (...) { std::swap(text, out_); throw; }
+            try {
+                integer(k);
+            } catch (...) {
+                std::swap(text, out_);
+                throw;
+            }
             std::swap(text, out_);
         } else {
-            nb::object type = stdlib_messages().json_key_refusal_names_c_type
-                                  ? str(type_name_of(k)) : class_name(k);
+            nb::object type =
+                stdlib_messages().json_key_refusal_names_c_type ? str(type_name_of(k)) : class_name(k);
             PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S", type.ptr());
             raise_already_set();
         }

@@ -56,7 +56,8 @@ std::array<nb::object, 3> unpack_three(nb::handle value) {
         if (PyErr_ExceptionMatches(PyExc_TypeError) && !PyType_GetSlot(Py_TYPE(value.ptr()), Py_tp_iter) &&
             !PySequence_Check(value.ptr())) {
             PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(value.ptr()).c_str());
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
+                         type_name_of(value.ptr()).c_str());
         }
         raise_already_set();
     }

@@ -130,8 +130,7 @@ bool unsafe_file_name(nb::handle name) {
 }
 
 nb::object refuse_unsafe_name(const Log& log, nb::handle name) {
-    nb::object msg = percent("AAKit name %r must not contain a path separator or NUL",
-                             nb::make_tuple(name));
+    nb::object msg = percent("AAKit name %r must not contain a path separator or NUL", nb::make_tuple(name));
     return logged_error(log, "ERROR_BF_AAKIT", msg);
 }
 
@@ -183,8 +182,8 @@ nb::dict field_limits(nb::handle total_ch, nb::handle num_polar) {
 
 // `path` is accepted for compatibility and unused: kit files always live in the
 // SDK files directory.
-void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path,
-          nb::handle num_polar, nb::handle support_dev, nb::handle web_client_id) {
+void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path, nb::handle num_polar,
+          nb::handle support_dev, nb::handle web_client_id) {
     setattr(self, k_logger, Log::named("AAKitTbl").logger());
     setattr(self, k_devtype, devtype);
     setattr(self, k_num_polarization, num_polar);
@@ -322,8 +321,8 @@ bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Ce
     }
     if (PyDict_SetItem(kit.record.ptr(), k_DEV_TYPE.ptr(), dev.ptr()) < 0) {
         PyErr_Clear();
-        log.error(concat({kit.name, str(" not support "), k_DEV_TYPE, str(": "), py_str(dev),
-                          str(", skip this file")}));
+        log.error(
+            concat({kit.name, str(" not support "), k_DEV_TYPE, str(": "), py_str(dev), str(", skip this file")}));
         return false;
     }
     return true;
@@ -345,8 +344,8 @@ bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& ki
     nb::object total_ch = getattr(self, k_totol_ch);
     if (compare(count, total_ch, Py_NE)) {
         if (log.on(ERROR))
-            log.error(concat({key, str(": number of channel:"), py_str(count), str(" not equal to "),
-                              py_str(total_ch)}));
+            log.error(concat(
+                {key, str(": number of channel:"), py_str(count), str(" not equal to "), py_str(total_ch)}));
         return false;
     }
     kit.record[key] = offset_list(row);
@@ -357,23 +356,13 @@ bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& ki
 bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     std::string_view key = row[0];
     switch (rule_for(key)) {
-    case Rule::Name:
-        kit.name = str(value_at(row, 0));
-        return true;
-    case Rule::DevType:
-        return read_device_type(self, log, path, row, kit);
-    case Rule::Type:
-        return read_kit_type(log, row, kit);
-    case Rule::Spacing:
-        kit.record[k_SPACING.handle()] = float_pair(row);
-        return true;
-    case Rule::Steering:
-        kit.record[key_object(key)] = float_pair(row);
-        return true;
-    case Rule::Offset:
-        return read_offsets(self, log, row, kit);
-    case Rule::Ignore:
-        return true;
+    case Rule::Name: kit.name = str(value_at(row, 0)); return true;
+    case Rule::DevType: return read_device_type(self, log, path, row, kit);
+    case Rule::Type: return read_kit_type(log, row, kit);
+    case Rule::Spacing: kit.record[k_SPACING.handle()] = float_pair(row); return true;
+    case Rule::Steering: kit.record[key_object(key)] = float_pair(row); return true;
+    case Rule::Offset: return read_offsets(self, log, row, kit);
+    case Rule::Ignore: return true;
     }
     return true;
 }
@@ -396,7 +385,7 @@ void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& ki
 }
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
-                       nb::handle read_path = nb::handle());
+                        nb::handle read_path = nb::handle());
 bool check_time_format(nb::handle self, nb::handle time_str);
 
 // Whether a kit of that name is in the table or has a file already.
@@ -423,7 +412,8 @@ nb::object free_stamped_name(nb::handle self, nb::handle name) {
 // A custom kit is named "<user name>_<stamp>". One with an older name gets a
 // stamped name, in the table and on disk (the file is saved under the new name
 // and the old one deleted). A rename that fails is logged and parsing goes on.
-void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record, nb::handle path) {
+void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record,
+                             nb::handle path) {
     nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
     if (!parts.is_valid()) raise_already_set();
     Py_ssize_t count = list_size(parts.ptr());
@@ -447,12 +437,16 @@ void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, n
 void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
     KitFile kit;
     kit.name = nb::borrow(k_empty.handle());
-    guard([&]() -> nb::object { read_kit_file(self, log, path, kit); return nb::none(); },
-          [&](nb::handle) -> nb::object {
-              log.exception(str("Skip %s due to parsing exception"), path);
-              kit.skipped = true;
-              return nb::none();
-          });
+    guard(
+        [&]() -> nb::object {
+            read_kit_file(self, log, path, kit);
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("Skip %s due to parsing exception"), path);
+            kit.skipped = true;
+            return nb::none();
+        });
     if (kit.skipped) return;
     setitem(getattr(self, k_table), kit.name, kit.record);
     if (log.on(INFO)) log.info(concat({str("Parsing ("), kit.name, str(")"), path, str(" done")}));
@@ -768,8 +762,10 @@ nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spaci
             nb::dict record;
             record[k_DEV_TYPE.handle()] = device;
             record[k_TYPE.handle()] = custom;
-            nb::object bad = first_bad_field(self, {{&k_SPACING, spacing}, {&k_STEERING_H, steering_h},
-                                                    {&k_STEERING_V, steering_v}, {&k_OFFSET_TX, offset_tx},
+            nb::object bad = first_bad_field(self, {{&k_SPACING, spacing},
+                                                    {&k_STEERING_H, steering_h},
+                                                    {&k_STEERING_V, steering_v},
+                                                    {&k_OFFSET_TX, offset_tx},
                                                     {&k_OFFSET_RX, offset_rx}});
             if (bad.is_valid()) {
                 setattr(failure, k_RetMsg, concat({getattr(failure, k_RetMsg), str(": "), bad}));
@@ -804,8 +800,8 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     const bool from_source = source.is_valid() && !source.is_none() && !same_file(fs_bytes(source), old_file);
     const std::string removed_file = from_source ? fs_bytes(source) : old_file;
     auto refuse = [&](const char* why, nb::handle detail) {
-        nb::object msg = percent("AAKit %s is not renamed to %s: %s", nb::make_tuple(old_name, new_name,
-                                                                                     percent(why, detail)));
+        nb::object msg =
+            percent("AAKit %s is not renamed to %s: %s", nb::make_tuple(old_name, new_name, percent(why, detail)));
         return logged_error(log, "ERROR_BF_AAKIT", msg);
     };
     const std::string new_base = codec::base_of(new_file);
@@ -818,7 +814,8 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     if (!file_exists(removed_file)) {
         nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
         if (ret_failed(deleted)) return deleted;
-        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(),
+                                              nb::arg("check") = false);
     }
     // The new file's text first: a record that cannot be written (a field
     // missing) is refused before anything is on disk.
@@ -836,7 +833,8 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
         // The kit read from `source` leaves the table and its file goes, as
         // deleteAAKitInfo would do for a file named after the kit.
         if (PyObject_DelItem(getattr(self, k_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
-        deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok() : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
+        deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok()
+                                                      : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
         if (!ret_failed(deleted)) log.info(str("Deleted %s"), source);
     } else {
         deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
@@ -850,7 +848,7 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
 }
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
-                       nb::handle source) {
+                        nb::handle source) {
     Log log = logger_of(self, k_logger);
     log.debug(str("Rename AAKit -> delete old then add new one"));
     if (truthy(callback)) {
@@ -905,8 +903,7 @@ nb::object kit_row(nb::handle record, nb::handle field) {
     nb::object row = nb::steal(PyList_New(count + 1));
     if (!row.is_valid()) raise_already_set();
     list_fill(row.ptr(), 0, Py_NewRef(field.ptr()));
-    for (Py_ssize_t i = 0; i < count; ++i)
-        list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
+    for (Py_ssize_t i = 0; i < count; ++i) list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
     return row;
 }
 
@@ -994,7 +991,8 @@ void define_aakit_table_manager(nb::module_& m) {
     cls.def("setAAKitInfo", &set_aakit_info, arg("kitName"), arg("spacing"), arg("steeringH"), arg("steeringV"),
             arg("offsetTx"), arg("offsetRx"), arg("custom") = 1, arg("callback") = nb::none(),
             arg("dev_type") = nb::none(), arg("newKitName") = nb::none());
-    cls.def_private("renameAAKit", &rename_aakit_method, arg("oldName"), arg("newName"), arg("callback") = nb::none());
+    cls.def_private("renameAAKit", &rename_aakit_method, arg("oldName"), arg("newName"),
+                    arg("callback") = nb::none());
     cls.def("deleteAAKitInfo", &delete_aakit_info, arg("kitName"), arg("callback") = nb::none(),
             arg("check") = true);
     cls.def_private("writeCSVRow", &write_csv_row, arg("writer"), arg("table"), arg("field"));

@@ -8,7 +8,6 @@
 
 #include "tables/tables.h"
 
-
 namespace vex::tables::beams {
 
 using namespace vex::py;
@@ -197,8 +196,7 @@ nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle 
     return ret_ok();
 }
 
-nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta,
-                              nb::handle phi) {
+nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta, nb::handle phi) {
     nb::object hook = getattr(self, a_beam_check);
     return call_hook(hook, {mode, db, theta, phi, nb::none()});
 }
@@ -383,8 +381,8 @@ nb::object apply_channel_beam(const SetRequest& req, nb::handle beam) {
                 req.log.debug(str("Skip assign channel config, just checking original gains"));
             nb::object checked = validate_channel_config(req.self, beam, req.mode.member);
             if (!ret_failed(checked)) return nb::none();
-            nb::object prefix = concat(concat(str("BeamID_"), py_str(req.beam_id)),
-                                       str(": Checking channel config failed: "));
+            nb::object prefix =
+                concat(concat(str("BeamID_"), py_str(req.beam_id)), str(": Checking channel config failed: "));
             nb::object message = concat(prefix, getattr(checked, k_RetMsg));
             setattr(checked, k_RetMsg, message);
             req.log.error(message);
@@ -480,7 +478,8 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
     }
 
     if (log.on(INFO))
-        log.info(nb::steal(PyUnicode_FromFormat("Set/update beam:%S pattern -> %S", py_str(beam_id).ptr(), beam.ptr())));
+        log.info(nb::steal(
+            PyUnicode_FromFormat("Set/update beam:%S pattern -> %S", py_str(beam_id).ptr(), beam.ptr())));
     setitem(getitem(getattr(self, a_table), req.mode.name), py_str(beam_id), beam);
     if (truthy(save)) return getattr(self, m_saveToBeamTableFile)();
     return ret_ok();

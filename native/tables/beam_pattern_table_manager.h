@@ -126,10 +126,7 @@ nb::object default_channel_config(nb::handle self, const Mode& mode);
 nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle mode);
 
 // Calls the beam hook with a steered beam's values; returns its result.
-nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta,
-                              nb::handle phi);
-
-
+nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta, nb::handle phi);
 
 // ------------------------------------------------------------- methods ----
 

@@ -18,8 +18,7 @@ namespace {
 // limits[index] with Python's indexing, fast for the usual list.
 nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     PyObject* seq = limits.ptr();
-    if (PyList_CheckExact(seq) && index >= 0 && index < list_size(seq))
-        return nb::borrow(list_item(seq, index));
+    if (PyList_CheckExact(seq) && index >= 0 && index < list_size(seq)) return nb::borrow(list_item(seq, index));
     nb::object key = nb::steal(PyLong_FromSsize_t(index));
     if (!key.is_valid()) raise_already_set();
     return getitem(limits, key);
@@ -84,11 +83,13 @@ void fill_channel_config(nb::handle config, const Layout& layout, nb::handle sel
                 board = new_dict(n + 1);
                 put(board, k_common_db, common);
                 planned_board = planned_item(use.planned, board_key(board_number));
-                if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr())) planned_board = nb::object();
+                if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr()))
+                    planned_board = nb::object();
             }
         }
         if (!started)
-            raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
+            raise(PyExc_UnboundLocalError,
+                  "cannot access local variable 'board' where it is not associated with a value");
         if (!board_gain.is_valid()) {
             if (!eledr.is_valid()) eledr = getitem(getattr(self, a_ELEDR), mode.value);
             board_gain = limit_at(eledr, board_number - 1);

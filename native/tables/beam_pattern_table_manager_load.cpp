@@ -218,7 +218,8 @@ nb::object convert_channel_list(nb::handle self, const Log& log, const Mode& mod
                          getitem(getitem(getattr(self, a_ELEDR), mode.value), index));
         }
         if (!board.is_valid())
-            raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
+            raise(PyExc_UnboundLocalError,
+                  "cannot access local variable 'board' where it is not associated with a value");
         nb::dict channel;
         channel[k_sw.handle()] = getitem(old, k_sw);
         channel[k_db.handle()] = smaller(getitem(old, k_db), cap);

@@ -54,9 +54,7 @@ nb::object board_key(nb::handle number) {
 
 bool dual_polarization(nb::handle self) { return truthy(getattr(self, k_support_polar)); }
 
-bool uses_database(nb::handle self) {
-    return truthy(getattr(self, k_web_mode)) && !dual_polarization(self);
-}
+bool uses_database(nb::handle self) { return truthy(getattr(self, k_web_mode)) && !dual_polarization(self); }
 
 nb::object database(nb::handle self) { return getattr(self, k_db); }
 
@@ -102,8 +100,8 @@ static nb::object files_folder() {
     return global(path_class)(global(utils).attr("_get_files_dir")());
 }
 
-static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout,
-                 nb::handle support_polar, nb::handle web_client_id, nb::handle fetch_csv_from_file) {
+static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
+                 nb::handle web_client_id, nb::handle fetch_csv_from_file) {
     setattr(self, k_logger, Log::named("CaliTbl").logger());
     setattr(self, k_sn, sn);
     setattr(self, k_freq, freq);
@@ -174,8 +172,10 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
 
     nb::object sn_text = py_format("%S", getattr(self, k_sn));
     if (serial_number_leaves_folder(sn_text)) {
-        logger_of(self, k_logger).error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
-                                      "is searched for it"), sn_text);
+        logger_of(self, k_logger)
+            .error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
+                           "is searched for it"),
+                   sn_text);
         return result;
     }
     PyObject* name = PyUnicode_FromFormat("%S*GHz%S", sn_text.ptr(), extension.ptr());

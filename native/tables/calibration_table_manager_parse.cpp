@@ -57,8 +57,8 @@ void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value)
             return nb::none();
         },
         [&](nb::handle) -> nb::object {
-            PyObject* text = PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S",
-                                                  key.ptr(), value.ptr());
+            PyObject* text =
+                PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S", key.ptr(), value.ptr());
             if (!text) raise_already_set();
             log.exception(nb::steal(text));
             raise(PyExc_Exception, "__updateDict exception");
@@ -77,17 +77,32 @@ const Name k_TX{"TX"}, k_RX{"RX"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_TEMPADC
 const Name k_TC{"TC"}, k_COMSTEPDR{"COMSTEPDR"};
 
 enum class RowKind {
-    Unknown, Ver, RealVer, Sn, FCenter, Dr, OffsetTx, OffsetRx,
-    ComDr, EleDr, TempAdc, Tc, ComStepDr, Data, End
+    Unknown,
+    Ver,
+    RealVer,
+    Sn,
+    FCenter,
+    Dr,
+    OffsetTx,
+    OffsetRx,
+    ComDr,
+    EleDr,
+    TempAdc,
+    Tc,
+    ComStepDr,
+    Data,
+    End
 };
 
 // Keys are matched exactly; DATA comes first because it is most rows of a table.
 RowKind kind_of(std::string_view key) {
     static const std::pair<std::string_view, RowKind> kinds[] = {
-        {"DATA", RowKind::Data},       {"VER", RowKind::Ver},           {"REALVER", RowKind::RealVer},
-        {"SN", RowKind::Sn},           {"FCENTER", RowKind::FCenter},   {"DR", RowKind::Dr},
-        {"OFFSET_TX", RowKind::OffsetTx}, {"OFFSET_RX", RowKind::OffsetRx}, {"COMDR", RowKind::ComDr},
-        {"ELEDR", RowKind::EleDr},     {"TEMPADC", RowKind::TempAdc},   {"TC", RowKind::Tc},
+        {"DATA", RowKind::Data},           {"VER", RowKind::Ver},
+        {"REALVER", RowKind::RealVer},     {"SN", RowKind::Sn},
+        {"FCENTER", RowKind::FCenter},     {"DR", RowKind::Dr},
+        {"OFFSET_TX", RowKind::OffsetTx},  {"OFFSET_RX", RowKind::OffsetRx},
+        {"COMDR", RowKind::ComDr},         {"ELEDR", RowKind::EleDr},
+        {"TEMPADC", RowKind::TempAdc},     {"TC", RowKind::Tc},
         {"COMSTEPDR", RowKind::ComStepDr}, {"END", RowKind::End},
     };
     for (const auto& [name, kind] : kinds)
@@ -215,7 +230,9 @@ private:
 class TableReader {
 public:
     TableReader(nb::handle self, const Log& log, nb::handle table)
-        : self_(self), log_(log), table_(table),
+        : self_(self),
+          log_(log),
+          table_(table),
           boards_(as_index(getattr(self, k_num_board))),
           ics_(as_index(getattr(self, k_num_ic_per_board))),
           channels_(as_index(getattr(self, k_num_channel_per_ic))) {}
@@ -248,20 +265,21 @@ public:
 private:
     void store(RowKind kind, const Cells& row) {
         switch (kind) {
-            case RowKind::Data: store_data(row); break;
-            case RowKind::Ver: store_header(k_VER, row); break;
-            case RowKind::RealVer: store_header(k_REALVER, row); break;
-            case RowKind::Sn: store_header(k_SN, row); break;
-            case RowKind::FCenter: store_header(k_FCENTER, row); break;
-            case RowKind::Dr: store_dr(row); break;
-            case RowKind::OffsetTx: store_offsets(k_TX, row); break;
-            case RowKind::OffsetRx: store_offsets(k_RX, row); break;
-            case RowKind::ComDr: store_arm_range(k_COMDR, row); break;
-            case RowKind::EleDr: store_arm_range(k_ELEDR, row); break;
-            case RowKind::TempAdc: store_temp_adc(row); break;
-            case RowKind::Tc: store_tc(row); break;
-            case RowKind::ComStepDr: store_com_step(row); break;
-            case RowKind::Unknown: case RowKind::End: break;
+        case RowKind::Data: store_data(row); break;
+        case RowKind::Ver: store_header(k_VER, row); break;
+        case RowKind::RealVer: store_header(k_REALVER, row); break;
+        case RowKind::Sn: store_header(k_SN, row); break;
+        case RowKind::FCenter: store_header(k_FCENTER, row); break;
+        case RowKind::Dr: store_dr(row); break;
+        case RowKind::OffsetTx: store_offsets(k_TX, row); break;
+        case RowKind::OffsetRx: store_offsets(k_RX, row); break;
+        case RowKind::ComDr: store_arm_range(k_COMDR, row); break;
+        case RowKind::EleDr: store_arm_range(k_ELEDR, row); break;
+        case RowKind::TempAdc: store_temp_adc(row); break;
+        case RowKind::Tc: store_tc(row); break;
+        case RowKind::ComStepDr: store_com_step(row); break;
+        case RowKind::Unknown:
+        case RowKind::End: break;
         }
     }
 

@@ -251,7 +251,8 @@ nb::list get_tc(nb::handle self) {
     nb::list result;
     for (Py_ssize_t b = 1; b <= entries; ++b) {
         nb::object board = board_key(b);
-        result.append(dual ? polarized_tc(table, board, names) : mode_tc(self, table, board, names, from_database));
+        result.append(dual ? polarized_tc(table, board, names)
+                           : mode_tc(self, table, board, names, from_database));
     }
     return result;
 }
@@ -429,8 +430,8 @@ nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board,
 
 void define_query_methods(ClassBuilder& cls) {
     nb::object tx_name = getattr(RFMode().attr("TX"), k_name);
-    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"),
-            vex::py::arg("rf_mode_str") = tx_name, vex::py::arg("chip") = 1);
+    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"), vex::py::arg("rf_mode_str") = tx_name,
+            vex::py::arg("chip") = 1);
     cls.def("getDR", &get_dr, vex::py::arg("rf_mode") = nb::none());
     cls.def_private("getXXXDR", &get_xxx_dr, vex::py::arg("key"));
     cls.def("getCOMDR", &get_com_dr);
@@ -438,13 +439,12 @@ void define_query_methods(ClassBuilder& cls) {
     cls.def("_getBoardCOMDR", &get_board_com_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
     cls.def("_getBoardELEDR", &get_board_ele_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
     cls.def("_getTC", &get_tc);
-    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"),
-                    vex::py::arg("min"), vex::py::arg("max"));
+    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"), vex::py::arg("min"),
+                    vex::py::arg("max"));
     cls.def("_searchComStepDR", &search_com_step_dr, vex::py::arg("board"), vex::py::arg("rf_mode_str"),
             vex::py::arg("min"), vex::py::arg("max"), vex::py::arg("polar"));
-    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"),
-            vex::py::arg("chip"), vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"),
-            vex::py::arg("com_list"));
+    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"), vex::py::arg("chip"),
+            vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"), vex::py::arg("com_list"));
 }
 
 }  // namespace vex::tables::cali

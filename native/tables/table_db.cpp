@@ -58,9 +58,7 @@ nb::list query_keys(nb::handle key) {
     return keys;
 }
 
-nb::object unsent_key(Py_ssize_t n) {
-    return nb::steal(PyUnicode_FromFormat("%s%zd", kQueryPrefix, n));
-}
+nb::object unsent_key(Py_ssize_t n) { return nb::steal(PyUnicode_FromFormat("%s%zd", kQueryPrefix, n)); }
 
 // --------------------------------------------------------- QRVTableDBError --
 
@@ -73,16 +71,15 @@ void error_init(nb::handle self, nb::handle code, nb::handle msg) {
 // -------------------------------------------------------------- _QRVTableDB --
 
 void db_init(nb::handle self, nb::handle table_name, nb::handle temp) {
-    if (!PyDict_Check(temp.ptr()))
-        raise(PyExc_TypeError, "_QRVTableDB() argument 'temp' must be dict");
+    if (!PyDict_Check(temp.ptr())) raise(PyExc_TypeError, "_QRVTableDB() argument 'temp' must be dict");
     Log log = Log::named("TblDB");
     setattr(self, k_logger, log.logger());
     guard(
         [&]() -> nb::object {
             nb::object package = module().attr("__name__").attr("replace")(".device", "");
-            nb::object service = global(Name("importlib"))
-                                     .attr("import_module")("vexcore.db.QRVDBQueryer",
-                                                            nb::arg("package") = package);
+            nb::object service =
+                global(Name("importlib"))
+                    .attr("import_module")("vexcore.db.QRVDBQueryer", nb::arg("package") = package);
             setattr(self, k_db, service.attr("DBQueryer")(table_name));
             setattr(self, k_template, temp);   // by reference: setFreq is seen by the creator
             setattr(self, k_unsent, nb::dict());
@@ -116,8 +113,8 @@ nb::object db_return(nb::handle self, nb::handle db_info) {
 
 nb::object db_get_table_list(nb::handle self, nb::handle name) {
     nb::object command = nb::str("get") + nb::borrow(name) + nb::str("List");
-    nb::object reply = getattr(self, k_db).attr(k_queryDB)(getattr(self, k_template),
-                                                          nb::arg("queryCmd") = command);
+    nb::object reply =
+        getattr(self, k_db).attr(k_queryDB)(getattr(self, k_template), nb::arg("queryCmd") = command);
     return getattr(self, k_returnDB)(reply);
 }
 
@@ -184,7 +181,8 @@ void define_table_db(nb::module_& m) {
     error.def("__init__", &error_init, vex::py::arg("code"), vex::py::arg("msg"));
     error.finish();
 
-    ClassBuilder db(m, "_QRVTableDB", "Responsible to dynamic loading DBQueryer then package query info to payload");
+    ClassBuilder db(m, "_QRVTableDB",
+                    "Responsible to dynamic loading DBQueryer then package query info to payload");
     db.def("__init__", &db_init, vex::py::arg("table_name"), vex::py::arg("temp"));
     db.def_private("returnDB", &db_return, vex::py::arg("db_info"));
     db.def("getTableList", &db_get_table_list, vex::py::arg("name"));
