@@ -1,7 +1,7 @@
 // CalibrationTableManager: the calibration table of one device (serial number) at
 // one operating frequency. This file holds construction, the search for
 // calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query
-// and the header check.
+// and the header check, and the class definition: every method is bound here.
 // Parsing lives in calibration_table_manager_parse.cpp, the queries in
 // calibration_table_manager_queries.cpp.
 #include "tables/calibration_table_manager.h"
@@ -304,8 +304,25 @@ void define_calibration_table_manager(nb::module_& m) {
     cls.def("checkCaliTableLocation", &check_cali_table_location);
     cls.def("getFrequencyList", &get_frequency_list, vex::py::arg("force_refresh") = false);
     cls.def("queryCaliTableVer", &query_cali_table_ver);
-    define_parse_methods(cls);
-    define_query_methods(cls);
+    cls.def("parse", &parse, vex::py::arg("freq") = nb::none(), vex::py::arg("fileObject") = nb::none(),
+            vex::py::arg("exportToJson") = false);
+    cls.def("parseRawJson", &parse_raw_json);
+    nb::object tx_name = getattr(RFMode().attr("TX"), k_name);
+    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"), vex::py::arg("rf_mode_str") = tx_name,
+            vex::py::arg("chip") = 1);
+    cls.def("getDR", &get_dr, vex::py::arg("rf_mode") = nb::none());
+    cls.def_private("getXXXDR", &get_xxx_dr, vex::py::arg("key"));
+    cls.def("getCOMDR", &get_com_dr);
+    cls.def("getELEDR", &get_ele_dr);
+    cls.def("_getBoardCOMDR", &get_board_com_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
+    cls.def("_getBoardELEDR", &get_board_ele_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
+    cls.def("_getTC", &get_tc);
+    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"), vex::py::arg("min"),
+                    vex::py::arg("max"));
+    cls.def("_searchComStepDR", &search_com_step_dr, vex::py::arg("board"), vex::py::arg("rf_mode_str"),
+            vex::py::arg("min"), vex::py::arg("max"), vex::py::arg("polar"));
+    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"), vex::py::arg("chip"),
+            vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"), vex::py::arg("com_list"));
     cls.finish();
 }
 

@@ -1,5 +1,5 @@
 // CalibrationTableManager, shared between its source files:
-//   calibration_table_manager.cpp          construction, file search, version, header check
+//   calibration_table_manager.cpp          construction, file search, version, header check, the class
 //   calibration_table_manager_parse.cpp    update_dict, parse, JSON export, parseRawJson
 //   calibration_table_manager_queries.cpp  DR/COMDR/ELEDR/TC, board offsets, common-arm data
 //
@@ -71,9 +71,26 @@ nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key);
 // __basicCheck(table): RetType() or the header failure (logged).
 nb::object basic_check(nb::handle self, nb::handle table);
 
-// ----------------------------------------------------- the three parts ---
+// ---------------------------------------------- methods of the other parts ---
+// Bound with the rest of the class in calibration_table_manager.cpp.
 
-void define_parse_methods(ClassBuilder& cls);
-void define_query_methods(ClassBuilder& cls);
+// calibration_table_manager_parse.cpp
+nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json);
+nb::object parse_raw_json(nb::handle self);
+
+// calibration_table_manager_queries.cpp
+nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mode_str, nb::handle chip);
+nb::object get_dr(nb::handle self, nb::handle rf_mode);
+nb::object get_xxx_dr(nb::handle self, nb::handle key);
+nb::object get_com_dr(nb::handle self);
+nb::object get_ele_dr(nb::handle self);
+nb::object get_board_com_dr(nb::handle self, nb::handle mode, nb::handle board_idx);
+nb::object get_board_ele_dr(nb::handle self, nb::handle mode, nb::handle board_idx);
+nb::list get_tc(nb::handle self);
+nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handle min, nb::handle max);
+nb::list search_com_step_dr(nb::handle self, nb::handle board, nb::handle rf_mode_str, nb::handle min,
+                            nb::handle max, nb::handle polar);
+nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board, nb::handle chip,
+                      nb::handle channel, nb::handle gain, nb::handle phase, nb::handle com_list);
 
 }  // namespace vex::tables::cali

@@ -517,6 +517,8 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
     return ret;
 }
 
+}  // namespace
+
 nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json) {
     Log log = logger_of(self, k_logger);
     return guard([&]() { return parse_steps(self, log, freq, file_object, export_to_json); },
@@ -540,14 +542,6 @@ nb::object parse_raw_json(nb::handle self) {
             log.exception(str("cali file error"));
             return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
         });
-}
-
-}  // namespace
-
-void define_parse_methods(ClassBuilder& cls) {
-    cls.def("parse", &parse, vex::py::arg("freq") = nb::none(), vex::py::arg("fileObject") = nb::none(),
-            vex::py::arg("exportToJson") = false);
-    cls.def("parseRawJson", &parse_raw_json);
 }
 
 }  // namespace vex::tables::cali

@@ -71,10 +71,14 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
     return ret_data(getitem(getitem(table_of(self), k_DR), name));
 }
 
+}  // namespace
+
 nb::object get_dr(nb::handle self, nb::handle rf_mode) {
     return guard([&]() { return dynamic_range(self, rf_mode); },
                  [&](nb::handle exc) { return query_failure(self, exc, "getDR exception"); });
 }
+
+namespace {
 
 // ------------------------------------------------------ board-level cache ---
 
@@ -180,6 +184,8 @@ nb::object ranges_of(nb::handle self, nb::handle kind) {
     return getitem(cache, kind);
 }
 
+}  // namespace
+
 nb::object get_xxx_dr(nb::handle self, nb::handle key) { return ranges_of(self, key); }
 
 nb::object get_com_dr(nb::handle self) {
@@ -192,10 +198,14 @@ nb::object get_ele_dr(nb::handle self) {
                  [&](nb::handle exc) { return query_failure(self, exc, "getELEDR exception"); });
 }
 
+namespace {
+
 nb::object board_range(nb::handle self, const Name& kind, nb::handle mode, nb::handle board_idx) {
     nb::object index = getattr(RFMode()(mode), k_value);
     return getitem(getitem(ranges_of(self, kind), index), board_idx);
 }
+
+}  // namespace
 
 nb::object get_board_com_dr(nb::handle self, nb::handle mode, nb::handle board_idx) {
     return board_range(self, k_COMDR, mode, board_idx);
@@ -204,6 +214,8 @@ nb::object get_board_com_dr(nb::handle self, nb::handle mode, nb::handle board_i
 nb::object get_board_ele_dr(nb::handle self, nb::handle mode, nb::handle board_idx) {
     return board_range(self, k_ELEDR, mode, board_idx);
 }
+
+namespace {
 
 // -------------------------------------------------------------------- TC ---
 
@@ -240,6 +252,8 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
     return values;
 }
 
+}  // namespace
+
 // Per board (counted over every chip of the layout): the TX pair then the RX pair
 // as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
@@ -256,6 +270,8 @@ nb::list get_tc(nb::handle self) {
     }
     return result;
 }
+
+namespace {
 
 // ---------------------------------------------------------- board offsets ---
 
@@ -313,6 +329,8 @@ nb::list board_numbers(nb::handle boards) {
     return numbers;
 }
 
+}  // namespace
+
 nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mode_str, nb::handle chip) {
     nb::object cache = getattr(self, k_allOffset);
     if (cache.is_none()) {
@@ -327,6 +345,8 @@ nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mod
     return result;
 }
 
+namespace {
+
 // ------------------------------------------------------- common-arm steps ---
 
 // The arm number of a "COM_n" key.
@@ -336,6 +356,8 @@ nb::object arm_number(nb::handle key) {
     if (!number) raise_already_set();
     return nb::steal(number);
 }
+
+}  // namespace
 
 // Steps whose range [low, high] covers the whole request: low <= min and max <= high.
 nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handle min, nb::handle max) {
@@ -348,12 +370,16 @@ nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handl
     return arms;
 }
 
+namespace {
+
 // A board number from 1; 0 or less would silently pick boards from the end.
 Py_ssize_t board_position(nb::handle board) {
     Py_ssize_t number = as_index(board);
     if (number < 1) raise(PyExc_IndexError, "board numbers start at 1");
     return number - 1;
 }
+
+}  // namespace
 
 nb::list search_com_step_dr(nb::handle self, nb::handle board, nb::handle rf_mode_str, nb::handle min,
                             nb::handle max, nb::handle polar) {
@@ -368,6 +394,8 @@ nb::list search_com_step_dr(nb::handle self, nb::handle board, nb::handle rf_mod
     }
     return append_com_dict_to_list(self, steps, min, max);
 }
+
+namespace {
 
 // ----------------------------------------------------------- common-arm data ---
 
@@ -410,6 +438,8 @@ nb::list arm_values(nb::handle entries, nb::handle mode, nb::handle channel, nb:
     return values;
 }
 
+}  // namespace
+
 nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board, nb::handle chip,
                       nb::handle channel, nb::handle gain, nb::handle phase, nb::handle com_list) {
     Py_ssize_t count = py_len(channel);
@@ -424,27 +454,6 @@ nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board,
         setitem(result, arm_name, arm_values(entries, rf_mode_str, channel, gain, phase));
     }
     return result;
-}
-
-}  // namespace
-
-void define_query_methods(ClassBuilder& cls) {
-    nb::object tx_name = getattr(RFMode().attr("TX"), k_name);
-    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"), vex::py::arg("rf_mode_str") = tx_name,
-            vex::py::arg("chip") = 1);
-    cls.def("getDR", &get_dr, vex::py::arg("rf_mode") = nb::none());
-    cls.def_private("getXXXDR", &get_xxx_dr, vex::py::arg("key"));
-    cls.def("getCOMDR", &get_com_dr);
-    cls.def("getELEDR", &get_ele_dr);
-    cls.def("_getBoardCOMDR", &get_board_com_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
-    cls.def("_getBoardELEDR", &get_board_ele_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
-    cls.def("_getTC", &get_tc);
-    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"), vex::py::arg("min"),
-                    vex::py::arg("max"));
-    cls.def("_searchComStepDR", &search_com_step_dr, vex::py::arg("board"), vex::py::arg("rf_mode_str"),
-            vex::py::arg("min"), vex::py::arg("max"), vex::py::arg("polar"));
-    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"), vex::py::arg("chip"),
-            vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"), vex::py::arg("com_list"));
 }
 
 }  // namespace vex::tables::cali
