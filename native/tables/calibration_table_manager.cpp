@@ -65,14 +65,16 @@ bool is_database_error(nb::handle exc) {
     return r == 1;
 }
 
+namespace {
+
 // __updateDict as a method (update_dict itself is with the parser).
-static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
+void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
     update_dict(logger_of(self, k_logger), d, key, value);
 }
 
 // ---------------------------------------------------------- construction ---
 
-static void store_layout(nb::handle self, nb::handle rf_layout) {
+void store_layout(nb::handle self, nb::handle rf_layout) {
     auto [boards, ics, channels] = unpack_three(rf_layout());
     setattr(self, k_num_board, boards);
     setattr(self, k_num_ic_per_board, ics);
@@ -81,13 +83,13 @@ static void store_layout(nb::handle self, nb::handle rf_layout) {
 
 // The frequencies dual-polarization devices are calibrated for: 26.5 to 29.5 GHz
 // in 0.5 GHz steps (each the quotient of an integer by 10, as floats).
-static nb::list dual_polarization_frequencies() {
+nb::list dual_polarization_frequencies() {
     nb::list freqs;
     for (int tenths = 265; tenths < 300; tenths += 5) freqs.append(nb::float_(tenths / 10.0));
     return freqs;
 }
 
-static nb::object database_adapter(nb::handle sn, nb::handle freq) {
+nb::object database_adapter(nb::handle sn, nb::handle freq) {
     static const Name adapter_class{"_QRVTableDB"};
     nb::dict filter;
     filter["sn"] = sn;
@@ -95,13 +97,13 @@ static nb::object database_adapter(nb::handle sn, nb::handle freq) {
     return global(adapter_class)("calibration", filter);
 }
 
-static nb::object files_folder() {
+nb::object files_folder() {
     static const Name path_class{"Path"}, utils{"_Utils"};
     return global(path_class)(global(utils).attr("_get_files_dir")());
 }
 
-static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
-                 nb::handle web_client_id, nb::handle fetch_csv_from_file) {
+void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
+          nb::handle web_client_id, nb::handle fetch_csv_from_file) {
     setattr(self, k_logger, Log::named("CaliTbl").logger());
     setattr(self, k_sn, sn);
     setattr(self, k_freq, freq);
@@ -135,7 +137,7 @@ static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_
 
 // The frequency written in a calibration file name: the piece of the whole path
 // after its last "_", up to "GHz" + extension, read as float() reads it.
-static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
+nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
     nb::object tail = getitem(path.attr("split")("_"), -1);
     nb::object number = getitem(tail.attr("split")(ghz_extension), 0);
     PyObject* value = PyFloat_FromString(number.ptr());
@@ -146,7 +148,7 @@ static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
 // True when the text form of the serial number holds "/", the platform's own
 // separators or NUL. Such a serial number would make the search pattern (and the
 // JSON export beside the file found) reach outside the files folder.
-static bool serial_number_leaves_folder(nb::handle sn_text) {
+bool serial_number_leaves_folder(nb::handle sn_text) {
     static const Name os_module{"os"};
     nb::object os = global(os_module);
     const nb::object separators[] = {nb::str("/"), nb::str("\0", 1), os.attr("sep"), os.attr("altsep")};
@@ -164,7 +166,7 @@ static bool serial_number_leaves_folder(nb::handle sn_text) {
 // one (files not fetched) keeps its frequency list when the search fails.
 // The serial number is a shell-style pattern as written (a "*" in it matches
 // other names of the folder), but one that would leave the folder finds nothing.
-static nb::object search_cali_file(nb::handle self, nb::handle extension) {
+nb::object search_cali_file(nb::handle self, nb::handle extension) {
     nb::object folder = getattr(self, k_defaultDir);
     nb::list freq_list;
     setattr(self, k_freq_list, freq_list);
@@ -202,7 +204,7 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
 
 // -------------------------------------------------- location and versions ---
 
-static nb::object check_cali_table_location(nb::handle self) {
+nb::object check_cali_table_location(nb::handle self) {
     Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
@@ -218,7 +220,7 @@ static nb::object check_cali_table_location(nb::handle self) {
 
 // Failures carry their result in `ret` (the database error does); any other
 // exception has none, and the AttributeError of reading it goes to the caller.
-static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
+nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
     Log log = logger_of(self, k_logger);
     return guard(
         [&]() -> nb::object {
@@ -239,7 +241,7 @@ static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) 
         });
 }
 
-static nb::object query_cali_table_ver(nb::handle self) {
+nb::object query_cali_table_ver(nb::handle self) {
     Log log = logger_of(self, k_logger);
     static const Name ver{"VER"};
     return guard(
@@ -261,7 +263,7 @@ static nb::object query_cali_table_ver(nb::handle self) {
 
 // The first failing check names the problem. The version is compared as text on
 // purpose: that is how tables have always been ordered ("10.0.0" < "2.0.0").
-static const char* header_problem(nb::handle self, nb::handle table) {
+const char* header_problem(nb::handle self, nb::handle table) {
     static const Name ver{"VER"}, sn{"SN"}, fcenter{"FCENTER"};
     if (py_lt(getitem(table, ver), getattr(self, k_ver_limit)))
         return "Version of Cali table is too low, please upgrade it.";
@@ -271,6 +273,8 @@ static const char* header_problem(nb::handle self, nb::handle table) {
     if (!py_eq(nb::steal(centre), getattr(self, k_freq))) return "Wrong Freq";
     return nullptr;
 }
+
+}  // namespace
 
 nb::object basic_check(nb::handle self, nb::handle table) {
     nb::object ret = ret_ok();
