@@ -36,24 +36,24 @@ using namespace vex::py;
 
 // ------------------------------------------------------------------ names ---
 
-const Name k_logger{"_AAKitTableManager__logger"};
-const Name k_devtype{"_AAKitTableManager__devtype"};
-const Name k_num_polarization{"_num_polarization"};
-const Name k_support_devs{"_AAKitTableManager__supportDevs"};
-const Name k_totol_ch{"_AAKitTableManager__totol_ch"};
-const Name k_aakit_name{"_aakit_name"};
-const Name k_web_mode{"_AAKitTableManager__web_mode"};
-const Name k_table{"_AAKitTable"};
-const Name k_default_dir{"_AAKitTableManager__defaultDir"};
-const Name k_field_limit{"_AAKitTableManager__fieldlimit"};
+const Name a_logger{"_AAKitTableManager__logger"};
+const Name a_devtype{"_AAKitTableManager__devtype"};
+const Name a_num_polarization{"_num_polarization"};
+const Name a_support_devs{"_AAKitTableManager__supportDevs"};
+const Name a_totol_ch{"_AAKitTableManager__totol_ch"};
+const Name a_aakit_name{"_aakit_name"};
+const Name a_web_mode{"_AAKitTableManager__web_mode"};
+const Name a_table{"_AAKitTable"};
+const Name a_default_dir{"_AAKitTableManager__defaultDir"};
+const Name a_field_limit{"_AAKitTableManager__fieldlimit"};
 
 // Methods reached through the instance (overridable).
-const Name k_getAAKitTablePath{"_getAAKitTablePath"};
-const Name k_parse{"parse"};
-const Name k_getAAKitList{"getAAKitList"};
-const Name k_computeAAKitFullName{"computeAAKitFullName"};
-const Name k_deleteAAKitInfo{"deleteAAKitInfo"};
-const Name k_saveAAKitFile{"saveAAKitFile"};
+const Name m_getAAKitTablePath{"_getAAKitTablePath"};
+const Name m_parse{"parse"};
+const Name m_getAAKitList{"getAAKitList"};
+const Name m_computeAAKitFullName{"computeAAKitFullName"};
+const Name m_deleteAAKitInfo{"deleteAAKitInfo"};
+const Name m_saveAAKitFile{"saveAAKitFile"};
 
 // Row keys of a kit file and keys of a kit record.
 const Name k_AAKIT_NAME{"AAKIT_NAME"};
@@ -110,7 +110,7 @@ nb::object exception_result(const Log& log, nb::handle exc) {
 // The kit names the table currently lists, as getAAKitList() reports them (its
 // data is None when the listing failed, and `name in None` raises, as in Python).
 bool listed(nb::handle self, nb::handle name) {
-    nb::object names = getattr(getattr(self, k_getAAKitList)(), k_RetData);
+    nb::object names = getattr(getattr(self, m_getAAKitList)(), k_RetData);
     return contains(names, name);
 }
 
@@ -136,7 +136,7 @@ nb::object refuse_unsafe_name(const Log& log, nb::handle name) {
 
 nb::object kit_file_path(nb::handle self, nb::handle kit_name) {
     nb::object file_name = concat({str("AAKIT_"), kit_name, str(".csv")});
-    PyObject* path = PyNumber_TrueDivide(getattr(self, k_default_dir).ptr(), file_name.ptr());
+    PyObject* path = PyNumber_TrueDivide(getattr(self, a_default_dir).ptr(), file_name.ptr());
     if (!path) raise_already_set();
     return nb::steal(path);
 }
@@ -184,20 +184,20 @@ nb::dict field_limits(nb::handle total_ch, nb::handle num_polar) {
 // SDK files directory.
 void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path, nb::handle num_polar,
           nb::handle support_dev, nb::handle web_client_id) {
-    setattr(self, k_logger, Log::named("AAKitTbl").logger());
-    setattr(self, k_devtype, devtype);
-    setattr(self, k_num_polarization, num_polar);
-    setattr(self, k_support_devs, support_dev);
-    setattr(self, k_totol_ch, total_ch);
-    setattr(self, k_aakit_name, k_empty);
+    setattr(self, a_logger, Log::named("AAKitTbl").logger());
+    setattr(self, a_devtype, devtype);
+    setattr(self, a_num_polarization, num_polar);
+    setattr(self, a_support_devs, support_dev);
+    setattr(self, a_totol_ch, total_ch);
+    setattr(self, a_aakit_name, k_empty);
     bool web_mode = !web_client_id.is_none();
-    setattr(self, k_web_mode, nb::bool_(web_mode));
-    setattr(self, k_table, nb::dict());
+    setattr(self, a_web_mode, nb::bool_(web_mode));
+    setattr(self, a_table, nb::dict());
     if (!web_mode) {
         nb::object files_dir = global(g_Utils).attr("_get_files_dir")();
-        setattr(self, k_default_dir, global(g_Path)(files_dir));
+        setattr(self, a_default_dir, global(g_Path)(files_dir));
     }
-    setattr(self, k_field_limit, field_limits(total_ch, getattr(self, k_num_polarization)));
+    setattr(self, a_field_limit, field_limits(total_ch, getattr(self, a_num_polarization)));
 }
 
 // ============================================================ kit files ====
@@ -206,7 +206,7 @@ void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle p
 // escaped so that brackets or stars in its own name are not taken as a pattern.
 nb::object get_table_path(nb::handle self) {
     nb::object glob = global(g_glob);
-    nb::object directory = glob.attr("escape")(py_str(getattr(self, k_default_dir)));
+    nb::object directory = glob.attr("escape")(py_str(getattr(self, a_default_dir)));
     nb::object pattern = global(g_os).attr("path").attr("join")(directory, "AAKIT_*.csv");
     nb::object files = glob.attr("glob")(pattern);
     files.attr("sort")();
@@ -314,7 +314,7 @@ nb::object offset_list(const Cells& row) {
 
 bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     nb::object dev = int_object(value_at(row, 0));
-    if (!contains(getattr(self, k_support_devs), dev)) {
+    if (!contains(getattr(self, a_support_devs), dev)) {
         if (log.on(WARNING))
             log.warning(concat({str("Skip "), path, str(", due to dev type("), py_str(dev), str(") not match")}));
         return false;
@@ -341,7 +341,7 @@ bool read_kit_type(const Log& log, const Cells& row, KitFile& kit) {
 bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& kit) {
     nb::object key = key_object(row[0]);
     nb::object count = py_int(static_cast<Py_ssize_t>(row.size()) - 1);
-    nb::object total_ch = getattr(self, k_totol_ch);
+    nb::object total_ch = getattr(self, a_totol_ch);
     if (compare(count, total_ch, Py_NE)) {
         if (log.on(ERROR))
             log.error(concat(
@@ -390,7 +390,7 @@ bool check_time_format(nb::handle self, nb::handle time_str);
 
 // Whether a kit of that name is in the table or has a file already.
 bool name_taken(nb::handle self, nb::handle name) {
-    return contains(getattr(self, k_table), name) || file_exists(fs_bytes(kit_file_path(self, name)));
+    return contains(getattr(self, a_table), name) || file_exists(fs_bytes(kit_file_path(self, name)));
 }
 
 // The stamped name for an old-format kit that no other kit has. Stamps count
@@ -398,13 +398,13 @@ bool name_taken(nb::handle self, nb::handle name) {
 // copied file still naming its original) would get the same name and the second
 // would overwrite the first: the clock is given a few hundredths to move on.
 nb::object free_stamped_name(nb::handle self, nb::handle name) {
-    nb::object new_name = getattr(self, k_computeAAKitFullName)(name);
+    nb::object new_name = getattr(self, m_computeAAKitFullName)(name);
     for (int attempt = 0; attempt < 5 && name_taken(self, new_name); ++attempt) {
         {
             nb::gil_scoped_release unlocked;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        new_name = getattr(self, k_computeAAKitFullName)(name);
+        new_name = getattr(self, m_computeAAKitFullName)(name);
     }
     return new_name;
 }
@@ -429,7 +429,7 @@ void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, n
         log.error(str("Rename file failed"));
         return;
     }
-    setitem(getattr(self, k_table), new_name, record);
+    setitem(getattr(self, a_table), new_name, record);
     log.info(str(" -> new custom AAKit name(new format): %s"), new_name);
     if (ret_failed(rename_aakit(self, name, new_name, nb::none(), path))) log.error(str("Rename file failed"));
 }
@@ -448,7 +448,7 @@ void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
             return nb::none();
         });
     if (kit.skipped) return;
-    setitem(getattr(self, k_table), kit.name, kit.record);
+    setitem(getattr(self, a_table), kit.name, kit.record);
     if (log.on(INFO)) log.info(concat({str("Parsing ("), kit.name, str(")"), path, str(" done")}));
     // A record without "TYPE" raises KeyError here, out of parse: such a file is
     // not a kit file of any known format.
@@ -489,7 +489,7 @@ bool read_journal(const std::string& path, RenameJournal& journal) {
 // not (the old file is still the kit). Journals of live processes are left to
 // their owners.
 void recover_files(nb::handle self, const Log& log) {
-    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    const std::string folder = fs_bytes(getattr(self, a_default_dir));
     codec::remove_stale_temporaries(folder);
     bool changed = false;
     for (const codec::OwnedFile& owned : codec::owned_files(folder)) {
@@ -516,15 +516,15 @@ nb::object no_kit_error(const Log& log, nb::handle msg) {
 }
 
 nb::object parse(nb::handle self) {
-    if (truthy(getattr(self, k_web_mode))) return ret_ok();
-    Log log = logger_of(self, k_logger);
+    if (truthy(getattr(self, a_web_mode))) return ret_ok();
+    Log log = logger_of(self, a_logger);
     recover_files(self, log);
-    nb::object files = getattr(self, k_getAAKitTablePath)();
+    nb::object files = getattr(self, m_getAAKitTablePath)();
     if (!truthy(files))
-        return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, k_default_dir)));
-    setattr(self, k_table, nb::dict());
+        return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, a_default_dir)));
+    setattr(self, a_table, nb::dict());
     for (nb::handle path : files) parse_kit_file(self, log, path);
-    if (!truthy(getattr(self, k_table))) return no_kit_error(log, str("No available AAKit table here"));
+    if (!truthy(getattr(self, a_table))) return no_kit_error(log, str("No available AAKit table here"));
     return ret_ok();
 }
 
@@ -538,13 +538,13 @@ bool names_a_kit(nb::handle kit_name) {
 
 nb::object select_aakit(nb::handle self, nb::handle kit_name) {
     if (names_a_kit(kit_name)) {
-        nb::object kit = dict_get(getattr(self, k_table), kit_name);
+        nb::object kit = dict_get(getattr(self, a_table), kit_name);
         if (!kit.is_valid() || kit.is_none()) {
             nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
-            return logged_error(logger_of(self, k_logger), "ERROR_BF_NO_AAKIT", msg);
+            return logged_error(logger_of(self, a_logger), "ERROR_BF_NO_AAKIT", msg);
         }
     }
-    setattr(self, k_aakit_name, kit_name);
+    setattr(self, a_aakit_name, kit_name);
     return ret_ok();
 }
 
@@ -555,16 +555,16 @@ nb::object table_keys(nb::handle table) {
 }
 
 nb::object get_aakit_list(nb::handle self, nb::handle force_refresh, nb::handle callback) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(callback)) {
-                nb::object ret = nb::borrow(callback)(getattr(self, k_devtype), getattr(self, k_totol_ch),
-                                                      getattr(self, k_support_devs));
-                if (!ret_failed(ret)) setattr(self, k_table, getattr(ret, k_RetData));
+                nb::object ret = nb::borrow(callback)(getattr(self, a_devtype), getattr(self, a_totol_ch),
+                                                      getattr(self, a_support_devs));
+                if (!ret_failed(ret)) setattr(self, a_table, getattr(ret, k_RetData));
             }
-            if (truthy(force_refresh) || !truthy(getattr(self, k_table))) getattr(self, k_parse)();
-            return ret_data(table_keys(getattr(self, k_table)));
+            if (truthy(force_refresh) || !truthy(getattr(self, a_table))) getattr(self, m_parse)();
+            return ret_data(table_keys(getattr(self, a_table)));
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("getAAKitList exception"));
@@ -580,17 +580,17 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
     // every beam switch.
     guard(
         [&]() -> nb::object {
-            nb::object table = getattr(self, k_table);
+            nb::object table = getattr(self, a_table);
             if (truthy(kit_name)) {
                 setattr(ret, k_RetData, getitem(table, kit_name));
             } else if (truthy(local)) {
                 setattr(ret, k_RetData, table);
             } else {
-                nb::object selected = getattr(self, k_aakit_name);
+                nb::object selected = getattr(self, a_aakit_name);
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
                     setattr(ret, k_RetMsg, not_selected);
-                    logger_of(self, k_logger).error(getattr(ret, k_RetMsg));
+                    logger_of(self, a_logger).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
                 }
@@ -600,7 +600,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
             setattr(ret, k_RetMsg, failed);
-            logger_of(self, k_logger).exception(getattr(ret, k_RetMsg));
+            logger_of(self, a_logger).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
     return ret;
@@ -671,7 +671,7 @@ bool check_time_format_method(nb::handle self, nb::handle time_str) { return che
 // Whether `field` carries as many values as the kit field needs; a dict field
 // (offsets per polarization) counts the values of all its lists together.
 bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
-    nb::object limit = getitem(getattr(self, k_field_limit), field_name);
+    nb::object limit = getitem(getattr(self, a_field_limit), field_name);
     bool is_dict = PyDict_Check(field.ptr());
     Py_ssize_t count = 0;
     if (is_dict) {
@@ -686,7 +686,7 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
     }
     nb::object counted = py_int(count);
     if (!compare(counted, limit, Py_NE)) return true;
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     if (log.on(ERROR)) {
         const char* kind = is_dict ? " of value for dict field: " : " of value for field: ";
         log.error(concat({str("setAAKitInfo: Wrong counts:"), py_str(counted), str(kind), field_name}));
@@ -720,7 +720,7 @@ nb::object offset_value(nb::handle offsets) {
 // and returns the name the kit is now kept under.
 nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::handle record, nb::handle custom,
                      nb::handle callback, nb::handle new_kit_name) {
-    nb::object table = getattr(self, k_table);
+    nb::object table = getattr(self, a_table);
     bool is_custom = compare(custom, nb::int_(1), Py_EQ);
     if (!contains(table, kit_name)) {
         if (!is_custom) {
@@ -729,7 +729,7 @@ nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::h
             return nb::borrow(kit_name);
         }
         log.debug(str("Set new AAKit"));
-        nb::object full_name = getattr(self, k_computeAAKitFullName)(kit_name);
+        nb::object full_name = getattr(self, m_computeAAKitFullName)(kit_name);
         setitem(table, full_name, record);
         return full_name;
     }
@@ -741,7 +741,7 @@ nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::h
     nb::object existing = getitem(table, kit_name);
     existing.attr("update")(record);
     if (!truthy(new_kit_name)) return nb::borrow(kit_name);
-    nb::object full_name = getattr(self, k_computeAAKitFullName)(new_kit_name);
+    nb::object full_name = getattr(self, m_computeAAKitFullName)(new_kit_name);
     setitem(table, full_name, existing);
     if (ret_failed(rename_aakit(self, kit_name, full_name, callback))) log.error(str("Rename file failed"));
     return full_name;
@@ -754,11 +754,11 @@ nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spaci
     require_exact_type(spacing, &PyList_Type, "spacing");
     require_exact_type(steering_h, &PyList_Type, "steeringH");
     require_exact_type(steering_v, &PyList_Type, "steeringV");
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             nb::object failure = ret_error("ERROR_BF_AAKIT", "AAKit field checking failed");
-            nb::object device = dev_type.is_none() ? getattr(self, k_devtype) : nb::borrow(dev_type);
+            nb::object device = dev_type.is_none() ? getattr(self, a_devtype) : nb::borrow(dev_type);
             nb::dict record;
             record[k_DEV_TYPE.handle()] = device;
             record[k_TYPE.handle()] = custom;
@@ -792,7 +792,7 @@ std::string kit_file_text(nb::handle kit_name, nb::handle record);
 // naming another kit inside is the file that goes, never that other kit's file.
 nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name, nb::handle new_name,
                             nb::handle source) {
-    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    const std::string folder = fs_bytes(getattr(self, a_default_dir));
     nb::object old_path = kit_file_path(self, old_name);
     nb::object new_path = kit_file_path(self, new_name);
     const std::string new_file = fs_bytes(new_path);
@@ -812,14 +812,14 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     // Nothing on disk to keep safe (a kit never saved): the plain steps, whose
     // delete reports the missing file.
     if (!file_exists(removed_file)) {
-        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+        nb::object deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
         if (ret_failed(deleted)) return deleted;
-        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(),
+        return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(),
                                               nb::arg("check") = false);
     }
     // The new file's text first: a record that cannot be written (a field
     // missing) is refused before anything is on disk.
-    const std::string text = kit_file_text(new_name, getitem(getattr(self, k_table), new_name));
+    const std::string text = kit_file_text(new_name, getitem(getattr(self, a_table), new_name));
     const std::string journal = folder + "/" + codec::owned_name("rename", "AAKIT");
     const std::string entries = codec::base_of(removed_file) + "\n" + new_base + "\n";
     int err = codec::write_file_atomic(journal, entries);
@@ -832,29 +832,29 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     if (from_source) {
         // The kit read from `source` leaves the table and its file goes, as
         // deleteAAKitInfo would do for a file named after the kit.
-        if (PyObject_DelItem(getattr(self, k_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
+        if (PyObject_DelItem(getattr(self, a_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
         deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok()
                                                       : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
         if (!ret_failed(deleted)) log.info(str("Deleted %s"), source);
     } else {
-        deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+        deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
     }
     // A delete that failed and left the old file: that file is still the kit.
     if (ret_failed(deleted) && file_exists(removed_file)) ::unlink(new_file.c_str());
     codec::sync_folder(folder);
     ::unlink(journal.c_str());
     if (ret_failed(deleted)) return deleted;
-    return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+    return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
 }
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
                         nb::handle source) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     log.debug(str("Rename AAKit -> delete old then add new one"));
     if (truthy(callback)) {
-        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
+        nb::object deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
         if (ret_failed(deleted)) return deleted;
-        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
+        return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
     }
     // Both names are checked first: deleting the old file and then refusing
     // the new name would lose the kit on disk.
@@ -869,12 +869,12 @@ nb::object rename_aakit_method(nb::handle self, nb::handle old_name, nb::handle 
 }
 
 nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle callback, nb::handle check) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(check) && !listed(self, kit_name))
                 return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
-            nb::object table = getattr(self, k_table);
+            nb::object table = getattr(self, a_table);
             if (compare(getitem(getitem(table, kit_name), k_TYPE), nb::int_(1), Py_NE))
                 return logged_error(log, "ERROR_BF_AAKIT",
                                     percent("%s must be customized AAKit for deletion", kit_name));
@@ -943,7 +943,7 @@ nb::object save_to_callback(const Log& log, nb::handle callback, nb::handle kit_
 nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
     nb::object path = kit_file_path(self, kit_name);
     log.info(str("Ready to save %s"), path);
-    nb::object record = getitem(getattr(self, k_table), kit_name);
+    nb::object record = getitem(getattr(self, a_table), kit_name);
     write_file_atomic(path, kit_file_text(kit_name, record));
     return ret_ok();
 }
@@ -951,12 +951,12 @@ nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
 // `context` is accepted and unused: the callback always receives the stored record.
 nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle callback, nb::handle check,
                            nb::handle context) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             nb::object kit_name = nb::borrow(kit_name_arg);
             if (!truthy(kit_name)) {
-                kit_name = getattr(self, k_aakit_name);
+                kit_name = getattr(self, a_aakit_name);
                 if (compare(kit_name, k_empty, Py_EQ))
                     return logged_error(log, "ERROR_BF_AAKIT",
                                         str("Fail to save, please call selectAAKit() first or assign aakit name"));
@@ -964,7 +964,7 @@ nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle 
             if (truthy(check) && !listed(self, kit_name))
                 return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
             if (truthy(callback))
-                return save_to_callback(log, callback, kit_name, getitem(getattr(self, k_table), kit_name));
+                return save_to_callback(log, callback, kit_name, getitem(getattr(self, a_table), kit_name));
             if (unsafe_file_name(kit_name)) return refuse_unsafe_name(log, kit_name);
             return save_to_file(self, log, kit_name);
         },

@@ -15,9 +15,9 @@ using namespace vex::py;
 namespace {
 const Name k_RetData{"RetData"};
 const Name k_RetMsg{"RetMsg"};
-const Name k_Path{"Path"};
-const Name k_Utils{"_Utils"};
-const Name k_BTField{"BTField"};
+const Name g_Path{"Path"};
+const Name g_Utils{"_Utils"};
+const Name g_BTField{"BTField"};
 const Name k_BeamTable_dir{"BeamTable"};
 
 // "board_<i>" and "channel_<i>" keys, interned once and kept for the life of the
@@ -67,7 +67,7 @@ nb::object board_key(Py_ssize_t index) { return board_keys().get(index); }
 nb::object channel_key(Py_ssize_t index) { return channel_keys().get(index); }
 
 nb::object current_version_word() {
-    nb::object version = global(k_BTField).attr("_version").attr("value");
+    nb::object version = global(g_BTField).attr("_version").attr("value");
     return concat(str("v"), version);
 }
 
@@ -208,8 +208,8 @@ namespace {
 void set(nb::handle self, const Name& name, nb::handle value) { setattr(self, name, value); }
 
 nb::object default_dir() {
-    nb::object files = global(k_Utils).attr("_get_files_dir")();
-    PyObject* dir = PyNumber_TrueDivide(global(k_Path)(files).ptr(), k_BeamTable_dir.ptr());
+    nb::object files = global(g_Utils).attr("_get_files_dir")();
+    PyObject* dir = PyNumber_TrueDivide(global(g_Path)(files).ptr(), k_BeamTable_dir.ptr());
     if (!dir) raise_already_set();
     return nb::steal(dir);
 }

@@ -17,7 +17,7 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_BTField{"BTField"};
+const Name g_BTField{"BTField"};
 
 void delete_if_present(nb::handle mapping, const Name& key) {
     if (contains(mapping, key) && PyObject_DelItem(mapping.ptr(), key.ptr()) < 0) raise_already_set();
@@ -303,7 +303,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
     if (compare(version, current_version_word(), Py_NE)) {
         // Tables between v1.1.0 and the current version keep their own VERSION
         // word: only the old-format conversion rewrites it.
-        log.info(str("Upgrade Beam Table version to %s"), global(k_BTField).attr("_version").attr("value"));
+        log.info(str("Upgrade Beam Table version to %s"), global(g_BTField).attr("_version").attr("value"));
         getattr(self, m_saveToBeamTableFile)();
     }
     return ret_code_data("OK", getattr(self, a_table));

@@ -52,11 +52,11 @@ nb::object board_key(nb::handle number) {
     return py_format("BOARD_%S", number);
 }
 
-bool dual_polarization(nb::handle self) { return truthy(getattr(self, k_support_polar)); }
+bool dual_polarization(nb::handle self) { return truthy(getattr(self, a_support_polar)); }
 
-bool uses_database(nb::handle self) { return truthy(getattr(self, k_web_mode)) && !dual_polarization(self); }
+bool uses_database(nb::handle self) { return truthy(getattr(self, a_web_mode)) && !dual_polarization(self); }
 
-nb::object database(nb::handle self) { return getattr(self, k_db); }
+nb::object database(nb::handle self) { return getattr(self, a_db); }
 
 bool is_database_error(nb::handle exc) {
     static const Name error_class{"QRVTableDBError"};
@@ -69,16 +69,16 @@ namespace {
 
 // __updateDict as a method (update_dict itself is with the parser).
 void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
-    update_dict(logger_of(self, k_logger), d, key, value);
+    update_dict(logger_of(self, a_logger), d, key, value);
 }
 
 // ---------------------------------------------------------- construction ---
 
 void store_layout(nb::handle self, nb::handle rf_layout) {
     auto [boards, ics, channels] = unpack_three(rf_layout());
-    setattr(self, k_num_board, boards);
-    setattr(self, k_num_ic_per_board, ics);
-    setattr(self, k_num_channel_per_ic, channels);
+    setattr(self, a_num_board, boards);
+    setattr(self, a_num_ic_per_board, ics);
+    setattr(self, a_num_channel_per_ic, channels);
 }
 
 // The frequencies dual-polarization devices are calibrated for: 26.5 to 29.5 GHz
@@ -104,32 +104,32 @@ nb::object files_folder() {
 
 void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
           nb::handle web_client_id, nb::handle fetch_csv_from_file) {
-    setattr(self, k_logger, Log::named("CaliTbl").logger());
-    setattr(self, k_sn, sn);
-    setattr(self, k_freq, freq);
-    setattr(self, k_freq_list, nb::list());
-    setattr(self, k_support_polar, support_polar);
-    setattr(self, k_allOffset, nb::none());
-    setattr(self, k_allXXXDR, nb::none());
-    setattr(self, k_allComDataMap, nb::dict());
+    setattr(self, a_logger, Log::named("CaliTbl").logger());
+    setattr(self, a_sn, sn);
+    setattr(self, a_freq, freq);
+    setattr(self, a_freq_list, nb::list());
+    setattr(self, a_support_polar, support_polar);
+    setattr(self, a_allOffset, nb::none());
+    setattr(self, a_allXXXDR, nb::none());
+    setattr(self, a_allComDataMap, nb::dict());
     store_layout(self, rf_layout);
-    setattr(self, k_ver_limit, nb::str("2.0.0"));
+    setattr(self, a_ver_limit, nb::str("2.0.0"));
     bool web_mode = !web_client_id.is_none();
-    setattr(self, k_web_mode, nb::bool_(web_mode));
+    setattr(self, a_web_mode, nb::bool_(web_mode));
 
     if (truthy(support_polar)) {
         // The built-in record is the whole table: no database, no files folder.
         static const Name moss_cali{"moss_cali"};
-        setattr(self, k_freq_list, dual_polarization_frequencies());
-        setattr(self, k_CaliTable, global(moss_cali));
+        setattr(self, a_freq_list, dual_polarization_frequencies());
+        setattr(self, a_CaliTable, global(moss_cali));
         return;
     }
-    if (web_mode) setattr(self, k_db, database_adapter(sn, freq));
-    setattr(self, k_CaliTable, nb::dict());
+    if (web_mode) setattr(self, a_db, database_adapter(sn, freq));
+    setattr(self, a_CaliTable, nb::dict());
     if (truthy(fetch_csv_from_file)) {
-        setattr(self, k_defaultDir, files_folder());
-        setattr(self, k_path_cali, nb::str(""));
-        getattr(self, k_searchCaliFile)();
+        setattr(self, a_defaultDir, files_folder());
+        setattr(self, a_path_cali, nb::str(""));
+        getattr(self, m_searchCaliFile)();
     }
 }
 
@@ -167,14 +167,14 @@ bool serial_number_leaves_folder(nb::handle sn_text) {
 // The serial number is a shell-style pattern as written (a "*" in it matches
 // other names of the folder), but one that would leave the folder finds nothing.
 nb::object search_cali_file(nb::handle self, nb::handle extension) {
-    nb::object folder = getattr(self, k_defaultDir);
+    nb::object folder = getattr(self, a_defaultDir);
     nb::list freq_list;
-    setattr(self, k_freq_list, freq_list);
+    setattr(self, a_freq_list, freq_list);
     nb::object result = nb::bool_(false);
 
-    nb::object sn_text = py_format("%S", getattr(self, k_sn));
+    nb::object sn_text = py_format("%S", getattr(self, a_sn));
     if (serial_number_leaves_folder(sn_text)) {
-        logger_of(self, k_logger)
+        logger_of(self, a_logger)
             .error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
                            "is searched for it"),
                    sn_text);
@@ -192,7 +192,7 @@ nb::object search_cali_file(nb::handle self, nb::handle extension) {
     if (!truthy(paths)) return result;
 
     nb::object ghz_extension = nb::str("GHz") + nb::borrow(extension);
-    nb::object freq = getattr(self, k_freq);
+    nb::object freq = getattr(self, a_freq);
     for (nb::handle path : paths) {
         nb::object path_freq = frequency_in_name(path, ghz_extension);
         if (py_eq(path_freq, freq)) result = nb::borrow(path);
@@ -205,12 +205,12 @@ nb::object search_cali_file(nb::handle self, nb::handle extension) {
 // -------------------------------------------------- location and versions ---
 
 nb::object check_cali_table_location(nb::handle self) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
-            if (truthy(getattr(self, k_web_mode))) return ret_data(Py_True);
-            getattr(self, k_searchCaliFile)();
-            return ret_data(nb::bool_(py_len(getattr(self, k_freq_list)) > 0));
+            if (truthy(getattr(self, a_web_mode))) return ret_data(Py_True);
+            getattr(self, m_searchCaliFile)();
+            return ret_data(nb::bool_(py_len(getattr(self, a_freq_list)) > 0));
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("checkCaliTableLocation exception"));
@@ -221,18 +221,18 @@ nb::object check_cali_table_location(nb::handle self) {
 // Failures carry their result in `ret` (the database error does); any other
 // exception has none, and the AttributeError of reading it goes to the caller.
 nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (!dual_polarization(self)) {
-                if (truthy(getattr(self, k_web_mode))) {
+                if (truthy(getattr(self, a_web_mode))) {
                     nb::object listed = database(self).attr("getTableList")("Freq");
-                    setattr(self, k_freq_list, getattr(listed, k_RetData));
+                    setattr(self, a_freq_list, getattr(listed, k_RetData));
                 } else if (truthy(force_refresh)) {
-                    getattr(self, k_searchCaliFile)();
+                    getattr(self, m_searchCaliFile)();
                 }
             }
-            return ret_data(getattr(self, k_freq_list));
+            return ret_data(getattr(self, a_freq_list));
         },
         [&](nb::handle exc) -> nb::object {
             nb::object ret = getattr(exc, k_ret);
@@ -242,12 +242,12 @@ nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
 }
 
 nb::object query_cali_table_ver(nb::handle self) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     static const Name ver{"VER"};
     return guard(
         [&]() -> nb::object {
             if (uses_database(self)) return database(self).attr(k_query)("VER");
-            return ret_data(getitem(getattr(self, k_CaliTable), ver));
+            return ret_data(getitem(getattr(self, a_CaliTable), ver));
         },
         [&](nb::handle exc) -> nb::object {
             if (is_database_error(exc)) {
@@ -265,12 +265,12 @@ nb::object query_cali_table_ver(nb::handle self) {
 // purpose: that is how tables have always been ordered ("10.0.0" < "2.0.0").
 const char* header_problem(nb::handle self, nb::handle table) {
     static const Name ver{"VER"}, sn{"SN"}, fcenter{"FCENTER"};
-    if (py_lt(getitem(table, ver), getattr(self, k_ver_limit)))
+    if (py_lt(getitem(table, ver), getattr(self, a_ver_limit)))
         return "Version of Cali table is too low, please upgrade it.";
-    if (!py_eq(getitem(table, sn), getattr(self, k_sn))) return "Wrong SN!";
+    if (!py_eq(getitem(table, sn), getattr(self, a_sn))) return "Wrong SN!";
     PyObject* centre = PyNumber_Float(getitem(table, fcenter).ptr());
     if (!centre) raise_already_set();
-    if (!py_eq(nb::steal(centre), getattr(self, k_freq))) return "Wrong Freq";
+    if (!py_eq(nb::steal(centre), getattr(self, a_freq))) return "Wrong Freq";
     return nullptr;
 }
 
@@ -284,7 +284,7 @@ nb::object basic_check(nb::handle self, nb::handle table) {
         nb::object text = str(problem);
         setattr(ret, msg, text);
         setattr(ret, code, RetCode("ERROR_BF_CALI_INCOMPLTE"));
-        logger_of(self, k_logger).error(text);
+        logger_of(self, a_logger).error(text);
     }
     return ret;
 }

@@ -20,24 +20,24 @@ using vex::py::Name;
 
 // ------------------------------------------------------- attribute names ---
 
-inline const Name k_logger{"_CalibrationTableManager__logger"};
-inline const Name k_sn{"sn"};
-inline const Name k_freq{"_CalibrationTableManager__freq"};
-inline const Name k_freq_list{"_freq_list"};
-inline const Name k_support_polar{"_CalibrationTableManager__support_polar"};
-inline const Name k_allOffset{"_CalibrationTableManager__allOffset"};
-inline const Name k_allXXXDR{"_CalibrationTableManager__allXXXDR"};
-inline const Name k_allComDataMap{"_CalibrationTableManager__allComDataMap"};
-inline const Name k_num_board{"_num_board"};
-inline const Name k_num_ic_per_board{"_num_ic_per_board"};
-inline const Name k_num_channel_per_ic{"_num_channel_per_ic"};
-inline const Name k_ver_limit{"_cali_table_ver_limit"};
-inline const Name k_web_mode{"_CalibrationTableManager__web_mode"};
-inline const Name k_CaliTable{"_CaliTable"};
-inline const Name k_db{"_CalibrationTableManager__db"};
-inline const Name k_defaultDir{"defaultDir"};
-inline const Name k_path_cali{"path_cali"};
-inline const Name k_searchCaliFile{"_searchCaliFile"};
+inline const Name a_logger{"_CalibrationTableManager__logger"};
+inline const Name a_sn{"sn"};
+inline const Name a_freq{"_CalibrationTableManager__freq"};
+inline const Name a_freq_list{"_freq_list"};
+inline const Name a_support_polar{"_CalibrationTableManager__support_polar"};
+inline const Name a_allOffset{"_CalibrationTableManager__allOffset"};
+inline const Name a_allXXXDR{"_CalibrationTableManager__allXXXDR"};
+inline const Name a_allComDataMap{"_CalibrationTableManager__allComDataMap"};
+inline const Name a_num_board{"_num_board"};
+inline const Name a_num_ic_per_board{"_num_ic_per_board"};
+inline const Name a_num_channel_per_ic{"_num_channel_per_ic"};
+inline const Name a_ver_limit{"_cali_table_ver_limit"};
+inline const Name a_web_mode{"_CalibrationTableManager__web_mode"};
+inline const Name a_CaliTable{"_CaliTable"};
+inline const Name a_db{"_CalibrationTableManager__db"};
+inline const Name a_defaultDir{"defaultDir"};
+inline const Name a_path_cali{"path_cali"};
+inline const Name m_searchCaliFile{"_searchCaliFile"};
 
 // Other names used in several files.
 inline const Name k_RetData{"RetData"};

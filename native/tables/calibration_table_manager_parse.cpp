@@ -233,9 +233,9 @@ public:
         : self_(self),
           log_(log),
           table_(table),
-          boards_(as_index(getattr(self, k_num_board))),
-          ics_(as_index(getattr(self, k_num_ic_per_board))),
-          channels_(as_index(getattr(self, k_num_channel_per_ic))) {}
+          boards_(as_index(getattr(self, a_num_board))),
+          ics_(as_index(getattr(self, a_num_ic_per_board))),
+          channels_(as_index(getattr(self, a_num_channel_per_ic))) {}
 
     template <class Rows>
     nb::object read(Rows& rows, bool& refused) {
@@ -284,7 +284,7 @@ private:
     }
 
     nb::object path_for_log() const {
-        return hasattr(self_, k_path_cali) ? getattr(self_, k_path_cali) : nb::object(nb::str(""));
+        return hasattr(self_, a_path_cali) ? getattr(self_, a_path_cali) : nb::object(nb::str(""));
     }
 
     nb::object board(std::string_view number) { return child_mapping(log_, table_, prefixed("BOARD_", number)); }
@@ -465,7 +465,7 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
                 ObjectRows rows(file_object);
                 return reader.read(rows, refused);
             }
-            std::string text = read_text_file(getattr(self, k_path_cali));
+            std::string text = read_text_file(getattr(self, a_path_cali));
             CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/true);
             return reader.read(rows, refused);
         },
@@ -478,16 +478,16 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
 // The export goes beside the CSV: every "csv" in the path becomes "json" (folder
 // names included, so .../csvfiles/x.csv is exported to .../jsonfiles/x.json).
 void export_json(nb::handle self) {
-    nb::object json_path = getattr(self, k_path_cali).attr("replace")("csv", "json");
-    dump_json_file_atomic(getattr(self, k_CaliTable), 4, json_path);
+    nb::object json_path = getattr(self, a_path_cali).attr("replace")("csv", "json");
+    dump_json_file_atomic(getattr(self, a_CaliTable), 4, json_path);
 }
 
 // A new frequency re-targets the manager and drops every cache built for the old one.
 void retarget(nb::handle self, nb::handle freq) {
-    setattr(self, k_freq, freq);
-    setattr(self, k_allOffset, nb::none());
-    setattr(self, k_allXXXDR, nb::none());
-    setattr(self, k_allComDataMap, nb::dict());
+    setattr(self, a_freq, freq);
+    setattr(self, a_allOffset, nb::none());
+    setattr(self, a_allXXXDR, nb::none());
+    setattr(self, a_allComDataMap, nb::dict());
 }
 
 nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::handle file_object,
@@ -495,20 +495,20 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
     if (!freq.is_none()) {
         retarget(self, freq);
         // In web mode the table stays in the database: only its frequency changes.
-        if (uses_database(self)) return database(self).attr("setFreq")(getattr(self, k_freq));
+        if (uses_database(self)) return database(self).attr("setFreq")(getattr(self, a_freq));
     }
     if (file_object.is_none()) {
-        nb::object path = getattr(self, k_searchCaliFile)();
+        nb::object path = getattr(self, m_searchCaliFile)();
         if (!truthy(path)) {
             nb::object ret = ret_error("ERROR_BF_CALI_PATH", "Can not find file for Cali table");
             log.error(str("Can not find file for Cali table"));
             return ret;
         }
         log.info(str("Cali file path: %s"), path);
-        setattr(self, k_path_cali, path);
+        setattr(self, a_path_cali, path);
     }
     nb::dict table;
-    setattr(self, k_CaliTable, table);
+    setattr(self, a_CaliTable, table);
     bool refused = false;
     nb::object ret = read_table(self, log, file_object, table, refused);
     if (!file_object.is_none()) file_object.attr("close")();
@@ -520,7 +520,7 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
 }  // namespace
 
 nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard([&]() { return parse_steps(self, log, freq, file_object, export_to_json); },
                  [&](nb::handle) -> nb::object {
                      log.exception(str("parse exception"));
@@ -530,12 +530,12 @@ nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::h
 
 // Loads the JSON export of the current frequency (found as the CSV is found).
 nb::object parse_raw_json(nb::handle self) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
-            nb::object path = getattr(self, k_searchCaliFile)(".json");
+            nb::object path = getattr(self, m_searchCaliFile)(".json");
             if (!truthy(path)) return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
-            setattr(self, k_CaliTable, load_json_file(path));
+            setattr(self, a_CaliTable, load_json_file(path));
             return ret_ok();
         },
         [&](nb::handle) -> nb::object {

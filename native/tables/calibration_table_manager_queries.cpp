@@ -29,7 +29,7 @@ nb::object polarizations() {
     return global(n);
 }
 
-nb::object table_of(nb::handle self) { return getattr(self, k_CaliTable); }
+nb::object table_of(nb::handle self) { return getattr(self, a_CaliTable); }
 
 // The names of an enumeration's members, in declared order.
 nb::list member_names(nb::handle enumeration) {
@@ -41,7 +41,7 @@ nb::list member_names(nb::handle enumeration) {
 // The result of a failed public query: the database error's own result, a
 // KeyError (a missing table entry) raised to the caller, anything else `message`.
 nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
-    Log log = logger_of(self, k_logger);
+    Log log = logger_of(self, a_logger);
     if (is_database_error(exc)) {
         nb::object ret = getattr(exc, k_ret);
         log.error(str("Exception: %s"), ret);
@@ -60,10 +60,10 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
         return ret_data(getitem(table_of(self), k_DR));
     }
     bool dual = dual_polarization(self);
-    bool from_database = !dual && truthy(getattr(self, k_web_mode));
+    bool from_database = !dual && truthy(getattr(self, a_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
-        logger_of(self, k_logger).warning(str("DR not support for STANDBY mode"));
+        logger_of(self, a_logger).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
     nb::object name = enum_fields(mode).name;
@@ -148,7 +148,7 @@ void add_file_ranges(const RangeLists& lists, nb::handle board_table, nb::handle
 nb::dict build_range_cache(nb::handle self) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
-    Py_ssize_t boards = as_index(getattr(self, k_num_board));
+    Py_ssize_t boards = as_index(getattr(self, a_num_board));
     nb::object modes = RFMode();
     nb::dict cache = empty_range_cache(dual, py_len(modes));
     nb::object table = table_of(self);
@@ -172,14 +172,14 @@ nb::dict build_range_cache(nb::handle self) {
 // __getXXXDR(key). The cache is stored only once complete, so a failed build
 // (a board missing from the table) is retried rather than served half-built.
 nb::object ranges_of(nb::handle self, nb::handle kind) {
-    Log log = logger_of(self, k_logger);
-    nb::object cache = getattr(self, k_allXXXDR);
+    Log log = logger_of(self, a_logger);
+    nb::object cache = getattr(self, a_allXXXDR);
     if (!cache.is_none()) {
         log.debug("Fetch %s from cache", kind);
         return getitem(cache, kind);
     }
     cache = build_range_cache(self);
-    setattr(self, k_allXXXDR, cache);
+    setattr(self, a_allXXXDR, cache);
     log.info(str("All DR: %s"), cache);
     return getitem(cache, kind);
 }
@@ -257,7 +257,7 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
 // Per board (counted over every chip of the layout): the TX pair then the RX pair
 // as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
-    Py_ssize_t entries = as_index(getattr(self, k_num_board)) * as_index(getattr(self, k_num_ic_per_board));
+    Py_ssize_t entries = as_index(getattr(self, a_num_board)) * as_index(getattr(self, a_num_ic_per_board));
     nb::object table = table_of(self);
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
@@ -285,7 +285,7 @@ nb::object stored_offsets(nb::handle self, nb::handle mode_name, nb::handle boar
 }
 
 nb::list channel_offsets(nb::handle self, nb::handle by_channel) {
-    Py_ssize_t channels = as_index(getattr(self, k_num_channel_per_ic));
+    Py_ssize_t channels = as_index(getattr(self, a_num_channel_per_ic));
     nb::list offsets;
     for (Py_ssize_t ch = 1; ch <= channels; ++ch) {
         PyObject* key = PyUnicode_FromFormat("CHANNEL_%zd", ch);
@@ -332,10 +332,10 @@ nb::list board_numbers(nb::handle boards) {
 }  // namespace
 
 nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mode_str, nb::handle chip) {
-    nb::object cache = getattr(self, k_allOffset);
+    nb::object cache = getattr(self, a_allOffset);
     if (cache.is_none()) {
         cache = nb::dict();
-        setattr(self, k_allOffset, cache);
+        setattr(self, a_allOffset, cache);
     }
     nb::object mode_cache = cache_level(cache, rf_mode_str);
     nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
@@ -403,7 +403,7 @@ namespace {
 nb::object chip_com_data(nb::handle self, nb::handle board_number, nb::handle chip) {
     nb::object board = board_key(board_number);
     nb::object chip_name = chip_key("DATA_CHIP_%S", chip);
-    nb::object board_cache = cache_level(getattr(self, k_allComDataMap), board);
+    nb::object board_cache = cache_level(getattr(self, a_allComDataMap), board);
     nb::object data = dict_get(board_cache, chip_name);
     if (data.is_valid()) return data;
     data = uses_database(self) ? getattr(database(self).attr(k_query)(chip_name, board), k_RetData)
