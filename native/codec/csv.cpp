@@ -1,4 +1,5 @@
 #include "codec/csv.h"
+#include "codec/text.h"
 
 namespace vex::codec {
 
@@ -39,16 +40,10 @@ std::size_t run_end(std::string_view line, std::size_t i, bool quoted) {
     return i;
 }
 
-std::size_t code_points(std::string_view text) {
-    std::size_t n = 0;
-    for (char c : text) n += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    return n;
-}
-
 }  // namespace
 
 bool CsvParser::add_run(std::string_view run) {
-    const std::size_t chars = code_points(run);
+    const std::size_t chars = count_code_points(run);
     if (field_chars_ + static_cast<long>(chars) > field_limit_) return fail(CsvError::field_too_large);
     field_chars_ += static_cast<long>(chars);
     record_.append(run);
@@ -103,8 +98,10 @@ bool CsvParser::process(char c) {
         }
         return true;
     case State::in_quoted_field:
-        if (c == '"') state_ = State::quote_in_quoted_field;
-        else return add_char(c);
+        if (c == '"')
+            state_ = State::quote_in_quoted_field;
+        else
+            return add_char(c);
         return true;
     case State::quote_in_quoted_field:
         if (c == '"') {
@@ -133,17 +130,14 @@ bool CsvParser::process(char c) {
 bool CsvParser::process_end_of_line() {
     switch (state_) {
     case State::start_record:
-    case State::in_quoted_field:
-        return true;
+    case State::in_quoted_field: return true;
     case State::start_field:
     case State::in_field:
     case State::quote_in_quoted_field:
         save_field();
         state_ = State::start_record;
         return true;
-    case State::eat_crnl:
-        state_ = State::start_record;
-        return true;
+    case State::eat_crnl: state_ = State::start_record; return true;
     }
     return true;
 }

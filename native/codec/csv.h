@@ -48,15 +48,22 @@ public:
 
 private:
     enum class State {
-        start_record, start_field, in_field, in_quoted_field,
-        quote_in_quoted_field, eat_crnl,
+        start_record,
+        start_field,
+        in_field,
+        in_quoted_field,
+        quote_in_quoted_field,
+        eat_crnl,
     };
     bool process(char c);
     bool process_end_of_line();
     bool add_char(char c);
     bool add_run(std::string_view run);
     void save_field();
-    bool fail(CsvError e) { error_ = e; return false; }
+    bool fail(CsvError e) {
+        error_ = e;
+        return false;
+    }
 
     long field_limit_;
     State state_ = State::start_record;

@@ -44,9 +44,12 @@ void append_json_string(std::string& out, std::string_view utf8) {
 }
 
 void append_json_float(std::string& out, double value) {
-    if (std::isnan(value)) out.append("NaN");
-    else if (std::isinf(value)) out.append(value > 0 ? "Infinity" : "-Infinity");
-    else append_float_repr(out, value);
+    if (std::isnan(value))
+        out.append("NaN");
+    else if (std::isinf(value))
+        out.append(value > 0 ? "Infinity" : "-Infinity");
+    else
+        append_float_repr(out, value);
 }
 
 void append_newline_indent(std::string& out, std::size_t spaces) {

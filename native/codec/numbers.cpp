@@ -39,8 +39,8 @@ bool append_short_decimal(std::string& out, double value) {
     const auto end = std::to_chars(buffer, buffer + sizeof buffer, magnitude / 1000).ptr;
     out.append(buffer, end);
     const unsigned fraction = static_cast<unsigned>(magnitude % 1000);
-    const char decimals[4] = {'.', static_cast<char>('0' + fraction / 100), static_cast<char>('0' + fraction / 10 % 10),
-                              static_cast<char>('0' + fraction % 10)};
+    const char decimals[4] = {'.', static_cast<char>('0' + fraction / 100),
+                              static_cast<char>('0' + fraction / 10 % 10), static_cast<char>('0' + fraction % 10)};
     std::size_t length = 4;
     while (length > 2 && decimals[length - 1] == '0') --length;   // keeps one digit: "5.0"
     out.append(decimals, length);

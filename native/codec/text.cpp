@@ -41,34 +41,6 @@ std::size_t utf8_sequence_length(std::string_view raw, std::size_t i) {
 
 }  // namespace
 
-bool decode_utf8_text(std::string_view raw, std::string& out) {
-    out.reserve(out.size() + raw.size());
-    std::size_t i = 0;
-    const std::size_t n = raw.size();
-    while (i < n) {
-        // Copy the plain ASCII run in one go: it is nearly all of a table file.
-        std::size_t run = i;
-        while (run < n) {
-            const unsigned char c = static_cast<unsigned char>(raw[run]);
-            if (c >= 0x80 || c == '\r') break;
-            ++run;
-        }
-        out.append(raw.data() + i, run - i);
-        i = run;
-        if (i >= n) break;
-        if (raw[i] == '\r') {
-            out.push_back('\n');
-            i += (i + 1 < n && raw[i + 1] == '\n') ? 2 : 1;
-            continue;
-        }
-        const std::size_t len = utf8_sequence_length(raw, i);
-        if (len == 0) return false;
-        out.append(raw.data() + i, len);
-        i += len;
-    }
-    return true;
-}
-
 bool is_strict_utf8(std::string_view raw) {
     const std::size_t n = raw.size();
     for (std::size_t i = 0; i < n;) {

@@ -8,12 +8,6 @@
 
 namespace vex::codec {
 
-// Appends `raw` to `out` with "\r\n" and lone "\r" turned into "\n". Returns
-// false, leaving `out` partly filled, when `raw` is not strict UTF-8 (overlong
-// forms, surrogates, code points above U+10FFFF and truncated sequences are
-// refused, as the 'utf-8' codec refuses them). A byte order mark is kept.
-bool decode_utf8_text(std::string_view raw, std::string& out);
-
 // True when `raw` is strict UTF-8.
 bool is_strict_utf8(std::string_view raw);
 

@@ -117,7 +117,7 @@ EnumMember enum_fields(nb::handle member) {
     for (const EnumMember& m : *known)
         if (m.member.ptr() == member.ptr()) return m;
     EnumMember fields{nb::borrow(member), getattr(member, k_name), getattr(member, k_value)};
-    if (known->size() < kRemembered) known->push_back(fields);   // beyond: a host making members again and again
+    if (known->size() < kRemembered) known->push_back(fields);  // beyond: a host making members again and again
     return fields;
 }
 
@@ -131,14 +131,14 @@ const Name k_RetCode{"RetCode"}, k_RetMsg{"RetMsg"}, k_RetData{"RetData"};
 // the fields of RetType(); all kept for the life of the process.
 struct StockResultType {
     PyObject* type = nullptr;
-    PyObject* init = nullptr;                  // the __init__ function in the class namespace
-    PyObject* init_code = nullptr;             // ... and its code, defaults and keyword defaults
+    PyObject* init = nullptr;  // the __init__ function in the class namespace
+    PyObject* init_code = nullptr;  // ... and its code, defaults and keyword defaults
     PyObject* init_defaults = nullptr;
     PyObject* init_kwdefaults = nullptr;
-    PyObject* members[3] = {};                 // the slot descriptors of RetCode, RetMsg, RetData
-    Py_ssize_t offsets[3] = {};                // ... and where each keeps its value in an instance
-    PyObject* defaults[3] = {};                // the fields of RetType()
-    PyObject* no_args = nullptr;               // ()
+    PyObject* members[3] = {};  // the slot descriptors of RetCode, RetMsg, RetData
+    Py_ssize_t offsets[3] = {};  // ... and where each keeps its value in an instance
+    PyObject* defaults[3] = {};  // the fields of RetType()
+    PyObject* no_args = nullptr;  // ()
 };
 StockResultType g_stock;
 
@@ -214,7 +214,7 @@ public:
     int field() const { return field_; }
     PyObject* names() const {
         if (!names_) {
-            names_ = PyTuple_Pack(1, name_.ptr());   // kept for the life of the process
+            names_ = PyTuple_Pack(1, name_.ptr());  // kept for the life of the process
             if (!names_) raise_already_set();
         }
         return names_;
@@ -238,7 +238,7 @@ nb::object make_result(nb::handle code, nb::handle msg, const Keyword* keyword =
         if (keyword) fields[keyword->field()] = value.ptr();
         return fill_stock_result(fields);
     }
-    PyObject* args[4] = {nullptr};   // args[0] free for the callee (PY_VECTORCALL_ARGUMENTS_OFFSET)
+    PyObject* args[4] = {nullptr};  // args[0] free for the callee (PY_VECTORCALL_ARGUMENTS_OFFSET)
     size_t positional = 0;
     if (code.is_valid()) args[1 + positional++] = code.ptr();
     if (msg.is_valid()) args[1 + positional++] = msg.ptr();
@@ -253,7 +253,7 @@ nb::object make_result(nb::handle code, nb::handle msg, const Keyword* keyword =
 
 void remember_stock_result_type(nb::handle cls) {
 #ifdef Py_LIMITED_API
-    (void)cls;   // never taken for the stock record: see is_stock_result_type
+    (void)cls;  // never taken for the stock record: see is_stock_result_type
 #else
     // Anything but a plain class with three object slots and a Python __init__ is
     // never taken for the stock record: it is always called.
@@ -308,6 +308,8 @@ bool ret_failed(nb::handle result) {
     nb::object code = getattr(result, k_RetCode);
     return compare(code, getattr(global(k_codes), k_OK), Py_NE);
 }
+
+bool ret_failed(nb::handle result, nb::handle ok) { return compare(getattr(result, k_RetCode), ok, Py_NE); }
 
 // ---------------------------------------------------------------- logging --
 
@@ -419,9 +421,10 @@ PyObject* native_frame_attacher() {
         builtins.attr("exec")(builtins.attr("compile")(source, module().attr("__file__"), "exec"), scope);
         // One line of source, so every instruction is on the first line, moved to 0.
         nb::object raiser = scope["raise_from_native_code"];
-        raiser.attr("__code__") = raiser.attr("__code__").attr("replace")(
-            nb::arg("co_name") = "<native code>", nb::arg("co_qualname") = "<native code>",
-            nb::arg("co_firstlineno") = 0);
+        raiser.attr("__code__") =
+            raiser.attr("__code__")
+                .attr("replace")(nb::arg("co_name") = "<native code>", nb::arg("co_qualname") = "<native code>",
+                                 nb::arg("co_firstlineno") = 0);
         return nb::object(scope["attach"]).release().ptr();
     }();
     return attacher;
@@ -443,8 +446,7 @@ void give_traceback(nb::handle exc) {
     try {
         PyObject* result = PyObject_CallFunctionObjArgs(native_frame_attacher(), exc.ptr(), nullptr);
         Py_XDECREF(result);
-    } catch (const nb::python_error&) {
-    }
+    } catch (const nb::python_error&) {}
     PyErr_Clear();
 }
 
@@ -549,18 +551,13 @@ ClassBuilder::ClassBuilder(nb::handle module, const char* name, const char* doc,
     cls_ = nb::borrow<nb::object>(reinterpret_cast<PyObject*>(&PyType_Type))(name, base_tuple, ns);
 }
 
-ClassBuilder& ClassBuilder::attr(const char* name, nb::handle value) {
-    nb::setattr(cls_, name, value);
-    return *this;
-}
-
 nb::object ClassBuilder::finish() {
     nb::setattr(module_, name_, cls_);
     return cls_;
 }
 
 const char* ClassBuilder::keep(std::string name) {
-    static std::deque<std::string> names;   // deque: stable addresses
+    static std::deque<std::string> names;  // deque: stable addresses
     names.push_back(std::move(name));
     return names.back().c_str();
 }

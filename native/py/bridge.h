@@ -104,6 +104,8 @@ nb::object ret_msg(std::string_view msg);
 
 // result.RetCode != RetCode.OK, compared with Python's != as the callers do.
 bool ret_failed(nb::handle result);
+// The same, with `ok` (RetCode.OK) fetched once by a caller that checks many results.
+bool ret_failed(nb::handle result, nb::handle ok);
 
 // ---------------------------------------------------------------- logging --
 
@@ -122,21 +124,26 @@ public:
     // logger.isEnabledFor(level): test before building an expensive message.
     bool on(int level) const;
 
-    template <class M, class... A> void debug(M&& msg, A&&... args) const {
+    template <class M, class... A>
+    void debug(M&& msg, A&&... args) const {
         emit(DEBUG, kDebug, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class M, class... A> void info(M&& msg, A&&... args) const {
+    template <class M, class... A>
+    void info(M&& msg, A&&... args) const {
         emit(INFO, kInfo, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class M, class... A> void warning(M&& msg, A&&... args) const {
+    template <class M, class... A>
+    void warning(M&& msg, A&&... args) const {
         emit(WARNING, kWarning, std::forward<M>(msg), std::forward<A>(args)...);
     }
-    template <class M, class... A> void error(M&& msg, A&&... args) const {
+    template <class M, class... A>
+    void error(M&& msg, A&&... args) const {
         emit(ERROR, kError, std::forward<M>(msg), std::forward<A>(args)...);
     }
     // logger.exception(msg, *args): call it while the caught exception is the
     // handled one (inside Guard's error path), so the record carries it.
-    template <class M, class... A> void exception(M&& msg, A&&... args) const {
+    template <class M, class... A>
+    void exception(M&& msg, A&&... args) const {
         emit(ERROR, kException, std::forward<M>(msg), std::forward<A>(args)...);
     }
 
@@ -157,7 +164,10 @@ private:
     static nb::object message(nb::handle text) { return nb::borrow(text); }
     static nb::object message(const char* text);
     static nb::object argument(const Name& name) { return nb::borrow(name.ptr()); }
-    template <class T> static nb::object argument(T&& value) { return nb::cast(std::forward<T>(value)); }
+    template <class T>
+    static nb::object argument(T&& value) {
+        return nb::cast(std::forward<T>(value));
+    }
     // logger.<method>(*args[1:]) with args[0] the logger, through vectorcall.
     static void call_method(Method method, PyObject* const* args, size_t nargs);
 
@@ -255,8 +265,7 @@ struct FunctionDoc {
     const char* signature;   // "def name(self, a: int = 0) -> RetType"
     const char* text;
 };
-const FunctionDoc& function_doc(const char* owner, const char* name,
-                                std::initializer_list<const char*> arg_names);
+const FunctionDoc& function_doc(const char* owner, const char* name, std::initializer_list<const char*> arg_names);
 
 // The parameter name of a binding extra (nb::arg, with or without default), or
 // nullptr for the other extras.
@@ -266,8 +275,10 @@ template <class T>
 struct is_arg_extra<T, std::void_t<decltype(std::declval<const T&>().name_)>> : std::true_type {};
 template <class T>
 const char* arg_name(const T& extra) {
-    if constexpr (is_arg_extra<T>::value) return extra.name_;
-    else return nullptr;
+    if constexpr (is_arg_extra<T>::value)
+        return extra.name_;
+    else
+        return nullptr;
 }
 
 // A module-level function, documented from the table.
@@ -288,14 +299,13 @@ void def_function(nb::module_& m, const char* name, F&& f, const Extra&... extra
 //     nb::object type = cls.finish();            // also sets module.UDDeltaFreqTableManager
 class ClassBuilder {
 public:
-    ClassBuilder(nb::handle module, const char* name, const char* doc = nullptr,
-                 nb::handle bases = nb::handle());
+    ClassBuilder(nb::handle module, const char* name, const char* doc = nullptr, nb::handle bases = nb::handle());
 
     template <class F, class... Extra>
     ClassBuilder& def(const char* name, F&& f, const Extra&... extra) {
         const FunctionDoc& doc = function_doc(name_, name, {arg_name(extra)...});
-        nb::cpp_function_def(std::forward<F>(f), nb::scope(cls_), nb::name(name),
-                             nb::is_method(), extra..., nb::sig(doc.signature), doc.text);
+        nb::cpp_function_def(std::forward<F>(f), nb::scope(cls_), nb::name(name), nb::is_method(), extra...,
+                             nb::sig(doc.signature), doc.text);
         return *this;
     }
 
@@ -305,15 +315,6 @@ public:
         return def(keep(mangle(name_, name)), std::forward<F>(f), extra...);
     }
 
-    // A static method (no instance argument).
-    template <class F, class... Extra>
-    ClassBuilder& def_static(const char* name, F&& f, const Extra&... extra) {
-        nb::object fn = nb::cpp_function(std::forward<F>(f), nb::name(name), extra...);
-        nb::setattr(cls_, name, nb::module_::import_("builtins").attr("staticmethod")(fn));
-        return *this;
-    }
-
-    ClassBuilder& attr(const char* name, nb::handle value);   // a class attribute
     nb::handle type() const { return cls_; }
     nb::object finish();
 

@@ -75,8 +75,6 @@ std::string type_name(PyObject* type);
 #endif
 
 // The name of the type of `obj`, as type_name gives it.
-inline std::string type_name_of(PyObject* obj) {
-    return type_name(reinterpret_cast<PyObject*>(Py_TYPE(obj)));
-}
+inline std::string type_name_of(PyObject* obj) { return type_name(reinterpret_cast<PyObject*>(Py_TYPE(obj))); }
 
 }  // namespace vex::py

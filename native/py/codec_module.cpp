@@ -117,7 +117,8 @@ void write_atomic_named(nb::handle path, nb::handle data) {
 nb::list owned_files(nb::handle folder) {
     nb::list found;
     for (const codec::OwnedFile& f : codec::owned_files(bytes_arg(folder)))
-        found.append(nb::make_tuple(nb::bytes(f.name.data(), f.name.size()), f.kind, f.pid, f.host, f.local, f.stale));
+        found.append(
+            nb::make_tuple(nb::bytes(f.name.data(), f.name.size()), f.kind, f.pid, f.host, f.local, f.stale));
     return found;
 }
 
@@ -137,15 +138,19 @@ void define_codec_submodule(nb::module_& m) {
     c.def("json_loads", [](nb::handle s) { return json_loads(utf8_arg(s)); }, arg("text"));
     c.def("json_load_file", [](nb::handle path) { return json_loads(read_text_file(path)); }, arg("path"));
     c.def("write_file_atomic", &write_atomic, arg("path"), arg("data"));
-    c.def("dump_json_file_atomic",
-          [](nb::handle obj, nb::handle indent, nb::handle path) { dump_json_file_atomic(obj, nb::cast<int>(indent), path); },
-          arg("obj"), arg("indent"), arg("path"));
+    c.def(
+        "dump_json_file_atomic",
+        [](nb::handle obj, nb::handle indent, nb::handle path) {
+            dump_json_file_atomic(obj, nb::cast<int>(indent), path);
+        },
+        arg("obj"), arg("indent"), arg("path"));
     // Paths as bytes (os.fsencode): the staging and owned-file helpers of the
     // atomic writer, for the table tool's check and for tests.
     c.def("write_file_atomic_named", &write_atomic_named, arg("path"), arg("data"));
     c.def("owned_files", &owned_files, arg("folder"));
-    c.def("remove_stale_temporaries",
-          [](nb::handle folder) { return codec::remove_stale_temporaries(bytes_arg(folder)); }, arg("folder"));
+    c.def(
+        "remove_stale_temporaries",
+        [](nb::handle folder) { return codec::remove_stale_temporaries(bytes_arg(folder)); }, arg("folder"));
 }
 
 }  // namespace vex::py

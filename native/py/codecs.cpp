@@ -1,5 +1,6 @@
-// The Python-object side of the codecs: paths, str objects, exceptions and the
-// walk over Python containers. The byte-level work is in native/codec/.
+// The Python-object side of the codecs: paths, str objects, numbers, CSV
+// reading and writing, and atomic file writes. JSON is in json.cpp; the
+// byte-level work is in native/codec/.
 #include "py/codecs.h"
 #include "py/capi.h"
 
@@ -7,10 +8,10 @@
 
 #include "codec/atomic_file.h"
 #include "codec/csv.h"
-#include "codec/json.h"
 #include "codec/numbers.h"
 #include "codec/text.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <vector>
@@ -20,19 +21,10 @@ namespace {
 
 const Name k_csv{"csv"};
 const Name k_Error{"Error"};
-const Name k_field_size_limit{"field_size_limit"};
-const Name k_dunder_class{"__class__"};
-const Name k_dunder_name{"__name__"};
-const Name k_items{"items"};
+
+}  // namespace
 
 // ------------------------------------------------------------------ paths --
-
-// A path as open() takes it: os.fspath(path) (kept as the filename of errors)
-// and its file-system bytes.
-struct FsPath {
-    nb::object given;
-    std::string bytes;
-};
 
 FsPath fs_path(nb::handle path) {
     FsPath result;
@@ -46,7 +38,6 @@ FsPath fs_path(nb::handle path) {
     return result;
 }
 
-// The OSError subclass open() raises for this errno, with errno, text and filename.
 [[noreturn]] void raise_os_error(int err, nb::handle filename) {
     errno = err;
     PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename.ptr());
@@ -55,12 +46,6 @@ FsPath fs_path(nb::handle path) {
 
 // ------------------------------------------------------------------- text --
 
-// A str from UTF-8 that may carry lone surrogates (as our CSV fields can when
-// they came from a str object holding them).
-nb::object text_object(std::string_view text) { return str(text); }
-
-// UTF-8 of a str object; lone surrogates are kept (encoded as such) when
-// `keep_surrogates`, else they raise the UnicodeEncodeError a UTF-8 write raises.
 std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates) {
     Py_ssize_t size = 0;
     const char* data = PyUnicode_AsUTF8AndSize(s.ptr(), &size);
@@ -73,6 +58,8 @@ std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates)
     return bytes_view(bytes);
 }
 
+namespace {
+
 // ---------------------------------------------------------------- csv.Error --
 
 nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
@@ -84,16 +71,9 @@ nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
 
 [[noreturn]] void raise_csv_error(const codec::CsvParser& parser) {
     if (parser.error() == codec::CsvError::field_too_large)
-        raise_csv_error(nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)",
-                                                       parser.field_limit())));
+        raise_csv_error(
+            nb::steal(PyUnicode_FromFormat("field larger than field limit (%ld)", parser.field_limit())));
     raise_csv_error(str(stdlib_messages().csv_newline_in_unquoted_field));
-}
-
-long current_field_limit() {
-    nb::object limit = getattr(global(k_csv), k_field_size_limit)();
-    const long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
 }
 
 }  // namespace
@@ -125,7 +105,7 @@ std::string read_text_file(nb::handle path) {
 nb::object int_from_text(std::string_view text) {
     long long value = 0;
     if (codec::parse_plain_int(text, value)) return nb::steal(PyLong_FromLongLong(value));
-    nb::object s = text_object(text);
+    nb::object s = str(text);
     PyObject* result = int_from_str(s.ptr());
     if (!result) raise_already_set();
     return nb::steal(result);
@@ -134,7 +114,7 @@ nb::object int_from_text(std::string_view text) {
 nb::object float_from_text(std::string_view text) {
     double value = 0;
     if (codec::parse_plain_double(text, value)) return nb::steal(PyFloat_FromDouble(value));
-    nb::object s = text_object(text);
+    nb::object s = str(text);
     PyObject* result = PyFloat_FromString(s.ptr());
     if (!result) raise_already_set();
     return nb::steal(result);
@@ -158,7 +138,7 @@ long long longlong_from_text(std::string_view text) {
 // =================================================================== CSV ===
 
 struct CsvReader::Impl {
-    explicit Impl(bool drop) : parser(current_field_limit()), drop_nul(drop) {}
+    explicit Impl(bool drop) : parser(csv_field_size_limit()), drop_nul(drop) {}
 
     codec::CsvParser parser;
     bool drop_nul;
@@ -226,9 +206,7 @@ bool CsvReader::Impl::next_line(std::string_view& line) {
     return got;
 }
 
-CsvReader::CsvReader(std::string_view text, bool drop_nul) : impl_(new Impl(drop_nul)) {
-    impl_->text = text;
-}
+CsvReader::CsvReader(std::string_view text, bool drop_nul) : impl_(new Impl(drop_nul)) { impl_->text = text; }
 
 CsvReader::CsvReader(nb::handle iterable_of_lines, bool drop_nul) : impl_(nullptr) {
     PyObject* it = PyObject_GetIter(iterable_of_lines.ptr());
@@ -277,8 +255,8 @@ void csv_write_row(std::string& out, nb::handle row) {
     if (!it) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
         PyErr_Clear();
-        raise_csv_error(nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s",
-                                                       type_name_of(row.ptr()).c_str())));
+        raise_csv_error(
+            nb::steal(PyUnicode_FromFormat("iterable expected, not %.200s", type_name_of(row.ptr()).c_str())));
     }
     nb::object iterator = nb::steal(it);
     const std::size_t start = out.size();
@@ -307,305 +285,64 @@ void csv_write_row(std::string& out, nb::handle row) {
     codec::csv_end_record(out, start, fields);
 }
 
-// ================================================================== JSON ===
+// ======================================================== plain CSV rows ==
 
 namespace {
 
-// The walk of json's pure-Python encoder (_make_iterencode), writing into one
-// buffer. Type checks run in the encoder's order: str, None, True, False, int,
-// float, list/tuple, dict; anything else is refused as the default hook does.
-class JsonEncoder {
-public:
-    // Where a streaming encoder hands its text: take() consumes the buffer's
-    // content (and raises on failure).
-    struct Sink {
-        virtual void take(std::string& buffer) = 0;
+// What a character means to the plain-line split: a comma ends a cell; a quote,
+// NUL or CR needs the CSV reader.
+enum class CharClass : unsigned char { plain, comma, special };
 
-    protected:
-        ~Sink() = default;   // never deleted through this interface
-    };
+constexpr std::array<CharClass, 256> char_classes() {
+    std::array<CharClass, 256> classes{};
+    classes[','] = CharClass::comma;
+    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
+    return classes;
+}
 
-    JsonEncoder(std::string& out, int indent) : out_(out), indent_(indent > 0 ? indent : 0) {}
-    // Hands the text to `sink` whenever `chunk` bytes have gathered, so a large
-    // table never exists as one string; the caller hands over the rest at the end.
-    JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
-        : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
+constexpr std::array<CharClass, 256> k_char_class = char_classes();
 
-    // o.__class__.__name__, the name json's default() gives an object it refuses
-    // (and, before 3.13, the pure-Python indenting encoder a key it refuses):
-    // "datetime", where C code says "datetime.datetime".
-    static nb::object class_name(PyObject* o) {
-        return getattr(getattr(o, k_dunder_class), k_dunder_name);
-    }
+}  // namespace
 
-    void value(PyObject* o, std::size_t level) {
-        if (scalar(o)) return;
-        if (PyList_Check(o) || PyTuple_Check(o)) return sequence(o, level);
-        if (PyDict_Check(o)) return mapping(o, level);
-        // The encoder marks the object before calling its default hook, which refuses it.
-        PyErr_Format(PyExc_TypeError, "Object of type %S is not JSON serializable", class_name(o).ptr());
-        raise_already_set();
-    }
-
-private:
-    // Writes str, None, bool, int and float values; false for anything else.
-    bool scalar(PyObject* o) {
-        if (PyUnicode_Check(o)) {
-            string(o);
-        } else if (o == Py_None) {
-            out_.append("null");
-        } else if (o == Py_True) {
-            out_.append("true");
-        } else if (o == Py_False) {
-            out_.append("false");
-        } else if (PyLong_Check(o)) {
-            integer(o);
-        } else if (PyFloat_Check(o)) {
-            codec::append_json_float(out_, float_value(o));
-        } else {
-            return false;
-        }
+bool CsvTextRows::next(CsvFields& cells) {
+    cells.clear();
+    if (pos_ >= text_.size()) return false;
+    const size_t newline = text_.find('\n', pos_);
+    const size_t end = newline == std::string_view::npos ? text_.size() : newline;
+    if (split_plain(text_.substr(pos_, end - pos_), cells)) {
+        pos_ = end + 1;
         return true;
     }
-
-    void string(PyObject* s) {
-        nb::object keeper;
-        codec::append_json_string(out_, utf8_of(nb::handle(s), keeper, false));
-    }
-
-    // int.__repr__, also for int subclasses (IntEnum members are written as numbers).
-    void integer(PyObject* o) {
-        int overflow = 0;
-        const long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
-        if (!overflow) {
-            if (v == -1 && PyErr_Occurred()) raise_already_set();
-            codec::append_int(out_, v);
-            return;
-        }
-        PyObject* text = reinterpret_cast<reprfunc>(PyType_GetSlot(&PyLong_Type, Py_tp_repr))(o);
-        if (!text) raise_already_set();
-        nb::object keeper = nb::steal(text);
-        Py_ssize_t size = 0;
-        const char* data = PyUnicode_AsUTF8AndSize(text, &size);
-        if (!data) raise_already_set();
-        out_.append(data, static_cast<std::size_t>(size));
-    }
-
-    // A dict key as the encoder coerces it, or a TypeError.
-    void key(PyObject* k) {
-        if (PyUnicode_Check(k)) return string(k);
-        std::string text;
-        if (PyFloat_Check(k)) codec::append_json_float(text, float_value(k));
-        else if (k == Py_True) text = "true";
-        else if (k == Py_False) text = "false";
-        else if (k == Py_None) text = "null";
-        else if (PyLong_Check(k)) {
-            std::swap(text, out_);
-            try { integer(k); } catch (...) { std::swap(text, out_); throw; }
-            std::swap(text, out_);
-        } else {
-            nb::object type = stdlib_messages().json_key_refusal_names_c_type
-                                  ? str(type_name_of(k)) : class_name(k);
-            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S", type.ptr());
-            raise_already_set();
-        }
-        codec::append_json_string(out_, text);
-    }
-
-    // The encoder's marker for containers on the current path. The path is a
-    // stack no deeper than the recursion limit, and table files are a few levels
-    // deep, so a linear search beats hashing.
-    struct Marker {
-        Marker(JsonEncoder& e, PyObject* o) : enc(e) {
-            for (PyObject* open : enc.path_) {
-                if (open == o) {
-                    PyErr_SetString(PyExc_ValueError, "Circular reference detected");
-                    raise_already_set();
-                }
-            }
-            if (Py_EnterRecursiveCall(" while encoding a JSON object")) raise_already_set();
-            enc.path_.push_back(o);
-        }
-        ~Marker() {
-            enc.path_.pop_back();
-            Py_LeaveRecursiveCall();
-        }
-        JsonEncoder& enc;
-    };
-
-    // `not container`, through __len__/__bool__ for subclasses as Python does.
-    static bool is_empty(PyObject* o) {
-        const int truth = PyObject_IsTrue(o);
-        if (truth < 0) raise_already_set();
-        return truth == 0;
-    }
-
-    void hand_over_full_chunk() {
-        if (out_.size() >= chunk_) sink_->take(out_);
-    }
-
-    void open_item(bool first, std::size_t level) {
-        if (!first) out_.push_back(',');
-        newline(level);
-    }
-
-    // "\n" and the indentation of `level`, appended from a prepared run of spaces.
-    void newline(std::size_t level) {
-        const std::size_t width = 1 + level * indent_;
-        if (newline_.size() < width) newline_.append(width - newline_.size() + 64, ' ');
-        out_.append(newline_.data(), width);
-    }
-
-    void sequence(PyObject* o, std::size_t level) {
-        if (is_empty(o)) {
-            out_.append("[]");
-            return;
-        }
-        Marker mark(*this, o);
-        out_.push_back('[');
-        if (PyList_CheckExact(o) || PyTuple_CheckExact(o)) {
-            for (Py_ssize_t i = 0; i < list_or_tuple_size(o); ++i) {
-                open_item(i == 0, level + 1);
-                nb::object item = nb::borrow(list_or_tuple_item(o, i));
-                value(item.ptr(), level + 1);
-                hand_over_full_chunk();
-            }
-        } else {
-            nb::object it = nb::steal(PyObject_GetIter(o));
-            if (!it.is_valid()) raise_already_set();
-            bool first = true;
-            while (PyObject* raw = PyIter_Next(it.ptr())) {
-                nb::object item = nb::steal(raw);
-                open_item(first, level + 1);
-                first = false;
-                value(raw, level + 1);
-                hand_over_full_chunk();
-            }
-            if (PyErr_Occurred()) raise_already_set();
-        }
-        newline(level);
-        out_.push_back(']');
-    }
-
-    void member(PyObject* k, PyObject* v, bool first, std::size_t level) {
-        open_item(first, level);
-        key(k);
-        out_.append(": ");
-        value(v, level);
-        hand_over_full_chunk();
-    }
-
-    void mapping(PyObject* o, std::size_t level) {
-        if (is_empty(o)) {
-            out_.append("{}");
-            return;
-        }
-        Marker mark(*this, o);
-        out_.push_back('{');
-        if (PyDict_CheckExact(o)) {
-            Py_ssize_t pos = 0;
-            PyObject *k, *v;
-            bool first = true;
-            while (PyDict_Next(o, &pos, &k, &v)) {
-                nb::object hold_k = nb::borrow(k), hold_v = nb::borrow(v);
-                member(k, v, first, level + 1);
-                first = false;
-            }
-        } else {
-            // A dict subclass is walked through its own items(), as the encoder does.
-            nb::object items = getattr(nb::handle(o), k_items)();
-            nb::object it = nb::steal(PyObject_GetIter(items.ptr()));
-            if (!it.is_valid()) raise_already_set();
-            bool first = true;
-            while (PyObject* raw = PyIter_Next(it.ptr())) {
-                nb::object pair = nb::steal(raw);
-                nb::object k = getitem(pair, 0), v = getitem(pair, 1);
-                member(k.ptr(), v.ptr(), first, level + 1);
-                first = false;
-            }
-            if (PyErr_Occurred()) raise_already_set();
-        }
-        newline(level);
-        out_.push_back('}');
-    }
-
-    std::string& out_;
-    std::size_t indent_;
-    Sink* sink_ = nullptr;
-    std::size_t chunk_ = SIZE_MAX;
-    std::string newline_ = "\n";
-    std::vector<PyObject*> path_;
-};
-
-}  // namespace
-
-void json_dumps(nb::handle obj, int indent, std::string& out) {
-    const std::size_t start = out.size();
-    try {
-        JsonEncoder(out, indent).value(obj.ptr(), 0);
-    } catch (...) {
-        out.resize(start);
-        throw;
-    }
+    return read_record(cells);
 }
 
-namespace {
-
-// The temporary file of an atomic replacement as the encoder's sink; a failed
-// write raises the OSError open().write() would raise for the target.
-struct AtomicFileSink : JsonEncoder::Sink {
-    AtomicFileSink(codec::AtomicFile& f, nb::handle name) : file(f), filename(name) {}
-    void take(std::string& buffer) override {
-        const int err = file.write(buffer);
-        if (err != 0) raise_os_error(err, filename);
-        buffer.clear();
+bool CsvTextRows::split_plain(std::string_view line, CsvFields& cells) const {
+    if (static_cast<long>(line.size()) > field_limit_) return false;
+    size_t start = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const CharClass kind = k_char_class[static_cast<unsigned char>(line[i])];
+        if (kind == CharClass::plain) continue;
+        if (kind == CharClass::special) {
+            cells.clear();
+            return false;
+        }
+        cells.push_back(line.substr(start, i - start));
+        start = i + 1;
     }
-    codec::AtomicFile& file;
-    nb::handle filename;
-};
+    if (!line.empty()) cells.push_back(line.substr(start));
+    return true;
+}
 
-// Big enough that writes cost little per byte, small enough to stay in cache.
-constexpr std::size_t kJsonChunk = 1 << 20;
-
-}  // namespace
-
-void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path) {
-    const FsPath where = fs_path(path);
-    codec::AtomicFile file;
-    if (const int err = file.open(where.bytes)) raise_os_error(err, where.given);
-    AtomicFileSink sink(file, where.given);
-    std::string buffer;
-    buffer.reserve(kJsonChunk + kJsonChunk / 4);
-    JsonEncoder(buffer, indent, sink, kJsonChunk).value(obj.ptr(), 0);
-    sink.take(buffer);
-    int err = 0;
-    {
-        nb::gil_scoped_release unlocked;
-        err = file.commit();
+// One record read by the CSV reader from this line on; it tells how many lines
+// the record took.
+bool CsvTextRows::read_record(CsvFields& cells) {
+    csv_.emplace(text_.substr(pos_), drop_nul_);
+    const bool got = csv_->next(cells);
+    for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
+        const size_t newline = text_.find('\n', pos_);
+        pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
     }
-    if (err != 0) raise_os_error(err, where.given);
-}
-
-namespace {
-PyObject* g_standard_json_loads = nullptr;   // kept for the life of the process
-}  // namespace
-
-void remember_standard_json_loads(nb::handle loads) {
-    Py_XDECREF(g_standard_json_loads);
-    g_standard_json_loads = Py_NewRef(loads.ptr());
-}
-
-nb::object load_json_file(nb::handle path) {
-    static const Name k_json{"json"};
-    static const Name k_loads{"loads"};
-    nb::object loads = getattr(global(k_json), k_loads);
-    if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
-    return loads(str(read_text_file(path)));
-}
-
-GcPause::GcPause() : was_enabled_(PyGC_Disable() == 1) {}
-GcPause::~GcPause() {
-    if (was_enabled_) PyGC_Enable();
+    return got;
 }
 
 // ============================================================ file writes ==

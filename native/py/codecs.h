@@ -8,7 +8,9 @@
 #pragma once
 
 #include "py/bridge.h"
+#include "py/pyops.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,10 +46,10 @@ using CsvFields = std::vector<std::string_view>;   // the same, as views into th
 // file gives them) or the items of a Python iterable of str (a file object,
 // io.StringIO, a list of lines). With drop_nul, every NUL character is removed
 // from each line before the reader sees it (line.replace("\0", "")).
-// Errors raise csv.Error with CPython's message (for example "new-line character
-// seen in unquoted field - do you need to open the file with newline=''?",
-// "field larger than field limit (131072)"); an iterable item that is not a str
-// raises csv.Error as csv.reader does.
+// Errors raise csv.Error with the running interpreter's own message (the
+// new-line message changed between releases: stdlib_messages.cpp holds each
+// wording; a long field gives "field larger than field limit (131072)"); an
+// iterable item that is not a str raises csv.Error as csv.reader does.
 class CsvReader {
 public:
     CsvReader(std::string_view text, bool drop_nul = false);   // text must outlive the reader
@@ -69,6 +71,32 @@ public:
 private:
     bool next_record();
     Impl* impl_;
+};
+
+// Rows of a decoded text (newlines already "\n") exactly as CsvReader(text,
+// drop_nul) yields them, for table files that are nearly all plain names and
+// numbers between commas. A line without quote, NUL or CR, too short to hold an
+// oversized field, is split at its commas straight from the text without
+// copying; any other line starts the CSV reader there for the record it begins
+// (a record always starts at a line start, so the rows are the same).
+class CsvTextRows {
+public:
+    CsvTextRows(std::string_view text, long field_limit, bool drop_nul)   // text must outlive the rows
+        : text_(text), field_limit_(field_limit), drop_nul_(drop_nul) {}
+
+    // The next row into `cells` (empty for a blank line); false at the end. The
+    // views stay valid until the next call.
+    bool next(CsvFields& cells);
+
+private:
+    bool split_plain(std::string_view line, CsvFields& cells) const;
+    bool read_record(CsvFields& cells);
+
+    std::string_view text_;
+    long field_limit_;
+    bool drop_nul_;
+    size_t pos_ = 0;
+    std::optional<CsvReader> csv_;   // holds the record its cells view
 };
 
 // Appends one row as csv.writer(f).writerow(row) writes it with the default
@@ -101,21 +129,6 @@ void remember_standard_json_loads(nb::handle loads);
 
 // ------------------------------------------------------- bulk building ---
 
-// While alive, the cyclic garbage collector does not run. Building a large
-// table of fresh containers (which cannot form garbage cycles) would otherwise
-// trigger repeated full collections over every object made so far. The previous
-// state is restored at the end, so pauses nest.
-class GcPause {
-public:
-    GcPause();
-    ~GcPause();
-    GcPause(const GcPause&) = delete;
-    GcPause& operator=(const GcPause&) = delete;
-
-private:
-    bool was_enabled_;
-};
-
 // ------------------------------------------------------------ file writes --
 
 // Replaces the file at `path` (str or os.PathLike) with `data` atomically: the
@@ -136,6 +149,23 @@ void write_file_atomic(nb::handle path, std::string_view data);
 void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path);
 
 // ------------------------------------------------------------ internals ---
+
+// Shared by the codec files (codecs.cpp, json.cpp).
+
+// A path as open() takes it: os.fspath(path) (kept as the filename of errors)
+// and its file-system bytes.
+struct FsPath {
+    nb::object given;
+    std::string bytes;
+};
+FsPath fs_path(nb::handle path);
+
+// The OSError subclass open() raises for this errno, with errno, text and filename.
+[[noreturn]] void raise_os_error(int err, nb::handle filename);
+
+// UTF-8 of a str object; lone surrogates are kept (encoded as such) when
+// `keep_surrogates`, else they raise the UnicodeEncodeError a UTF-8 write raises.
+std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates);
 
 // Defines the internal submodule `_codec` of `m`: thin wrappers over the
 // functions above, for the tests and benchmarks. Not part of the public API.

@@ -2,7 +2,6 @@
 
 #include <Python.h>
 
-
 namespace vex::py {
 namespace {
 
@@ -18,8 +17,7 @@ constexpr Since k_messages_by_version[] = {
       "do you need to open the file in universal-newline mode?",
       false, false}},
     {0x030D0000,
-     {"new-line character seen in unquoted field - do you need to open the file with newline=''?",
-      true, true}},
+     {"new-line character seen in unquoted field - do you need to open the file with newline=''?", true, true}},
 };
 
 const StdlibMessages& messages_of(unsigned long version) {

@@ -17,12 +17,10 @@
 #include "py/capi.h"
 #include "py/codecs.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -38,24 +36,24 @@ using namespace vex::py;
 
 // ------------------------------------------------------------------ names ---
 
-const Name k_logger{"_AAKitTableManager__logger"};
-const Name k_devtype{"_AAKitTableManager__devtype"};
-const Name k_num_polarization{"_num_polarization"};
-const Name k_support_devs{"_AAKitTableManager__supportDevs"};
-const Name k_totol_ch{"_AAKitTableManager__totol_ch"};
-const Name k_aakit_name{"_aakit_name"};
-const Name k_web_mode{"_AAKitTableManager__web_mode"};
-const Name k_table{"_AAKitTable"};
-const Name k_default_dir{"_AAKitTableManager__defaultDir"};
-const Name k_field_limit{"_AAKitTableManager__fieldlimit"};
+const Name a_logger{"_AAKitTableManager__logger"};
+const Name a_devtype{"_AAKitTableManager__devtype"};
+const Name a_num_polarization{"_num_polarization"};
+const Name a_support_devs{"_AAKitTableManager__supportDevs"};
+const Name a_totol_ch{"_AAKitTableManager__totol_ch"};
+const Name a_aakit_name{"_aakit_name"};
+const Name a_web_mode{"_AAKitTableManager__web_mode"};
+const Name a_table{"_AAKitTable"};
+const Name a_default_dir{"_AAKitTableManager__defaultDir"};
+const Name a_field_limit{"_AAKitTableManager__fieldlimit"};
 
 // Methods reached through the instance (overridable).
-const Name k_getAAKitTablePath{"_getAAKitTablePath"};
-const Name k_parse{"parse"};
-const Name k_getAAKitList{"getAAKitList"};
-const Name k_computeAAKitFullName{"computeAAKitFullName"};
-const Name k_deleteAAKitInfo{"deleteAAKitInfo"};
-const Name k_saveAAKitFile{"saveAAKitFile"};
+const Name m_getAAKitTablePath{"_getAAKitTablePath"};
+const Name m_parse{"parse"};
+const Name m_getAAKitList{"getAAKitList"};
+const Name m_computeAAKitFullName{"computeAAKitFullName"};
+const Name m_deleteAAKitInfo{"deleteAAKitInfo"};
+const Name m_saveAAKitFile{"saveAAKitFile"};
 
 // Row keys of a kit file and keys of a kit record.
 const Name k_AAKIT_NAME{"AAKIT_NAME"};
@@ -75,7 +73,6 @@ const Name k_empty{""};
 // Module globals, looked up when used.
 const Name g_os{"os"};
 const Name g_glob{"glob"};
-const Name g_csv{"csv"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_datetime{"datetime"};
@@ -83,58 +80,16 @@ const Name g_AAKitField{"AAKitField"};
 
 // ---------------------------------------------------------- small helpers ---
 
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
-
-
-
-nb::object py_str(nb::handle obj) {
-    PyObject* s = PyObject_Str(obj.ptr());
-    if (!s) raise_already_set();
-    return nb::steal(s);
-}
-
 nb::object py_int(Py_ssize_t n) {
     PyObject* i = PyLong_FromSsize_t(n);
     if (!i) raise_already_set();
     return nb::steal(i);
 }
 
-nb::object pair_list(nb::handle first, nb::handle second) {
-    PyObject* list = PyList_New(2);
-    if (!list) raise_already_set();
-    list_fill(list, 0, Py_NewRef(first.ptr()));
-    list_fill(list, 1, Py_NewRef(second.ptr()));
-    return nb::steal(list);
-}
-
 nb::object float_object(double value) {
     PyObject* f = PyFloat_FromDouble(value);
     if (!f) raise_already_set();
     return nb::steal(f);
-}
-
-// Python's `fmt % arg`, with its own rules (a tuple arg supplies several values).
-nb::object percent(const char* fmt, nb::handle arg) {
-    PyObject* s = PyUnicode_Format(str(fmt).ptr(), arg.ptr());
-    if (!s) raise_already_set();
-    return nb::steal(s);
-}
-
-// a + b + c ..., evaluated left to right with Python's `+` (a non-str kit name
-// raises the TypeError Python code would raise).
-nb::object concat(std::initializer_list<nb::handle> parts) {
-    nb::object out;
-    for (nb::handle part : parts) {
-        if (!out.is_valid()) {
-            out = nb::borrow(part);
-            continue;
-        }
-        PyObject* sum = PyNumber_Add(out.ptr(), part.ptr());
-        if (!sum) raise_already_set();
-        out = nb::steal(sum);
-    }
-    return out;
 }
 
 // RetType(RetCode.<code>, msg), its message logged at error level.
@@ -155,7 +110,7 @@ nb::object exception_result(const Log& log, nb::handle exc) {
 // The kit names the table currently lists, as getAAKitList() reports them (its
 // data is None when the listing failed, and `name in None` raises, as in Python).
 bool listed(nb::handle self, nb::handle name) {
-    nb::object names = getattr(getattr(self, k_getAAKitList)(), k_RetData);
+    nb::object names = getattr(getattr(self, m_getAAKitList)(), k_RetData);
     return contains(names, name);
 }
 
@@ -175,14 +130,13 @@ bool unsafe_file_name(nb::handle name) {
 }
 
 nb::object refuse_unsafe_name(const Log& log, nb::handle name) {
-    nb::object msg = percent("AAKit name %r must not contain a path separator or NUL",
-                             nb::make_tuple(name));
+    nb::object msg = percent("AAKit name %r must not contain a path separator or NUL", nb::make_tuple(name));
     return logged_error(log, "ERROR_BF_AAKIT", msg);
 }
 
 nb::object kit_file_path(nb::handle self, nb::handle kit_name) {
     nb::object file_name = concat({str("AAKIT_"), kit_name, str(".csv")});
-    PyObject* path = PyNumber_TrueDivide(getattr(self, k_default_dir).ptr(), file_name.ptr());
+    PyObject* path = PyNumber_TrueDivide(getattr(self, a_default_dir).ptr(), file_name.ptr());
     if (!path) raise_already_set();
     return nb::steal(path);
 }
@@ -228,22 +182,22 @@ nb::dict field_limits(nb::handle total_ch, nb::handle num_polar) {
 
 // `path` is accepted for compatibility and unused: kit files always live in the
 // SDK files directory.
-void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path,
-          nb::handle num_polar, nb::handle support_dev, nb::handle web_client_id) {
-    setattr(self, k_logger, Log::named("AAKitTbl").logger());
-    setattr(self, k_devtype, devtype);
-    setattr(self, k_num_polarization, num_polar);
-    setattr(self, k_support_devs, support_dev);
-    setattr(self, k_totol_ch, total_ch);
-    setattr(self, k_aakit_name, k_empty);
+void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle path, nb::handle num_polar,
+          nb::handle support_dev, nb::handle web_client_id) {
+    setattr(self, a_logger, Log::named("AAKitTbl").logger());
+    setattr(self, a_devtype, devtype);
+    setattr(self, a_num_polarization, num_polar);
+    setattr(self, a_support_devs, support_dev);
+    setattr(self, a_totol_ch, total_ch);
+    setattr(self, a_aakit_name, k_empty);
     bool web_mode = !web_client_id.is_none();
-    setattr(self, k_web_mode, nb::bool_(web_mode));
-    setattr(self, k_table, nb::dict());
+    setattr(self, a_web_mode, nb::bool_(web_mode));
+    setattr(self, a_table, nb::dict());
     if (!web_mode) {
         nb::object files_dir = global(g_Utils).attr("_get_files_dir")();
-        setattr(self, k_default_dir, global(g_Path)(files_dir));
+        setattr(self, a_default_dir, global(g_Path)(files_dir));
     }
-    setattr(self, k_field_limit, field_limits(total_ch, getattr(self, k_num_polarization)));
+    setattr(self, a_field_limit, field_limits(total_ch, getattr(self, a_num_polarization)));
 }
 
 // ============================================================ kit files ====
@@ -252,7 +206,7 @@ void init(nb::handle self, nb::handle devtype, nb::handle total_ch, nb::handle p
 // escaped so that brackets or stars in its own name are not taken as a pattern.
 nb::object get_table_path(nb::handle self) {
     nb::object glob = global(g_glob);
-    nb::object directory = glob.attr("escape")(py_str(getattr(self, k_default_dir)));
+    nb::object directory = glob.attr("escape")(py_str(getattr(self, a_default_dir)));
     nb::object pattern = global(g_os).attr("path").attr("join")(directory, "AAKIT_*.csv");
     nb::object files = glob.attr("glob")(pattern);
     files.attr("sort")();
@@ -264,73 +218,6 @@ nb::object get_table_path(nb::handle self) {
 // The cells of one CSV row, key first: views into the file text or into the
 // CSV reader's current row, valid until the next row is read.
 using Cells = std::vector<std::string_view>;
-
-// The rows of a kit file exactly as csv.reader yields them. Kit files are plain
-// names and numbers between commas: for a text without quote characters whose lines are no longer than csv's field limit, csv.reader's rows are just its
-// lines split at each comma, so the cells are taken straight from the text without
-// copying. Any other text goes through the full CSV reader.
-class KitRows {
-public:
-    KitRows(std::string_view text, long field_limit) : text_(text) {
-        if (!plain_text(field_limit)) reader_ = std::make_unique<CsvReader>(text);
-    }
-
-    // The next row into `cells` (empty for a blank line); false at the end.
-    bool next(Cells& cells) {
-        cells.clear();
-        return reader_ ? next_from_reader(cells) : next_plain_line(cells);
-    }
-
-private:
-    bool plain_text(long field_limit) const {
-        if (text_.find('"') != std::string_view::npos) return false;
-        for (size_t pos = 0; pos < text_.size();) {
-            size_t end = std::min(text_.find('\n', pos), text_.size());
-            if (static_cast<long>(end - pos) > field_limit) return false;
-            pos = end + 1;
-        }
-        return true;
-    }
-
-    bool next_plain_line(Cells& cells) {
-        if (pos_ >= text_.size()) return false;
-        size_t end = std::min(text_.find('\n', pos_), text_.size());
-        std::string_view line = text_.substr(pos_, end - pos_);
-        pos_ = end + 1;
-        if (line.empty()) return true;
-        // Offset rows hold a thousand cells of a few characters: size the vector
-        // once (it keeps its capacity from row to row) and fill it in one pass.
-        cells.resize(static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1);
-        const char* data = line.data();
-        size_t cell = 0, start = 0;
-        for (size_t i = 0; i < line.size(); ++i) {
-            if (data[i] != ',') continue;
-            cells[cell++] = std::string_view(data + start, i - start);
-            start = i + 1;
-        }
-        cells[cell] = std::string_view(data + start, line.size() - start);
-        return true;
-    }
-
-    bool next_from_reader(Cells& cells) {
-        if (!reader_->next(row_)) return false;
-        for (const std::string& cell : row_) cells.emplace_back(cell);
-        return true;
-    }
-
-    std::string_view text_;
-    size_t pos_ = 0;
-    std::unique_ptr<CsvReader> reader_;
-    CsvRow row_;
-};
-
-long csv_field_limit() {
-    static const Name field_size_limit{"field_size_limit"};
-    nb::object limit = getattr(global(g_csv), field_size_limit)();
-    long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
-}
 
 // What one kit file yields: its name ("" until a name row is read), its record,
 // and whether a rule refused the file.
@@ -427,15 +314,15 @@ nb::object offset_list(const Cells& row) {
 
 bool read_device_type(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     nb::object dev = int_object(value_at(row, 0));
-    if (!contains(getattr(self, k_support_devs), dev)) {
+    if (!contains(getattr(self, a_support_devs), dev)) {
         if (log.on(WARNING))
             log.warning(concat({str("Skip "), path, str(", due to dev type("), py_str(dev), str(") not match")}));
         return false;
     }
     if (PyDict_SetItem(kit.record.ptr(), k_DEV_TYPE.ptr(), dev.ptr()) < 0) {
         PyErr_Clear();
-        log.error(concat({kit.name, str(" not support "), k_DEV_TYPE, str(": "), py_str(dev),
-                          str(", skip this file")}));
+        log.error(
+            concat({kit.name, str(" not support "), k_DEV_TYPE, str(": "), py_str(dev), str(", skip this file")}));
         return false;
     }
     return true;
@@ -454,11 +341,11 @@ bool read_kit_type(const Log& log, const Cells& row, KitFile& kit) {
 bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& kit) {
     nb::object key = key_object(row[0]);
     nb::object count = py_int(static_cast<Py_ssize_t>(row.size()) - 1);
-    nb::object total_ch = getattr(self, k_totol_ch);
+    nb::object total_ch = getattr(self, a_totol_ch);
     if (compare(count, total_ch, Py_NE)) {
         if (log.on(ERROR))
-            log.error(concat({key, str(": number of channel:"), py_str(count), str(" not equal to "),
-                              py_str(total_ch)}));
+            log.error(concat(
+                {key, str(": number of channel:"), py_str(count), str(" not equal to "), py_str(total_ch)}));
         return false;
     }
     kit.record[key] = offset_list(row);
@@ -469,30 +356,20 @@ bool read_offsets(nb::handle self, const Log& log, const Cells& row, KitFile& ki
 bool apply_row(nb::handle self, const Log& log, nb::handle path, const Cells& row, KitFile& kit) {
     std::string_view key = row[0];
     switch (rule_for(key)) {
-    case Rule::Name:
-        kit.name = str(value_at(row, 0));
-        return true;
-    case Rule::DevType:
-        return read_device_type(self, log, path, row, kit);
-    case Rule::Type:
-        return read_kit_type(log, row, kit);
-    case Rule::Spacing:
-        kit.record[k_SPACING.handle()] = float_pair(row);
-        return true;
-    case Rule::Steering:
-        kit.record[key_object(key)] = float_pair(row);
-        return true;
-    case Rule::Offset:
-        return read_offsets(self, log, row, kit);
-    case Rule::Ignore:
-        return true;
+    case Rule::Name: kit.name = str(value_at(row, 0)); return true;
+    case Rule::DevType: return read_device_type(self, log, path, row, kit);
+    case Rule::Type: return read_kit_type(log, row, kit);
+    case Rule::Spacing: kit.record[k_SPACING.handle()] = float_pair(row); return true;
+    case Rule::Steering: kit.record[key_object(key)] = float_pair(row); return true;
+    case Rule::Offset: return read_offsets(self, log, row, kit);
+    case Rule::Ignore: return true;
     }
     return true;
 }
 
 void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& kit) {
     std::string text = read_text_file(path);
-    KitRows rows(text, csv_field_limit());
+    CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/false);
     Cells row;
     while (rows.next(row)) {
         if (row.empty()) continue;
@@ -508,12 +385,12 @@ void read_kit_file(nb::handle self, const Log& log, nb::handle path, KitFile& ki
 }
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
-                       nb::handle read_path = nb::handle());
+                        nb::handle read_path = nb::handle());
 bool check_time_format(nb::handle self, nb::handle time_str);
 
 // Whether a kit of that name is in the table or has a file already.
 bool name_taken(nb::handle self, nb::handle name) {
-    return contains(getattr(self, k_table), name) || file_exists(fs_bytes(kit_file_path(self, name)));
+    return contains(getattr(self, a_table), name) || file_exists(fs_bytes(kit_file_path(self, name)));
 }
 
 // The stamped name for an old-format kit that no other kit has. Stamps count
@@ -521,13 +398,13 @@ bool name_taken(nb::handle self, nb::handle name) {
 // copied file still naming its original) would get the same name and the second
 // would overwrite the first: the clock is given a few hundredths to move on.
 nb::object free_stamped_name(nb::handle self, nb::handle name) {
-    nb::object new_name = getattr(self, k_computeAAKitFullName)(name);
+    nb::object new_name = getattr(self, m_computeAAKitFullName)(name);
     for (int attempt = 0; attempt < 5 && name_taken(self, new_name); ++attempt) {
         {
             nb::gil_scoped_release unlocked;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        new_name = getattr(self, k_computeAAKitFullName)(name);
+        new_name = getattr(self, m_computeAAKitFullName)(name);
     }
     return new_name;
 }
@@ -535,7 +412,8 @@ nb::object free_stamped_name(nb::handle self, nb::handle name) {
 // A custom kit is named "<user name>_<stamp>". One with an older name gets a
 // stamped name, in the table and on disk (the file is saved under the new name
 // and the old one deleted). A rename that fails is logged and parsing goes on.
-void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record, nb::handle path) {
+void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, nb::handle record,
+                             nb::handle path) {
     nb::object parts = nb::steal(PyUnicode_Split(name.ptr(), str("_").ptr(), -1));
     if (!parts.is_valid()) raise_already_set();
     Py_ssize_t count = list_size(parts.ptr());
@@ -551,7 +429,7 @@ void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, n
         log.error(str("Rename file failed"));
         return;
     }
-    setitem(getattr(self, k_table), new_name, record);
+    setitem(getattr(self, a_table), new_name, record);
     log.info(str(" -> new custom AAKit name(new format): %s"), new_name);
     if (ret_failed(rename_aakit(self, name, new_name, nb::none(), path))) log.error(str("Rename file failed"));
 }
@@ -559,14 +437,18 @@ void migrate_custom_kit_name(nb::handle self, const Log& log, nb::handle name, n
 void parse_kit_file(nb::handle self, const Log& log, nb::handle path) {
     KitFile kit;
     kit.name = nb::borrow(k_empty.handle());
-    guard([&]() -> nb::object { read_kit_file(self, log, path, kit); return nb::none(); },
-          [&](nb::handle) -> nb::object {
-              log.exception(str("Skip %s due to parsing exception"), path);
-              kit.skipped = true;
-              return nb::none();
-          });
+    guard(
+        [&]() -> nb::object {
+            read_kit_file(self, log, path, kit);
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            log.exception(str("Skip %s due to parsing exception"), path);
+            kit.skipped = true;
+            return nb::none();
+        });
     if (kit.skipped) return;
-    setitem(getattr(self, k_table), kit.name, kit.record);
+    setitem(getattr(self, a_table), kit.name, kit.record);
     if (log.on(INFO)) log.info(concat({str("Parsing ("), kit.name, str(")"), path, str(" done")}));
     // A record without "TYPE" raises KeyError here, out of parse: such a file is
     // not a kit file of any known format.
@@ -607,7 +489,7 @@ bool read_journal(const std::string& path, RenameJournal& journal) {
 // not (the old file is still the kit). Journals of live processes are left to
 // their owners.
 void recover_files(nb::handle self, const Log& log) {
-    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    const std::string folder = fs_bytes(getattr(self, a_default_dir));
     codec::remove_stale_temporaries(folder);
     bool changed = false;
     for (const codec::OwnedFile& owned : codec::owned_files(folder)) {
@@ -634,15 +516,15 @@ nb::object no_kit_error(const Log& log, nb::handle msg) {
 }
 
 nb::object parse(nb::handle self) {
-    if (truthy(getattr(self, k_web_mode))) return ret_ok();
-    Log log = logger_of(self);
+    if (truthy(getattr(self, a_web_mode))) return ret_ok();
+    Log log = logger_of(self, a_logger);
     recover_files(self, log);
-    nb::object files = getattr(self, k_getAAKitTablePath)();
+    nb::object files = getattr(self, m_getAAKitTablePath)();
     if (!truthy(files))
-        return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, k_default_dir)));
-    setattr(self, k_table, nb::dict());
+        return no_kit_error(log, percent("'%s' does not exist any AAKit table", getattr(self, a_default_dir)));
+    setattr(self, a_table, nb::dict());
     for (nb::handle path : files) parse_kit_file(self, log, path);
-    if (!truthy(getattr(self, k_table))) return no_kit_error(log, str("No available AAKit table here"));
+    if (!truthy(getattr(self, a_table))) return no_kit_error(log, str("No available AAKit table here"));
     return ret_ok();
 }
 
@@ -656,13 +538,13 @@ bool names_a_kit(nb::handle kit_name) {
 
 nb::object select_aakit(nb::handle self, nb::handle kit_name) {
     if (names_a_kit(kit_name)) {
-        nb::object kit = dict_get(getattr(self, k_table), kit_name);
+        nb::object kit = dict_get(getattr(self, a_table), kit_name);
         if (!kit.is_valid() || kit.is_none()) {
             nb::object msg = percent("There is NOT matched AAKit name: %s", kit_name);
-            return logged_error(logger_of(self), "ERROR_BF_NO_AAKIT", msg);
+            return logged_error(logger_of(self, a_logger), "ERROR_BF_NO_AAKIT", msg);
         }
     }
-    setattr(self, k_aakit_name, kit_name);
+    setattr(self, a_aakit_name, kit_name);
     return ret_ok();
 }
 
@@ -673,16 +555,16 @@ nb::object table_keys(nb::handle table) {
 }
 
 nb::object get_aakit_list(nb::handle self, nb::handle force_refresh, nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(callback)) {
-                nb::object ret = nb::borrow(callback)(getattr(self, k_devtype), getattr(self, k_totol_ch),
-                                                      getattr(self, k_support_devs));
-                if (!ret_failed(ret)) setattr(self, k_table, getattr(ret, k_RetData));
+                nb::object ret = nb::borrow(callback)(getattr(self, a_devtype), getattr(self, a_totol_ch),
+                                                      getattr(self, a_support_devs));
+                if (!ret_failed(ret)) setattr(self, a_table, getattr(ret, k_RetData));
             }
-            if (truthy(force_refresh) || !truthy(getattr(self, k_table))) getattr(self, k_parse)();
-            return ret_data(table_keys(getattr(self, k_table)));
+            if (truthy(force_refresh) || !truthy(getattr(self, a_table))) getattr(self, m_parse)();
+            return ret_data(table_keys(getattr(self, a_table)));
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("getAAKitList exception"));
@@ -698,17 +580,17 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
     // every beam switch.
     guard(
         [&]() -> nb::object {
-            nb::object table = getattr(self, k_table);
+            nb::object table = getattr(self, a_table);
             if (truthy(kit_name)) {
                 setattr(ret, k_RetData, getitem(table, kit_name));
             } else if (truthy(local)) {
                 setattr(ret, k_RetData, table);
             } else {
-                nb::object selected = getattr(self, k_aakit_name);
+                nb::object selected = getattr(self, a_aakit_name);
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
                     setattr(ret, k_RetMsg, not_selected);
-                    logger_of(self).error(getattr(ret, k_RetMsg));
+                    logger_of(self, a_logger).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
                 }
@@ -718,7 +600,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
             setattr(ret, k_RetMsg, failed);
-            logger_of(self).exception(getattr(ret, k_RetMsg));
+            logger_of(self, a_logger).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
     return ret;
@@ -789,7 +671,7 @@ bool check_time_format_method(nb::handle self, nb::handle time_str) { return che
 // Whether `field` carries as many values as the kit field needs; a dict field
 // (offsets per polarization) counts the values of all its lists together.
 bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
-    nb::object limit = getitem(getattr(self, k_field_limit), field_name);
+    nb::object limit = getitem(getattr(self, a_field_limit), field_name);
     bool is_dict = PyDict_Check(field.ptr());
     Py_ssize_t count = 0;
     if (is_dict) {
@@ -804,7 +686,7 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
     }
     nb::object counted = py_int(count);
     if (!compare(counted, limit, Py_NE)) return true;
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     if (log.on(ERROR)) {
         const char* kind = is_dict ? " of value for dict field: " : " of value for field: ";
         log.error(concat({str("setAAKitInfo: Wrong counts:"), py_str(counted), str(kind), field_name}));
@@ -838,7 +720,7 @@ nb::object offset_value(nb::handle offsets) {
 // and returns the name the kit is now kept under.
 nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::handle record, nb::handle custom,
                      nb::handle callback, nb::handle new_kit_name) {
-    nb::object table = getattr(self, k_table);
+    nb::object table = getattr(self, a_table);
     bool is_custom = compare(custom, nb::int_(1), Py_EQ);
     if (!contains(table, kit_name)) {
         if (!is_custom) {
@@ -847,7 +729,7 @@ nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::h
             return nb::borrow(kit_name);
         }
         log.debug(str("Set new AAKit"));
-        nb::object full_name = getattr(self, k_computeAAKitFullName)(kit_name);
+        nb::object full_name = getattr(self, m_computeAAKitFullName)(kit_name);
         setitem(table, full_name, record);
         return full_name;
     }
@@ -859,7 +741,7 @@ nb::object store_kit(nb::handle self, const Log& log, nb::handle kit_name, nb::h
     nb::object existing = getitem(table, kit_name);
     existing.attr("update")(record);
     if (!truthy(new_kit_name)) return nb::borrow(kit_name);
-    nb::object full_name = getattr(self, k_computeAAKitFullName)(new_kit_name);
+    nb::object full_name = getattr(self, m_computeAAKitFullName)(new_kit_name);
     setitem(table, full_name, existing);
     if (ret_failed(rename_aakit(self, kit_name, full_name, callback))) log.error(str("Rename file failed"));
     return full_name;
@@ -872,16 +754,18 @@ nb::object set_aakit_info(nb::handle self, nb::handle kit_name, nb::handle spaci
     require_exact_type(spacing, &PyList_Type, "spacing");
     require_exact_type(steering_h, &PyList_Type, "steeringH");
     require_exact_type(steering_v, &PyList_Type, "steeringV");
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             nb::object failure = ret_error("ERROR_BF_AAKIT", "AAKit field checking failed");
-            nb::object device = dev_type.is_none() ? getattr(self, k_devtype) : nb::borrow(dev_type);
+            nb::object device = dev_type.is_none() ? getattr(self, a_devtype) : nb::borrow(dev_type);
             nb::dict record;
             record[k_DEV_TYPE.handle()] = device;
             record[k_TYPE.handle()] = custom;
-            nb::object bad = first_bad_field(self, {{&k_SPACING, spacing}, {&k_STEERING_H, steering_h},
-                                                    {&k_STEERING_V, steering_v}, {&k_OFFSET_TX, offset_tx},
+            nb::object bad = first_bad_field(self, {{&k_SPACING, spacing},
+                                                    {&k_STEERING_H, steering_h},
+                                                    {&k_STEERING_V, steering_v},
+                                                    {&k_OFFSET_TX, offset_tx},
                                                     {&k_OFFSET_RX, offset_rx}});
             if (bad.is_valid()) {
                 setattr(failure, k_RetMsg, concat({getattr(failure, k_RetMsg), str(": "), bad}));
@@ -908,7 +792,7 @@ std::string kit_file_text(nb::handle kit_name, nb::handle record);
 // naming another kit inside is the file that goes, never that other kit's file.
 nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name, nb::handle new_name,
                             nb::handle source) {
-    const std::string folder = fs_bytes(getattr(self, k_default_dir));
+    const std::string folder = fs_bytes(getattr(self, a_default_dir));
     nb::object old_path = kit_file_path(self, old_name);
     nb::object new_path = kit_file_path(self, new_name);
     const std::string new_file = fs_bytes(new_path);
@@ -916,8 +800,8 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     const bool from_source = source.is_valid() && !source.is_none() && !same_file(fs_bytes(source), old_file);
     const std::string removed_file = from_source ? fs_bytes(source) : old_file;
     auto refuse = [&](const char* why, nb::handle detail) {
-        nb::object msg = percent("AAKit %s is not renamed to %s: %s", nb::make_tuple(old_name, new_name,
-                                                                                     percent(why, detail)));
+        nb::object msg =
+            percent("AAKit %s is not renamed to %s: %s", nb::make_tuple(old_name, new_name, percent(why, detail)));
         return logged_error(log, "ERROR_BF_AAKIT", msg);
     };
     const std::string new_base = codec::base_of(new_file);
@@ -928,13 +812,14 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     // Nothing on disk to keep safe (a kit never saved): the plain steps, whose
     // delete reports the missing file.
     if (!file_exists(removed_file)) {
-        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+        nb::object deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
         if (ret_failed(deleted)) return deleted;
-        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+        return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(),
+                                              nb::arg("check") = false);
     }
     // The new file's text first: a record that cannot be written (a field
     // missing) is refused before anything is on disk.
-    const std::string text = kit_file_text(new_name, getitem(getattr(self, k_table), new_name));
+    const std::string text = kit_file_text(new_name, getitem(getattr(self, a_table), new_name));
     const std::string journal = folder + "/" + codec::owned_name("rename", "AAKIT");
     const std::string entries = codec::base_of(removed_file) + "\n" + new_base + "\n";
     int err = codec::write_file_atomic(journal, entries);
@@ -947,28 +832,29 @@ nb::object rename_kit_files(nb::handle self, const Log& log, nb::handle old_name
     if (from_source) {
         // The kit read from `source` leaves the table and its file goes, as
         // deleteAAKitInfo would do for a file named after the kit.
-        if (PyObject_DelItem(getattr(self, k_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
-        deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok() : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
+        if (PyObject_DelItem(getattr(self, a_table).ptr(), old_name.ptr()) < 0) PyErr_Clear();
+        deleted = ::unlink(removed_file.c_str()) == 0 ? ret_ok()
+                                                      : ret_error("ERROR_BF_AAKIT", str(std::strerror(errno)));
         if (!ret_failed(deleted)) log.info(str("Deleted %s"), source);
     } else {
-        deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
+        deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = nb::none());
     }
     // A delete that failed and left the old file: that file is still the kit.
     if (ret_failed(deleted) && file_exists(removed_file)) ::unlink(new_file.c_str());
     codec::sync_folder(folder);
     ::unlink(journal.c_str());
     if (ret_failed(deleted)) return deleted;
-    return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
+    return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = nb::none(), nb::arg("check") = false);
 }
 
 nb::object rename_aakit(nb::handle self, nb::handle old_name, nb::handle new_name, nb::handle callback,
-                       nb::handle source) {
-    Log log = logger_of(self);
+                        nb::handle source) {
+    Log log = logger_of(self, a_logger);
     log.debug(str("Rename AAKit -> delete old then add new one"));
     if (truthy(callback)) {
-        nb::object deleted = getattr(self, k_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
+        nb::object deleted = getattr(self, m_deleteAAKitInfo)(old_name, nb::arg("callback") = callback);
         if (ret_failed(deleted)) return deleted;
-        return getattr(self, k_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
+        return getattr(self, m_saveAAKitFile)(new_name, nb::arg("callback") = callback, nb::arg("check") = false);
     }
     // Both names are checked first: deleting the old file and then refusing
     // the new name would lose the kit on disk.
@@ -983,12 +869,12 @@ nb::object rename_aakit_method(nb::handle self, nb::handle old_name, nb::handle 
 }
 
 nb::object delete_aakit_info(nb::handle self, nb::handle kit_name, nb::handle callback, nb::handle check) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (truthy(check) && !listed(self, kit_name))
                 return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
-            nb::object table = getattr(self, k_table);
+            nb::object table = getattr(self, a_table);
             if (compare(getitem(getitem(table, kit_name), k_TYPE), nb::int_(1), Py_NE))
                 return logged_error(log, "ERROR_BF_AAKIT",
                                     percent("%s must be customized AAKit for deletion", kit_name));
@@ -1017,8 +903,7 @@ nb::object kit_row(nb::handle record, nb::handle field) {
     nb::object row = nb::steal(PyList_New(count + 1));
     if (!row.is_valid()) raise_already_set();
     list_fill(row.ptr(), 0, Py_NewRef(field.ptr()));
-    for (Py_ssize_t i = 0; i < count; ++i)
-        list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
+    for (Py_ssize_t i = 0; i < count; ++i) list_fill(row.ptr(), i + 1, Py_NewRef(list_item(value.ptr(), i)));
     return row;
 }
 
@@ -1058,7 +943,7 @@ nb::object save_to_callback(const Log& log, nb::handle callback, nb::handle kit_
 nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
     nb::object path = kit_file_path(self, kit_name);
     log.info(str("Ready to save %s"), path);
-    nb::object record = getitem(getattr(self, k_table), kit_name);
+    nb::object record = getitem(getattr(self, a_table), kit_name);
     write_file_atomic(path, kit_file_text(kit_name, record));
     return ret_ok();
 }
@@ -1066,12 +951,12 @@ nb::object save_to_file(nb::handle self, const Log& log, nb::handle kit_name) {
 // `context` is accepted and unused: the callback always receives the stored record.
 nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle callback, nb::handle check,
                            nb::handle context) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             nb::object kit_name = nb::borrow(kit_name_arg);
             if (!truthy(kit_name)) {
-                kit_name = getattr(self, k_aakit_name);
+                kit_name = getattr(self, a_aakit_name);
                 if (compare(kit_name, k_empty, Py_EQ))
                     return logged_error(log, "ERROR_BF_AAKIT",
                                         str("Fail to save, please call selectAAKit() first or assign aakit name"));
@@ -1079,7 +964,7 @@ nb::object save_aakit_file(nb::handle self, nb::handle kit_name_arg, nb::handle 
             if (truthy(check) && !listed(self, kit_name))
                 return logged_error(log, "ERROR_BF_AAKIT", percent("%s not exist in list", kit_name));
             if (truthy(callback))
-                return save_to_callback(log, callback, kit_name, getitem(getattr(self, k_table), kit_name));
+                return save_to_callback(log, callback, kit_name, getitem(getattr(self, a_table), kit_name));
             if (unsafe_file_name(kit_name)) return refuse_unsafe_name(log, kit_name);
             return save_to_file(self, log, kit_name);
         },
@@ -1106,7 +991,8 @@ void define_aakit_table_manager(nb::module_& m) {
     cls.def("setAAKitInfo", &set_aakit_info, arg("kitName"), arg("spacing"), arg("steeringH"), arg("steeringV"),
             arg("offsetTx"), arg("offsetRx"), arg("custom") = 1, arg("callback") = nb::none(),
             arg("dev_type") = nb::none(), arg("newKitName") = nb::none());
-    cls.def_private("renameAAKit", &rename_aakit_method, arg("oldName"), arg("newName"), arg("callback") = nb::none());
+    cls.def_private("renameAAKit", &rename_aakit_method, arg("oldName"), arg("newName"),
+                    arg("callback") = nb::none());
     cls.def("deleteAAKitInfo", &delete_aakit_info, arg("kitName"), arg("callback") = nb::none(),
             arg("check") = true);
     cls.def_private("writeCSVRow", &write_csv_row, arg("writer"), arg("table"), arg("field"));

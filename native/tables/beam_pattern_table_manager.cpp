@@ -1,13 +1,12 @@
 // BeamPatternTableManager: the table of user-defined beams of one device, frequency
 // and antenna kit. This file holds construction, the setters the driver calls on a
 // frequency or kit change, single beam get/set with validation through the driver's
-// check hooks, and the class definition. Defaults and saving, loading, and batch
+// check hooks, and the class definition. Defaults, saving, loading, and batch
 // access live in the sibling beam_pattern_table_manager_*.cpp files.
 #include "tables/beam_pattern_table_manager.h"
 #include "py/capi.h"
 
 #include "tables/tables.h"
-
 
 namespace vex::tables::beams {
 
@@ -16,11 +15,9 @@ using namespace vex::py;
 namespace {
 const Name k_RetData{"RetData"};
 const Name k_RetMsg{"RetMsg"};
-const Name k_value{"value"};
-const Name k_name{"name"};
-const Name k_Path{"Path"};
-const Name k_Utils{"_Utils"};
-const Name k_BTField{"BTField"};
+const Name g_Path{"Path"};
+const Name g_Utils{"_Utils"};
+const Name g_BTField{"BTField"};
 const Name k_BeamTable_dir{"BeamTable"};
 
 // "board_<i>" and "channel_<i>" keys, interned once and kept for the life of the
@@ -69,34 +66,8 @@ nb::object board_key(Py_ssize_t index) { return board_keys().get(index); }
 
 nb::object channel_key(Py_ssize_t index) { return channel_keys().get(index); }
 
-Log logger_of(nb::handle self) { return Log(getattr(self, a_logger)); }
-
-Py_ssize_t as_index(nb::handle value) {
-    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_OverflowError);
-    if (n == -1 && PyErr_Occurred()) raise_already_set();
-    return n;
-}
-
-nb::object py_str(nb::handle value) {
-    PyObject* s = PyObject_Str(value.ptr());
-    if (!s) raise_already_set();
-    return nb::steal(s);
-}
-
-nb::object concat(nb::handle left, nb::handle right) {
-    PyObject* r = PyNumber_Add(left.ptr(), right.ptr());
-    if (!r) raise_already_set();
-    return nb::steal(r);
-}
-
-nb::object percent(const char* format, nb::handle value) {
-    PyObject* r = PyUnicode_Format(str(format).ptr(), nb::make_tuple(value).ptr());
-    if (!r) raise_already_set();
-    return nb::steal(r);
-}
-
 nb::object current_version_word() {
-    nb::object version = global(k_BTField).attr("_version").attr("value");
+    nb::object version = global(g_BTField).attr("_version").attr("value");
     return concat(str("v"), version);
 }
 
@@ -112,17 +83,6 @@ Mode to_mode(nb::handle mode) { return enum_fields(enum_member(RFMode(), mode));
 
 nb::object to_beam_type(nb::handle beam_type) { return enum_member(BeamType(), beam_type); }
 
-void CollectionPause::finish() {
-    if (!was_enabled_) return;
-    resume();
-    static const Name k_collect{"collect"};
-    nb::object gc = nb::module_::import_("gc");
-    getattr(gc, k_collect)(0);
-}
-
-
-
-
 bool is_mapping(nb::handle value) {
     if (PyDict_Check(value.ptr())) return true;
     nb::object mapping = nb::module_::import_("collections.abc").attr("Mapping");
@@ -133,32 +93,6 @@ Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n) {
     if (n == 0) raise(PyExc_ZeroDivisionError, "integer modulo by zero");
     Py_ssize_t r = a % n;
     return (r != 0 && ((r < 0) != (n < 0))) ? r + n : r;
-}
-
-void unpack3(nb::handle iterable, nb::object out[3]) {
-    PyObject* it = PyObject_GetIter(iterable.ptr());
-    if (!it) {
-        if (!PyErr_ExceptionMatches(PyExc_TypeError)) raise_already_set();
-        PyErr_Clear();
-        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(iterable.ptr()).c_str());
-        raise_already_set();
-    }
-    nb::object iter = nb::steal(it);
-    for (int i = 0; i < 3; ++i) {
-        PyObject* item = PyIter_Next(it);
-        if (!item) {
-            if (PyErr_Occurred()) raise_already_set();
-            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            raise_already_set();
-        }
-        out[i] = nb::steal(item);
-    }
-    PyObject* extra = PyIter_Next(it);
-    if (extra) {
-        Py_DECREF(extra);
-        raise(PyExc_ValueError, "too many values to unpack (expected 3)");
-    }
-    if (PyErr_Occurred()) raise_already_set();
 }
 
 namespace {
@@ -225,14 +159,6 @@ nb::list board_gains(nb::handle board, Py_ssize_t channels) {
     return gains;
 }
 
-// result.RetCode != ok, with `ok` (RetCode.OK) fetched once by the caller.
-bool is_refusal(nb::handle result, nb::handle ok) {
-    static const Name ret_code{"RetCode"};
-    int r = PyObject_RichCompareBool(getattr(result, ret_code).ptr(), ok.ptr(), Py_NE);
-    if (r < 0) raise_already_set();
-    return r == 1;
-}
-
 nb::object call_hook(nb::handle hook, std::initializer_list<nb::handle> args) {
     PyObject* argv[5];
     size_t n = 0;
@@ -248,7 +174,7 @@ nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle 
     Layout layout = read_layout(self);
     nb::object ok = RetCode("OK");
     nb::object hook = getattr(self, a_ic_gain_check);
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     bool debug = log.on(DEBUG);
     nb::object channel_config = getitem(beam, k_channel_config);
     for (Py_ssize_t b = 0; b < layout.boards; ++b) {
@@ -259,7 +185,7 @@ nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle 
             log.debug(nb::steal(PyUnicode_FromFormat("Checking board_%zd gain list: %S with common gain: %S",
                                                      b + 1, gains.ptr(), common.ptr())));
         nb::object checked = call_hook(hook, {mode, nb::int_(b), gains, common});
-        if (is_refusal(checked, ok)) {
+        if (ret_failed(checked, ok)) {
             nb::object message = percent("Checking board_%d gain list failed", nb::int_(b + 1));
             log.error(message);
             return ret_error("ERROR_BF_BEAM", message);
@@ -270,8 +196,7 @@ nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle 
     return ret_ok();
 }
 
-nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta,
-                              nb::handle phi) {
+nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta, nb::handle phi) {
     nb::object hook = getattr(self, a_beam_check);
     return call_hook(hook, {mode, db, theta, phi, nb::none()});
 }
@@ -283,16 +208,15 @@ namespace {
 void set(nb::handle self, const Name& name, nb::handle value) { setattr(self, name, value); }
 
 nb::object default_dir() {
-    nb::object files = global(k_Utils).attr("_get_files_dir")();
-    PyObject* dir = PyNumber_TrueDivide(global(k_Path)(files).ptr(), k_BeamTable_dir.ptr());
+    nb::object files = global(g_Utils).attr("_get_files_dir")();
+    PyObject* dir = PyNumber_TrueDivide(global(g_Path)(files).ptr(), k_BeamTable_dir.ptr());
     if (!dir) raise_already_set();
     return nb::steal(dir);
 }
 
 void set_layout(nb::handle self, nb::handle rf_layout) {
     nb::object layout = PyCallable_Check(rf_layout.ptr()) ? rf_layout() : nb::borrow(rf_layout);
-    nb::object numbers[3];
-    unpack3(layout, numbers);
+    const std::array<nb::object, 3> numbers = unpack_three(layout);
     set(self, a_num_board, numbers[0]);
     set(self, a_num_ic_per_board, numbers[1]);
     set(self, a_num_channel_per_ic, numbers[2]);
@@ -355,15 +279,15 @@ bool is_valid_beam_id(nb::handle beam_id, nb::handle num_beam) {
     return compare(nb::int_(1), beam_id, Py_LE) && compare(beam_id, num_beam, Py_LE);
 }
 
-// What a set needs of an unset id's default: the channels the configuration
-// does not replace, or none when the beam becomes a steered beam. A type that
-// does not convert gets the full default here and fails where the set converts it.
 // The kind and configuration a set is about to give a beam.
 struct SetPlan {
     nb::handle beam_type;
     nb::handle config;
 };
 
+// What a set needs of an unset id's default: the channels the configuration
+// does not replace, or none when the beam becomes a steered beam. A type that
+// does not convert gets the full default here and fails where the set converts it.
 DefaultUse default_use_for(const SetPlan* plan) {
     DefaultUse use;
     if (!plan) return use;
@@ -390,7 +314,7 @@ nb::object read_beam(nb::handle self, const Log& log, nb::handle mode, nb::handl
     Mode m = to_mode(mode);
     nb::object section = getitem(table, m.name);
     if (!is_valid_beam_id(beam_id, getattr(self, a_num_beam))) {
-        nb::object message = percent("Invaid beam id: %d", beam_id);
+        nb::object message = percent("Invaid beam id: %d", nb::make_tuple(beam_id));
         log.error(message);
         return ret_error("ERROR_BF_BEAM", message);
     }
@@ -414,7 +338,7 @@ nb::object read_beam_guarded(nb::handle self, const Log& log, nb::handle mode, n
 }
 
 nb::object get_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id) {
-    return read_beam_guarded(self, logger_of(self), mode, beam_id, nullptr);
+    return read_beam_guarded(self, logger_of(self, a_logger), mode, beam_id, nullptr);
 }
 
 // ------------------------------------------------------------ single set ---
@@ -457,8 +381,8 @@ nb::object apply_channel_beam(const SetRequest& req, nb::handle beam) {
                 req.log.debug(str("Skip assign channel config, just checking original gains"));
             nb::object checked = validate_channel_config(req.self, beam, req.mode.member);
             if (!ret_failed(checked)) return nb::none();
-            nb::object prefix = concat(concat(str("BeamID_"), py_str(req.beam_id)),
-                                       str(": Checking channel config failed: "));
+            nb::object prefix =
+                concat(concat(str("BeamID_"), py_str(req.beam_id)), str(": Checking channel config failed: "));
             nb::object message = concat(prefix, getattr(checked, k_RetMsg));
             setattr(checked, k_RetMsg, message);
             req.log.error(message);
@@ -490,8 +414,7 @@ nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle
         refused = checked;
         return beam;
     }
-    nb::object accepted[3];
-    unpack3(getattr(checked, k_RetData), accepted);
+    const std::array<nb::object, 3> accepted = unpack_three(getattr(checked, k_RetData));
     nb::object beam_config = getitem(beam, k_beam_config);
     setitem(beam_config, k_db, accepted[0]);
     setitem(beam_config, k_theta, accepted[1]);
@@ -555,7 +478,8 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
     }
 
     if (log.on(INFO))
-        log.info(nb::steal(PyUnicode_FromFormat("Set/update beam:%S pattern -> %S", py_str(beam_id).ptr(), beam.ptr())));
+        log.info(nb::steal(
+            PyUnicode_FromFormat("Set/update beam:%S pattern -> %S", py_str(beam_id).ptr(), beam.ptr())));
     setitem(getitem(getattr(self, a_table), req.mode.name), py_str(beam_id), beam);
     if (truthy(save)) return getattr(self, m_saveToBeamTableFile)();
     return ret_ok();
@@ -563,7 +487,7 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
 
 nb::object set_beam_pattern(nb::handle self, nb::handle mode, nb::handle beam_id, nb::handle beam_type,
                             nb::handle config, nb::handle description, nb::handle save) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&] { return write_beam(self, log, mode, beam_id, beam_type, config, description, save); },
                  [&](nb::handle) {
                      log.exception(str("SetBeamPattern exception"));

@@ -1,6 +1,7 @@
 // BeamPatternTableManager, shared by its source files:
 //   beam_pattern_table_manager.cpp           construction, single beam get/set, validation, class definition
-//   beam_pattern_table_manager_defaults.cpp  default beams, the default table, saving
+//   beam_pattern_table_manager_defaults.cpp  default beams, the default table
+//   beam_pattern_table_manager_save.cpp      saving the table
 //   beam_pattern_table_manager_load.cpp      finding, reading, converting and upgrading the table file
 //   beam_pattern_table_manager_batch.cpp     whole-table get and set
 //
@@ -11,6 +12,7 @@
 #pragma once
 
 #include "py/bridge.h"
+#include "py/pyops.h"
 
 #include <vector>
 
@@ -74,19 +76,9 @@ nb::object channel_key(Py_ssize_t index);
 
 // ------------------------------------------------------- small helpers ----
 
-// The manager's logger (the instance attribute, as Python code would use it).
-vex::py::Log logger_of(nb::handle self);
-
-// operator.index(value) as a C integer: the TypeError range() would raise for a
-// non-integer layout number.
-Py_ssize_t as_index(nb::handle value);
-
-// Python's own operations: str(value), a + b, format % value,
-// isinstance(value, Mapping), a % n on C integers (bool(), comparisons and
-// membership come from the bridge).
-nb::object py_str(nb::handle value);
-nb::object concat(nb::handle left, nb::handle right);
-nb::object percent(const char* format, nb::handle value);
+// isinstance(value, Mapping), a % n on C integers (str(), +, %, operator.index
+// and unpacking come from py/pyops.h; bool(), comparisons and membership from
+// the bridge).
 bool is_mapping(nb::handle value);
 Py_ssize_t py_mod(Py_ssize_t a, Py_ssize_t n);
 
@@ -134,37 +126,7 @@ nb::object default_channel_config(nb::handle self, const Mode& mode);
 nb::object validate_channel_config(nb::handle self, nb::handle beam, nb::handle mode);
 
 // Calls the beam hook with a steered beam's values; returns its result.
-nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta,
-                              nb::handle phi);
-
-// Unpacks an iterable into exactly three values, with Python's unpacking errors.
-void unpack3(nb::handle iterable, nb::object out[3]);
-
-// ------------------------------------------------------ garbage collector ---
-
-// Holds automatic garbage collection off while native code builds millions of
-// fresh, acyclic containers (a decoded table, a batch of beams). Left on, the
-// collector re-walks the growing heap again and again during the build, which
-// costs about as much as the build itself; the objects cannot be garbage yet.
-// finish() turns collection back on and collects the young generation once, so
-// the work the build caused is paid here and not by the caller's next
-// allocation. A collector the host had switched off stays off.
-class CollectionPause {
-public:
-    CollectionPause() : was_enabled_(PyGC_Disable() == 1) {}
-    ~CollectionPause() { resume(); }
-    CollectionPause(const CollectionPause&) = delete;
-    CollectionPause& operator=(const CollectionPause&) = delete;
-
-    void finish();
-
-private:
-    void resume() {
-        if (was_enabled_) PyGC_Enable();
-        was_enabled_ = false;
-    }
-    bool was_enabled_;
-};
+nb::object check_steered_beam(nb::handle self, nb::handle mode, nb::handle db, nb::handle theta, nb::handle phi);
 
 // ------------------------------------------------------------- methods ----
 

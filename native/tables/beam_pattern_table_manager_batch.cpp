@@ -178,7 +178,7 @@ nb::object write_batch(nb::handle self, const Log& log, nb::handle batch, nb::ha
 }  // namespace
 
 nb::object get_batch_beam_pattern(nb::handle self, nb::handle mode_filter, nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&] { return read_batch(self, log, mode_filter, callback); },
                  [&](nb::handle) {
                      log.exception(str("GetBatchBeamPattern exception"));
@@ -188,7 +188,7 @@ nb::object get_batch_beam_pattern(nb::handle self, nb::handle mode_filter, nb::h
 
 nb::object set_batch_beam_pattern(nb::handle self, nb::handle batch_config, nb::handle option,
                                   nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&] { return write_batch(self, log, batch_config, option, callback); },
                  [&](nb::handle) {
                      log.exception(str("SetBatchBeamPattern exception"));

@@ -1,4 +1,4 @@
-// BeamPatternTableManager: default beams, the default (empty) table, and saving.
+// BeamPatternTableManager: default beams and the default (empty) table.
 //
 // A default channel beam is what every unset beam id reads as, so it is built on
 // each such read: 1024 channels make 1024 channel mappings and 256 board mappings.
@@ -6,8 +6,6 @@
 // limit objects are shared into the beam as they are (no conversion).
 #include "tables/beam_pattern_table_manager.h"
 #include "py/capi.h"
-
-#include "py/codecs.h"
 
 #include <string>
 
@@ -17,16 +15,10 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_value{"value"};
-const Name k_name{"name"};
-const Name k_callback_func_name{"func_name"};
-const Name k_callback_new_table{"new_table"};
-
 // limits[index] with Python's indexing, fast for the usual list.
 nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     PyObject* seq = limits.ptr();
-    if (PyList_CheckExact(seq) && index >= 0 && index < list_size(seq))
-        return nb::borrow(list_item(seq, index));
+    if (PyList_CheckExact(seq) && index >= 0 && index < list_size(seq)) return nb::borrow(list_item(seq, index));
     nb::object key = nb::steal(PyLong_FromSsize_t(index));
     if (!key.is_valid()) raise_already_set();
     return getitem(limits, key);
@@ -91,11 +83,13 @@ void fill_channel_config(nb::handle config, const Layout& layout, nb::handle sel
                 board = new_dict(n + 1);
                 put(board, k_common_db, common);
                 planned_board = planned_item(use.planned, board_key(board_number));
-                if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr())) planned_board = nb::object();
+                if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr()))
+                    planned_board = nb::object();
             }
         }
         if (!started)
-            raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
+            raise(PyExc_UnboundLocalError,
+                  "cannot access local variable 'board' where it is not associated with a value");
         if (!board_gain.is_valid()) {
             if (!eledr.is_valid()) eledr = getitem(getattr(self, a_ELEDR), mode.value);
             board_gain = limit_at(eledr, board_number - 1);
@@ -175,7 +169,7 @@ nb::object new_table(nb::handle self) {
 }  // namespace
 
 nb::object generate_default_beam_table_file(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&] {
             log.info(str("Generate Beam Table: %s"), getattr(self, a_path));
@@ -186,42 +180,6 @@ nb::object generate_default_beam_table_file(nb::handle self) {
         [&](nb::handle) {
             log.exception(str("BeamTable generating exception"));
             return ret_error("ERROR_BF_BEAM", "BeamTable generating exception");
-        });
-}
-
-// ------------------------------------------------------------------ saving
-
-namespace {
-
-// Web mode: the caller's callback does the saving; new_table goes along only
-// when one was given.
-nb::object save_through_callback(nb::handle callback, nb::handle new_table) {
-    nb::dict kwargs;
-    kwargs[k_callback_func_name.handle()] = str("saveToBeamTableFile");
-    if (!new_table.is_none()) kwargs[k_callback_new_table.handle()] = new_table;
-    PyObject* r = PyObject_Call(callback.ptr(), nb::tuple().ptr(), kwargs.ptr());
-    if (!r) raise_already_set();
-    return nb::steal(r);
-}
-
-}  // namespace
-
-nb::object save_to_beam_table_file(nb::handle self, nb::handle callback, nb::handle new_table) {
-    Log log = logger_of(self);
-    return guard(
-        [&] {
-            if (!callback.is_none()) return save_through_callback(callback, new_table);
-            nb::object path = getattr(self, a_path);
-            log.debug(str("Saving beam file to %s"), path);
-            nb::object table = new_table.is_none() ? getattr(self, a_table) : nb::borrow(new_table);
-            // Streamed into a temporary file and renamed over the old one: a
-            // failed or interrupted save leaves the previous file whole.
-            dump_json_file_atomic(table, 2, path);
-            return ret_ok();
-        },
-        [&](nb::handle) {
-            log.exception(str("BeamFile saving exception"));
-            return ret_error("ERROR_BF_BEAM_FILE", "BeamFile saving exception");
         });
 }
 

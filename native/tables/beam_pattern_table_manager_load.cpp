@@ -17,9 +17,7 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_name{"name"};
-const Name k_value{"value"};
-const Name k_BTField{"BTField"};
+const Name g_BTField{"BTField"};
 
 void delete_if_present(nb::handle mapping, const Name& key) {
     if (contains(mapping, key) && PyObject_DelItem(mapping.ptr(), key.ptr()) < 0) raise_already_set();
@@ -220,7 +218,8 @@ nb::object convert_channel_list(nb::handle self, const Log& log, const Mode& mod
                          getitem(getitem(getattr(self, a_ELEDR), mode.value), index));
         }
         if (!board.is_valid())
-            raise(PyExc_UnboundLocalError, "cannot access local variable 'board' where it is not associated with a value");
+            raise(PyExc_UnboundLocalError,
+                  "cannot access local variable 'board' where it is not associated with a value");
         nb::dict channel;
         channel[k_sw.handle()] = getitem(old, k_sw);
         channel[k_db.handle()] = smaller(getitem(old, k_db), cap);
@@ -291,7 +290,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
     setattr(self, a_path, path);
     ensure_table_file(self, path);
 
-    CollectionPause pause;   // decoding and converting build the whole table
+    GcPause pause;   // decoding and converting build the whole table
     nb::object table = load_json_file(path);
     setattr(self, a_table, table);
     nb::object version = read_version(log, table);
@@ -299,12 +298,12 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
         nb::object failed = convert_old_table(self, log, table);
         if (failed.is_valid()) return failed;
     }
-    pause.finish();
+    pause.finish_collecting_young();
     log.info(str("Loaded Beam Table from: %s"), path);
     if (compare(version, current_version_word(), Py_NE)) {
         // Tables between v1.1.0 and the current version keep their own VERSION
         // word: only the old-format conversion rewrites it.
-        log.info(str("Upgrade Beam Table version to %s"), global(k_BTField).attr("_version").attr("value"));
+        log.info(str("Upgrade Beam Table version to %s"), global(g_BTField).attr("_version").attr("value"));
         getattr(self, m_saveToBeamTableFile)();
     }
     return ret_code_data("OK", getattr(self, a_table));
@@ -313,7 +312,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
 }  // namespace
 
 nb::object load(nb::handle self, nb::handle freq, nb::handle aakit, nb::handle callback) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&] { return load_table(self, log, freq, aakit, callback); },
                  [&](nb::handle) {
                      log.exception(str("BeamTable loading exception"));

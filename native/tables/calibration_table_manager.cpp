@@ -1,7 +1,7 @@
 // CalibrationTableManager: the calibration table of one device (serial number) at
 // one operating frequency. This file holds construction, the search for
-// calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query,
-// the header check and the insertion primitive every parsed value goes through.
+// calibration files "{SN}_{Freq}GHz.csv", the frequency list, the version query
+// and the header check, and the class definition: every method is bound here.
 // Parsing lives in calibration_table_manager_parse.cpp, the queries in
 // calibration_table_manager_queries.cpp.
 #include "tables/calibration_table_manager.h"
@@ -11,11 +11,9 @@
 
 namespace vex::tables::cali {
 
+using namespace vex::py;
+
 // ---------------------------------------------------------- small helpers ---
-
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
-
 
 bool py_eq(nb::handle a, nb::handle b) { return compare(a, b, Py_EQ); }
 bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
@@ -23,15 +21,6 @@ bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
 Py_ssize_t py_len(nb::handle value) {
     Py_ssize_t n = PyObject_Length(value.ptr());
     if (n < 0) raise_already_set();
-    return n;
-}
-
-Py_ssize_t as_index(nb::handle value) {
-    PyObject* index = PyNumber_Index(value.ptr());
-    if (!index) raise_already_set();
-    Py_ssize_t n = PyLong_AsSsize_t(index);
-    Py_DECREF(index);
-    if (n == -1 && PyErr_Occurred()) raise_already_set();
     return n;
 }
 
@@ -63,13 +52,11 @@ nb::object board_key(nb::handle number) {
     return py_format("BOARD_%S", number);
 }
 
-bool dual_polarization(nb::handle self) { return truthy(getattr(self, k_support_polar)); }
+bool dual_polarization(nb::handle self) { return truthy(getattr(self, a_support_polar)); }
 
-bool uses_database(nb::handle self) {
-    return truthy(getattr(self, k_web_mode)) && !dual_polarization(self);
-}
+bool uses_database(nb::handle self) { return truthy(getattr(self, a_web_mode)) && !dual_polarization(self); }
 
-nb::object database(nb::handle self) { return getattr(self, k_db); }
+nb::object database(nb::handle self) { return getattr(self, a_db); }
 
 bool is_database_error(nb::handle exc) {
     static const Name error_class{"QRVTableDBError"};
@@ -78,93 +65,31 @@ bool is_database_error(nb::handle exc) {
     return r == 1;
 }
 
-// ------------------------------------------------------------- insertion ---
+namespace {
 
-// d.get(key) is None: store; otherwise merge with the mapping's own update().
-static void insert_or_merge(nb::handle d, nb::handle key, nb::handle value) {
-    nb::object existing = dict_get(d, key);
-    if (!existing.is_valid() || existing.is_none()) {
-        setitem(d, key, value);
-    } else if (PyDict_CheckExact(existing.ptr()) && PyDict_CheckExact(value.ptr())) {
-        if (PyDict_Update(existing.ptr(), value.ptr()) < 0) raise_already_set();
-    } else {
-        existing.attr("update")(value);
-    }
-}
-
-void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value) {
-    guard(
-        [&]() -> nb::object {
-            insert_or_merge(d, key, value);
-            return nb::none();
-        },
-        [&](nb::handle) -> nb::object {
-            PyObject* text = PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S",
-                                                  key.ptr(), value.ptr());
-            if (!text) raise_already_set();
-            log.exception(nb::steal(text));
-            raise(PyExc_Exception, "__updateDict exception");
-        });
-}
-
-nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
-    update_dict(log, parent, key, nb::dict());
-    return getitem(parent, key);
-}
-
-static void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
-    update_dict(logger_of(self), d, key, value);
+// __updateDict as a method (update_dict itself is with the parser).
+void cali_update_dict(nb::handle self, nb::handle d, nb::handle key, nb::handle value) {
+    update_dict(logger_of(self, a_logger), d, key, value);
 }
 
 // ---------------------------------------------------------- construction ---
 
-// a, b, c = value: the same errors as Python's unpacking of three targets.
-static std::array<nb::object, 3> unpack_three(nb::handle value) {
-    PyObject* iterator = PyObject_GetIter(value.ptr());
-    if (!iterator) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && !PyType_GetSlot(Py_TYPE(value.ptr()), Py_tp_iter) &&
-            !PySequence_Check(value.ptr())) {
-            PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type_name_of(value.ptr()).c_str());
-        }
-        raise_already_set();
-    }
-    nb::object it = nb::steal(iterator);
-    std::array<nb::object, 3> items;
-    for (int i = 0; i < 3; ++i) {
-        PyObject* item = PyIter_Next(it.ptr());
-        if (!item) {
-            if (PyErr_Occurred()) raise_already_set();
-            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            raise_already_set();
-        }
-        items[i] = nb::steal(item);
-    }
-    PyObject* extra = PyIter_Next(it.ptr());
-    if (extra) {
-        Py_DECREF(extra);
-        raise(PyExc_ValueError, "too many values to unpack (expected 3)");
-    }
-    if (PyErr_Occurred()) raise_already_set();
-    return items;
-}
-
-static void store_layout(nb::handle self, nb::handle rf_layout) {
+void store_layout(nb::handle self, nb::handle rf_layout) {
     auto [boards, ics, channels] = unpack_three(rf_layout());
-    setattr(self, k_num_board, boards);
-    setattr(self, k_num_ic_per_board, ics);
-    setattr(self, k_num_channel_per_ic, channels);
+    setattr(self, a_num_board, boards);
+    setattr(self, a_num_ic_per_board, ics);
+    setattr(self, a_num_channel_per_ic, channels);
 }
 
 // The frequencies dual-polarization devices are calibrated for: 26.5 to 29.5 GHz
 // in 0.5 GHz steps (each the quotient of an integer by 10, as floats).
-static nb::list dual_polarization_frequencies() {
+nb::list dual_polarization_frequencies() {
     nb::list freqs;
     for (int tenths = 265; tenths < 300; tenths += 5) freqs.append(nb::float_(tenths / 10.0));
     return freqs;
 }
 
-static nb::object database_adapter(nb::handle sn, nb::handle freq) {
+nb::object database_adapter(nb::handle sn, nb::handle freq) {
     static const Name adapter_class{"_QRVTableDB"};
     nb::dict filter;
     filter["sn"] = sn;
@@ -172,39 +97,39 @@ static nb::object database_adapter(nb::handle sn, nb::handle freq) {
     return global(adapter_class)("calibration", filter);
 }
 
-static nb::object files_folder() {
+nb::object files_folder() {
     static const Name path_class{"Path"}, utils{"_Utils"};
     return global(path_class)(global(utils).attr("_get_files_dir")());
 }
 
-static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout,
-                 nb::handle support_polar, nb::handle web_client_id, nb::handle fetch_csv_from_file) {
-    setattr(self, k_logger, Log::named("CaliTbl").logger());
-    setattr(self, k_sn, sn);
-    setattr(self, k_freq, freq);
-    setattr(self, k_freq_list, nb::list());
-    setattr(self, k_support_polar, support_polar);
-    setattr(self, k_allOffset, nb::none());
-    setattr(self, k_allXXXDR, nb::none());
-    setattr(self, k_allComDataMap, nb::dict());
+void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
+          nb::handle web_client_id, nb::handle fetch_csv_from_file) {
+    setattr(self, a_logger, Log::named("CaliTbl").logger());
+    setattr(self, a_sn, sn);
+    setattr(self, a_freq, freq);
+    setattr(self, a_freq_list, nb::list());
+    setattr(self, a_support_polar, support_polar);
+    setattr(self, a_allOffset, nb::none());
+    setattr(self, a_allXXXDR, nb::none());
+    setattr(self, a_allComDataMap, nb::dict());
     store_layout(self, rf_layout);
-    setattr(self, k_ver_limit, nb::str("2.0.0"));
+    setattr(self, a_ver_limit, nb::str("2.0.0"));
     bool web_mode = !web_client_id.is_none();
-    setattr(self, k_web_mode, nb::bool_(web_mode));
+    setattr(self, a_web_mode, nb::bool_(web_mode));
 
     if (truthy(support_polar)) {
         // The built-in record is the whole table: no database, no files folder.
         static const Name moss_cali{"moss_cali"};
-        setattr(self, k_freq_list, dual_polarization_frequencies());
-        setattr(self, k_CaliTable, global(moss_cali));
+        setattr(self, a_freq_list, dual_polarization_frequencies());
+        setattr(self, a_CaliTable, global(moss_cali));
         return;
     }
-    if (web_mode) setattr(self, k_db, database_adapter(sn, freq));
-    setattr(self, k_CaliTable, nb::dict());
+    if (web_mode) setattr(self, a_db, database_adapter(sn, freq));
+    setattr(self, a_CaliTable, nb::dict());
     if (truthy(fetch_csv_from_file)) {
-        setattr(self, k_defaultDir, files_folder());
-        setattr(self, k_path_cali, nb::str(""));
-        getattr(self, k_searchCaliFile)();
+        setattr(self, a_defaultDir, files_folder());
+        setattr(self, a_path_cali, nb::str(""));
+        getattr(self, m_searchCaliFile)();
     }
 }
 
@@ -212,7 +137,7 @@ static void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_
 
 // The frequency written in a calibration file name: the piece of the whole path
 // after its last "_", up to "GHz" + extension, read as float() reads it.
-static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
+nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
     nb::object tail = getitem(path.attr("split")("_"), -1);
     nb::object number = getitem(tail.attr("split")(ghz_extension), 0);
     PyObject* value = PyFloat_FromString(number.ptr());
@@ -223,7 +148,7 @@ static nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
 // True when the text form of the serial number holds "/", the platform's own
 // separators or NUL. Such a serial number would make the search pattern (and the
 // JSON export beside the file found) reach outside the files folder.
-static bool serial_number_leaves_folder(nb::handle sn_text) {
+bool serial_number_leaves_folder(nb::handle sn_text) {
     static const Name os_module{"os"};
     nb::object os = global(os_module);
     const nb::object separators[] = {nb::str("/"), nb::str("\0", 1), os.attr("sep"), os.attr("altsep")};
@@ -241,16 +166,18 @@ static bool serial_number_leaves_folder(nb::handle sn_text) {
 // one (files not fetched) keeps its frequency list when the search fails.
 // The serial number is a shell-style pattern as written (a "*" in it matches
 // other names of the folder), but one that would leave the folder finds nothing.
-static nb::object search_cali_file(nb::handle self, nb::handle extension) {
-    nb::object folder = getattr(self, k_defaultDir);
+nb::object search_cali_file(nb::handle self, nb::handle extension) {
+    nb::object folder = getattr(self, a_defaultDir);
     nb::list freq_list;
-    setattr(self, k_freq_list, freq_list);
+    setattr(self, a_freq_list, freq_list);
     nb::object result = nb::bool_(false);
 
-    nb::object sn_text = py_format("%S", getattr(self, k_sn));
+    nb::object sn_text = py_format("%S", getattr(self, a_sn));
     if (serial_number_leaves_folder(sn_text)) {
-        logger_of(self).error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
-                                      "is searched for it"), sn_text);
+        logger_of(self, a_logger)
+            .error(nb::str("Serial number %r holds a path separator or NUL: no calibration file "
+                           "is searched for it"),
+                   sn_text);
         return result;
     }
     PyObject* name = PyUnicode_FromFormat("%S*GHz%S", sn_text.ptr(), extension.ptr());
@@ -265,7 +192,7 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
     if (!truthy(paths)) return result;
 
     nb::object ghz_extension = nb::str("GHz") + nb::borrow(extension);
-    nb::object freq = getattr(self, k_freq);
+    nb::object freq = getattr(self, a_freq);
     for (nb::handle path : paths) {
         nb::object path_freq = frequency_in_name(path, ghz_extension);
         if (py_eq(path_freq, freq)) result = nb::borrow(path);
@@ -277,13 +204,13 @@ static nb::object search_cali_file(nb::handle self, nb::handle extension) {
 
 // -------------------------------------------------- location and versions ---
 
-static nb::object check_cali_table_location(nb::handle self) {
-    Log log = logger_of(self);
+nb::object check_cali_table_location(nb::handle self) {
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
-            if (truthy(getattr(self, k_web_mode))) return ret_data(Py_True);
-            getattr(self, k_searchCaliFile)();
-            return ret_data(nb::bool_(py_len(getattr(self, k_freq_list)) > 0));
+            if (truthy(getattr(self, a_web_mode))) return ret_data(Py_True);
+            getattr(self, m_searchCaliFile)();
+            return ret_data(nb::bool_(py_len(getattr(self, a_freq_list)) > 0));
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("checkCaliTableLocation exception"));
@@ -293,19 +220,19 @@ static nb::object check_cali_table_location(nb::handle self) {
 
 // Failures carry their result in `ret` (the database error does); any other
 // exception has none, and the AttributeError of reading it goes to the caller.
-static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
-    Log log = logger_of(self);
+nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             if (!dual_polarization(self)) {
-                if (truthy(getattr(self, k_web_mode))) {
+                if (truthy(getattr(self, a_web_mode))) {
                     nb::object listed = database(self).attr("getTableList")("Freq");
-                    setattr(self, k_freq_list, getattr(listed, k_RetData));
+                    setattr(self, a_freq_list, getattr(listed, k_RetData));
                 } else if (truthy(force_refresh)) {
-                    getattr(self, k_searchCaliFile)();
+                    getattr(self, m_searchCaliFile)();
                 }
             }
-            return ret_data(getattr(self, k_freq_list));
+            return ret_data(getattr(self, a_freq_list));
         },
         [&](nb::handle exc) -> nb::object {
             nb::object ret = getattr(exc, k_ret);
@@ -314,13 +241,13 @@ static nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) 
         });
 }
 
-static nb::object query_cali_table_ver(nb::handle self) {
-    Log log = logger_of(self);
+nb::object query_cali_table_ver(nb::handle self) {
+    Log log = logger_of(self, a_logger);
     static const Name ver{"VER"};
     return guard(
         [&]() -> nb::object {
             if (uses_database(self)) return database(self).attr(k_query)("VER");
-            return ret_data(getitem(getattr(self, k_CaliTable), ver));
+            return ret_data(getitem(getattr(self, a_CaliTable), ver));
         },
         [&](nb::handle exc) -> nb::object {
             if (is_database_error(exc)) {
@@ -336,16 +263,18 @@ static nb::object query_cali_table_ver(nb::handle self) {
 
 // The first failing check names the problem. The version is compared as text on
 // purpose: that is how tables have always been ordered ("10.0.0" < "2.0.0").
-static const char* header_problem(nb::handle self, nb::handle table) {
+const char* header_problem(nb::handle self, nb::handle table) {
     static const Name ver{"VER"}, sn{"SN"}, fcenter{"FCENTER"};
-    if (py_lt(getitem(table, ver), getattr(self, k_ver_limit)))
+    if (py_lt(getitem(table, ver), getattr(self, a_ver_limit)))
         return "Version of Cali table is too low, please upgrade it.";
-    if (!py_eq(getitem(table, sn), getattr(self, k_sn))) return "Wrong SN!";
+    if (!py_eq(getitem(table, sn), getattr(self, a_sn))) return "Wrong SN!";
     PyObject* centre = PyNumber_Float(getitem(table, fcenter).ptr());
     if (!centre) raise_already_set();
-    if (!py_eq(nb::steal(centre), getattr(self, k_freq))) return "Wrong Freq";
+    if (!py_eq(nb::steal(centre), getattr(self, a_freq))) return "Wrong Freq";
     return nullptr;
 }
+
+}  // namespace
 
 nb::object basic_check(nb::handle self, nb::handle table) {
     nb::object ret = ret_ok();
@@ -355,7 +284,7 @@ nb::object basic_check(nb::handle self, nb::handle table) {
         nb::object text = str(problem);
         setattr(ret, msg, text);
         setattr(ret, code, RetCode("ERROR_BF_CALI_INCOMPLTE"));
-        logger_of(self).error(text);
+        logger_of(self, a_logger).error(text);
     }
     return ret;
 }
@@ -379,8 +308,25 @@ void define_calibration_table_manager(nb::module_& m) {
     cls.def("checkCaliTableLocation", &check_cali_table_location);
     cls.def("getFrequencyList", &get_frequency_list, vex::py::arg("force_refresh") = false);
     cls.def("queryCaliTableVer", &query_cali_table_ver);
-    define_parse_methods(cls);
-    define_query_methods(cls);
+    cls.def("parse", &parse, vex::py::arg("freq") = nb::none(), vex::py::arg("fileObject") = nb::none(),
+            vex::py::arg("exportToJson") = false);
+    cls.def("parseRawJson", &parse_raw_json);
+    nb::object tx_name = getattr(RFMode().attr("TX"), k_name);
+    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"), vex::py::arg("rf_mode_str") = tx_name,
+            vex::py::arg("chip") = 1);
+    cls.def("getDR", &get_dr, vex::py::arg("rf_mode") = nb::none());
+    cls.def_private("getXXXDR", &get_xxx_dr, vex::py::arg("key"));
+    cls.def("getCOMDR", &get_com_dr);
+    cls.def("getELEDR", &get_ele_dr);
+    cls.def("_getBoardCOMDR", &get_board_com_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
+    cls.def("_getBoardELEDR", &get_board_ele_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
+    cls.def("_getTC", &get_tc);
+    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"), vex::py::arg("min"),
+                    vex::py::arg("max"));
+    cls.def("_searchComStepDR", &search_com_step_dr, vex::py::arg("board"), vex::py::arg("rf_mode_str"),
+            vex::py::arg("min"), vex::py::arg("max"), vex::py::arg("polar"));
+    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"), vex::py::arg("chip"),
+            vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"), vex::py::arg("com_list"));
     cls.finish();
 }
 

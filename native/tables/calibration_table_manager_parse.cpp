@@ -1,5 +1,6 @@
-// CalibrationTableManager: reading a calibration CSV into _CaliTable, the JSON
-// export and parseRawJson.
+// CalibrationTableManager: reading a calibration CSV into _CaliTable, the
+// insertion primitive every parsed value goes through, the JSON export and
+// parseRawJson.
 //
 // The file is tokenised in C++; Python objects are made only for what the table
 // stores. Plain lines (no quote, no NUL, not longer than the CSV field limit), which
@@ -20,15 +21,55 @@
 #include "codec/numbers.h"
 #include "py/codecs.h"
 
-#include <array>
 #include <charconv>
 #include <cmath>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 namespace vex::tables::cali {
+
+using namespace vex::py;
+
+// ------------------------------------------------------------- insertion ---
+// Every parsed value enters the table through update_dict.
+
+namespace {
+
+// d.get(key) is None: store; otherwise merge with the mapping's own update().
+void insert_or_merge(nb::handle d, nb::handle key, nb::handle value) {
+    nb::object existing = dict_get(d, key);
+    if (!existing.is_valid() || existing.is_none()) {
+        setitem(d, key, value);
+    } else if (PyDict_CheckExact(existing.ptr()) && PyDict_CheckExact(value.ptr())) {
+        if (PyDict_Update(existing.ptr(), value.ptr()) < 0) raise_already_set();
+    } else {
+        existing.attr("update")(value);
+    }
+}
+
+}  // namespace
+
+void update_dict(const Log& log, nb::handle d, nb::handle key, nb::handle value) {
+    guard(
+        [&]() -> nb::object {
+            insert_or_merge(d, key, value);
+            return nb::none();
+        },
+        [&](nb::handle) -> nb::object {
+            PyObject* text =
+                PyUnicode_FromFormat("__updateDict exception with key:%S, value:%S", key.ptr(), value.ptr());
+            if (!text) raise_already_set();
+            log.exception(nb::steal(text));
+            raise(PyExc_Exception, "__updateDict exception");
+        });
+}
+
+nb::object child_mapping(const Log& log, nb::handle parent, nb::handle key) {
+    update_dict(log, parent, key, nb::dict());
+    return getitem(parent, key);
+}
+
 namespace {
 
 const Name k_VER{"VER"}, k_REALVER{"REALVER"}, k_SN{"SN"}, k_FCENTER{"FCENTER"}, k_DR{"DR"};
@@ -36,17 +77,32 @@ const Name k_TX{"TX"}, k_RX{"RX"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_TEMPADC
 const Name k_TC{"TC"}, k_COMSTEPDR{"COMSTEPDR"};
 
 enum class RowKind {
-    Unknown, Ver, RealVer, Sn, FCenter, Dr, OffsetTx, OffsetRx,
-    ComDr, EleDr, TempAdc, Tc, ComStepDr, Data, End
+    Unknown,
+    Ver,
+    RealVer,
+    Sn,
+    FCenter,
+    Dr,
+    OffsetTx,
+    OffsetRx,
+    ComDr,
+    EleDr,
+    TempAdc,
+    Tc,
+    ComStepDr,
+    Data,
+    End
 };
 
 // Keys are matched exactly; DATA comes first because it is most rows of a table.
 RowKind kind_of(std::string_view key) {
     static const std::pair<std::string_view, RowKind> kinds[] = {
-        {"DATA", RowKind::Data},       {"VER", RowKind::Ver},           {"REALVER", RowKind::RealVer},
-        {"SN", RowKind::Sn},           {"FCENTER", RowKind::FCenter},   {"DR", RowKind::Dr},
-        {"OFFSET_TX", RowKind::OffsetTx}, {"OFFSET_RX", RowKind::OffsetRx}, {"COMDR", RowKind::ComDr},
-        {"ELEDR", RowKind::EleDr},     {"TEMPADC", RowKind::TempAdc},   {"TC", RowKind::Tc},
+        {"DATA", RowKind::Data},           {"VER", RowKind::Ver},
+        {"REALVER", RowKind::RealVer},     {"SN", RowKind::Sn},
+        {"FCENTER", RowKind::FCenter},     {"DR", RowKind::Dr},
+        {"OFFSET_TX", RowKind::OffsetTx},  {"OFFSET_RX", RowKind::OffsetRx},
+        {"COMDR", RowKind::ComDr},         {"ELEDR", RowKind::EleDr},
+        {"TEMPADC", RowKind::TempAdc},     {"TC", RowKind::Tc},
         {"COMSTEPDR", RowKind::ComStepDr}, {"END", RowKind::End},
     };
     for (const auto& [name, kind] : kinds)
@@ -156,74 +212,6 @@ nb::object dr_message(nb::handle mode_name, double low, double high) {
 
 // ------------------------------------------------------------- row sources ---
 
-// What a character means to the plain-line split: a comma ends a cell; a quote,
-// NUL or CR needs the CSV reader.
-enum class CharClass : unsigned char { plain, comma, special };
-
-constexpr std::array<CharClass, 256> char_classes() {
-    std::array<CharClass, 256> classes{};
-    classes[','] = CharClass::comma;
-    classes['"'] = classes['\0'] = classes['\r'] = CharClass::special;
-    return classes;
-}
-
-constexpr std::array<CharClass, 256> kCharClass = char_classes();
-
-// Rows of a decoded text (newlines already "\n"), as csv.reader yields them.
-class TextRows {
-public:
-    TextRows(std::string_view text, long field_limit) : text_(text), field_limit_(field_limit) {}
-
-    bool next(Cells& cells) {
-        cells.clear();
-        if (pos_ >= text_.size()) return false;
-        size_t newline = text_.find('\n', pos_);
-        size_t end = newline == std::string_view::npos ? text_.size() : newline;
-        if (split_plain(text_.substr(pos_, end - pos_), cells)) {
-            pos_ = end + 1;
-            return true;
-        }
-        return read_record(cells);
-    }
-
-private:
-    // A line without quote, NUL or CR, and too short to hold an oversized field,
-    // splits at its commas; an empty line is an empty row.
-    bool split_plain(std::string_view line, Cells& cells) const {
-        if (static_cast<long>(line.size()) > field_limit_) return false;
-        size_t start = 0;
-        for (size_t i = 0; i < line.size(); ++i) {
-            CharClass kind = kCharClass[static_cast<unsigned char>(line[i])];
-            if (kind == CharClass::plain) continue;
-            if (kind == CharClass::special) {
-                cells.clear();
-                return false;
-            }
-            cells.push_back(line.substr(start, i - start));
-            start = i + 1;
-        }
-        if (!line.empty()) cells.push_back(line.substr(start));
-        return true;
-    }
-
-    // One record read by the CSV reader from this line on; it tells how many
-    // lines the record took.
-    bool read_record(Cells& cells) {
-        csv_.emplace(text_.substr(pos_), /*drop_nul=*/true);
-        bool got = csv_->next(cells);
-        for (long lines = csv_->line_num(); lines > 0 && pos_ < text_.size(); --lines) {
-            size_t newline = text_.find('\n', pos_);
-            pos_ = newline == std::string_view::npos ? text_.size() : newline + 1;
-        }
-        return got;
-    }
-
-    std::string_view text_;
-    long field_limit_;
-    size_t pos_ = 0;
-    std::optional<CsvReader> csv_;   // holds the record its cells view
-};
-
 // Rows of a handed-in file object, through the CSV reader.
 class ObjectRows {
 public:
@@ -235,15 +223,6 @@ private:
     CsvReader csv_;
 };
 
-// csv.field_size_limit(), read when reading starts as the CSV reader does.
-long field_size_limit() {
-    static const Name csv_module{"csv"};
-    nb::object limit = global(csv_module).attr("field_size_limit")();
-    long value = PyLong_AsLong(limit.ptr());
-    if (value == -1 && PyErr_Occurred()) raise_already_set();
-    return value;
-}
-
 // ------------------------------------------------------------ the reader ---
 
 // Reads rows into one table. A refusal of the header check ends the reading with
@@ -251,10 +230,12 @@ long field_size_limit() {
 class TableReader {
 public:
     TableReader(nb::handle self, const Log& log, nb::handle table)
-        : self_(self), log_(log), table_(table),
-          boards_(as_index(getattr(self, k_num_board))),
-          ics_(as_index(getattr(self, k_num_ic_per_board))),
-          channels_(as_index(getattr(self, k_num_channel_per_ic))) {}
+        : self_(self),
+          log_(log),
+          table_(table),
+          boards_(as_index(getattr(self, a_num_board))),
+          ics_(as_index(getattr(self, a_num_ic_per_board))),
+          channels_(as_index(getattr(self, a_num_channel_per_ic))) {}
 
     template <class Rows>
     nb::object read(Rows& rows, bool& refused) {
@@ -284,25 +265,26 @@ public:
 private:
     void store(RowKind kind, const Cells& row) {
         switch (kind) {
-            case RowKind::Data: store_data(row); break;
-            case RowKind::Ver: store_header(k_VER, row); break;
-            case RowKind::RealVer: store_header(k_REALVER, row); break;
-            case RowKind::Sn: store_header(k_SN, row); break;
-            case RowKind::FCenter: store_header(k_FCENTER, row); break;
-            case RowKind::Dr: store_dr(row); break;
-            case RowKind::OffsetTx: store_offsets(k_TX, row); break;
-            case RowKind::OffsetRx: store_offsets(k_RX, row); break;
-            case RowKind::ComDr: store_arm_range(k_COMDR, row); break;
-            case RowKind::EleDr: store_arm_range(k_ELEDR, row); break;
-            case RowKind::TempAdc: store_temp_adc(row); break;
-            case RowKind::Tc: store_tc(row); break;
-            case RowKind::ComStepDr: store_com_step(row); break;
-            case RowKind::Unknown: case RowKind::End: break;
+        case RowKind::Data: store_data(row); break;
+        case RowKind::Ver: store_header(k_VER, row); break;
+        case RowKind::RealVer: store_header(k_REALVER, row); break;
+        case RowKind::Sn: store_header(k_SN, row); break;
+        case RowKind::FCenter: store_header(k_FCENTER, row); break;
+        case RowKind::Dr: store_dr(row); break;
+        case RowKind::OffsetTx: store_offsets(k_TX, row); break;
+        case RowKind::OffsetRx: store_offsets(k_RX, row); break;
+        case RowKind::ComDr: store_arm_range(k_COMDR, row); break;
+        case RowKind::EleDr: store_arm_range(k_ELEDR, row); break;
+        case RowKind::TempAdc: store_temp_adc(row); break;
+        case RowKind::Tc: store_tc(row); break;
+        case RowKind::ComStepDr: store_com_step(row); break;
+        case RowKind::Unknown:
+        case RowKind::End: break;
         }
     }
 
     nb::object path_for_log() const {
-        return hasattr(self_, k_path_cali) ? getattr(self_, k_path_cali) : nb::object(nb::str(""));
+        return hasattr(self_, a_path_cali) ? getattr(self_, a_path_cali) : nb::object(nb::str(""));
     }
 
     nb::object board(std::string_view number) { return child_mapping(log_, table_, prefixed("BOARD_", number)); }
@@ -483,8 +465,8 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
                 ObjectRows rows(file_object);
                 return reader.read(rows, refused);
             }
-            std::string text = read_text_file(getattr(self, k_path_cali));
-            TextRows rows(text, field_size_limit());
+            std::string text = read_text_file(getattr(self, a_path_cali));
+            CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/true);
             return reader.read(rows, refused);
         },
         [&](nb::handle) -> nb::object {
@@ -496,16 +478,16 @@ nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, n
 // The export goes beside the CSV: every "csv" in the path becomes "json" (folder
 // names included, so .../csvfiles/x.csv is exported to .../jsonfiles/x.json).
 void export_json(nb::handle self) {
-    nb::object json_path = getattr(self, k_path_cali).attr("replace")("csv", "json");
-    dump_json_file_atomic(getattr(self, k_CaliTable), 4, json_path);
+    nb::object json_path = getattr(self, a_path_cali).attr("replace")("csv", "json");
+    dump_json_file_atomic(getattr(self, a_CaliTable), 4, json_path);
 }
 
 // A new frequency re-targets the manager and drops every cache built for the old one.
 void retarget(nb::handle self, nb::handle freq) {
-    setattr(self, k_freq, freq);
-    setattr(self, k_allOffset, nb::none());
-    setattr(self, k_allXXXDR, nb::none());
-    setattr(self, k_allComDataMap, nb::dict());
+    setattr(self, a_freq, freq);
+    setattr(self, a_allOffset, nb::none());
+    setattr(self, a_allXXXDR, nb::none());
+    setattr(self, a_allComDataMap, nb::dict());
 }
 
 nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::handle file_object,
@@ -513,20 +495,20 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
     if (!freq.is_none()) {
         retarget(self, freq);
         // In web mode the table stays in the database: only its frequency changes.
-        if (uses_database(self)) return database(self).attr("setFreq")(getattr(self, k_freq));
+        if (uses_database(self)) return database(self).attr("setFreq")(getattr(self, a_freq));
     }
     if (file_object.is_none()) {
-        nb::object path = getattr(self, k_searchCaliFile)();
+        nb::object path = getattr(self, m_searchCaliFile)();
         if (!truthy(path)) {
             nb::object ret = ret_error("ERROR_BF_CALI_PATH", "Can not find file for Cali table");
             log.error(str("Can not find file for Cali table"));
             return ret;
         }
         log.info(str("Cali file path: %s"), path);
-        setattr(self, k_path_cali, path);
+        setattr(self, a_path_cali, path);
     }
     nb::dict table;
-    setattr(self, k_CaliTable, table);
+    setattr(self, a_CaliTable, table);
     bool refused = false;
     nb::object ret = read_table(self, log, file_object, table, refused);
     if (!file_object.is_none()) file_object.attr("close")();
@@ -535,8 +517,10 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
     return ret;
 }
 
+}  // namespace
+
 nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::handle export_to_json) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard([&]() { return parse_steps(self, log, freq, file_object, export_to_json); },
                  [&](nb::handle) -> nb::object {
                      log.exception(str("parse exception"));
@@ -546,26 +530,18 @@ nb::object parse(nb::handle self, nb::handle freq, nb::handle file_object, nb::h
 
 // Loads the JSON export of the current frequency (found as the CSV is found).
 nb::object parse_raw_json(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
-            nb::object path = getattr(self, k_searchCaliFile)(".json");
+            nb::object path = getattr(self, m_searchCaliFile)(".json");
             if (!truthy(path)) return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
-            setattr(self, k_CaliTable, load_json_file(path));
+            setattr(self, a_CaliTable, load_json_file(path));
             return ret_ok();
         },
         [&](nb::handle) -> nb::object {
             log.exception(str("cali file error"));
             return ret_error("ERROR_BF_CALI_PARSE", "cali file error");
         });
-}
-
-}  // namespace
-
-void define_parse_methods(ClassBuilder& cls) {
-    cls.def("parse", &parse, vex::py::arg("freq") = nb::none(), vex::py::arg("fileObject") = nb::none(),
-            vex::py::arg("exportToJson") = false);
-    cls.def("parseRawJson", &parse_raw_json);
 }
 
 }  // namespace vex::tables::cali

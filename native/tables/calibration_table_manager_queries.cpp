@@ -13,6 +13,8 @@
 #include "py/capi.h"
 
 namespace vex::tables::cali {
+
+using namespace vex::py;
 namespace {
 
 const Name k_DR{"DR"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_COMSTEPDR{"COMSTEPDR"}, k_TC{"TC"};
@@ -27,7 +29,7 @@ nb::object polarizations() {
     return global(n);
 }
 
-nb::object table_of(nb::handle self) { return getattr(self, k_CaliTable); }
+nb::object table_of(nb::handle self) { return getattr(self, a_CaliTable); }
 
 // The names of an enumeration's members, in declared order.
 nb::list member_names(nb::handle enumeration) {
@@ -36,18 +38,10 @@ nb::list member_names(nb::handle enumeration) {
     return names;
 }
 
-// [a, b] as a new list.
-nb::list pair_list(nb::handle a, nb::handle b) {
-    nb::list key;
-    key.append(a);
-    key.append(b);
-    return key;
-}
-
 // The result of a failed public query: the database error's own result, a
 // KeyError (a missing table entry) raised to the caller, anything else `message`.
 nb::object query_failure(nb::handle self, nb::handle exc, const char* message) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     if (is_database_error(exc)) {
         nb::object ret = getattr(exc, k_ret);
         log.error(str("Exception: %s"), ret);
@@ -66,10 +60,10 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
         return ret_data(getitem(table_of(self), k_DR));
     }
     bool dual = dual_polarization(self);
-    bool from_database = !dual && truthy(getattr(self, k_web_mode));
+    bool from_database = !dual && truthy(getattr(self, a_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
     if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
-        logger_of(self).warning(str("DR not support for STANDBY mode"));
+        logger_of(self, a_logger).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
     nb::object name = enum_fields(mode).name;
@@ -77,10 +71,14 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
     return ret_data(getitem(getitem(table_of(self), k_DR), name));
 }
 
+}  // namespace
+
 nb::object get_dr(nb::handle self, nb::handle rf_mode) {
     return guard([&]() { return dynamic_range(self, rf_mode); },
                  [&](nb::handle exc) { return query_failure(self, exc, "getDR exception"); });
 }
+
+namespace {
 
 // ------------------------------------------------------ board-level cache ---
 
@@ -150,7 +148,7 @@ void add_file_ranges(const RangeLists& lists, nb::handle board_table, nb::handle
 nb::dict build_range_cache(nb::handle self) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
-    Py_ssize_t boards = as_index(getattr(self, k_num_board));
+    Py_ssize_t boards = as_index(getattr(self, a_num_board));
     nb::object modes = RFMode();
     nb::dict cache = empty_range_cache(dual, py_len(modes));
     nb::object table = table_of(self);
@@ -174,17 +172,19 @@ nb::dict build_range_cache(nb::handle self) {
 // __getXXXDR(key). The cache is stored only once complete, so a failed build
 // (a board missing from the table) is retried rather than served half-built.
 nb::object ranges_of(nb::handle self, nb::handle kind) {
-    Log log = logger_of(self);
-    nb::object cache = getattr(self, k_allXXXDR);
+    Log log = logger_of(self, a_logger);
+    nb::object cache = getattr(self, a_allXXXDR);
     if (!cache.is_none()) {
         log.debug("Fetch %s from cache", kind);
         return getitem(cache, kind);
     }
     cache = build_range_cache(self);
-    setattr(self, k_allXXXDR, cache);
+    setattr(self, a_allXXXDR, cache);
     log.info(str("All DR: %s"), cache);
     return getitem(cache, kind);
 }
+
+}  // namespace
 
 nb::object get_xxx_dr(nb::handle self, nb::handle key) { return ranges_of(self, key); }
 
@@ -198,10 +198,14 @@ nb::object get_ele_dr(nb::handle self) {
                  [&](nb::handle exc) { return query_failure(self, exc, "getELEDR exception"); });
 }
 
+namespace {
+
 nb::object board_range(nb::handle self, const Name& kind, nb::handle mode, nb::handle board_idx) {
     nb::object index = getattr(RFMode()(mode), k_value);
     return getitem(getitem(ranges_of(self, kind), index), board_idx);
 }
+
+}  // namespace
 
 nb::object get_board_com_dr(nb::handle self, nb::handle mode, nb::handle board_idx) {
     return board_range(self, k_COMDR, mode, board_idx);
@@ -210,6 +214,8 @@ nb::object get_board_com_dr(nb::handle self, nb::handle mode, nb::handle board_i
 nb::object get_board_ele_dr(nb::handle self, nb::handle mode, nb::handle board_idx) {
     return board_range(self, k_ELEDR, mode, board_idx);
 }
+
+namespace {
 
 // -------------------------------------------------------------------- TC ---
 
@@ -246,10 +252,12 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
     return values;
 }
 
+}  // namespace
+
 // Per board (counted over every chip of the layout): the TX pair then the RX pair
 // as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
-    Py_ssize_t entries = as_index(getattr(self, k_num_board)) * as_index(getattr(self, k_num_ic_per_board));
+    Py_ssize_t entries = as_index(getattr(self, a_num_board)) * as_index(getattr(self, a_num_ic_per_board));
     nb::object table = table_of(self);
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
@@ -257,10 +265,13 @@ nb::list get_tc(nb::handle self) {
     nb::list result;
     for (Py_ssize_t b = 1; b <= entries; ++b) {
         nb::object board = board_key(b);
-        result.append(dual ? polarized_tc(table, board, names) : mode_tc(self, table, board, names, from_database));
+        result.append(dual ? polarized_tc(table, board, names)
+                           : mode_tc(self, table, board, names, from_database));
     }
     return result;
 }
+
+namespace {
 
 // ---------------------------------------------------------- board offsets ---
 
@@ -274,7 +285,7 @@ nb::object stored_offsets(nb::handle self, nb::handle mode_name, nb::handle boar
 }
 
 nb::list channel_offsets(nb::handle self, nb::handle by_channel) {
-    Py_ssize_t channels = as_index(getattr(self, k_num_channel_per_ic));
+    Py_ssize_t channels = as_index(getattr(self, a_num_channel_per_ic));
     nb::list offsets;
     for (Py_ssize_t ch = 1; ch <= channels; ++ch) {
         PyObject* key = PyUnicode_FromFormat("CHANNEL_%zd", ch);
@@ -318,11 +329,13 @@ nb::list board_numbers(nb::handle boards) {
     return numbers;
 }
 
+}  // namespace
+
 nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mode_str, nb::handle chip) {
-    nb::object cache = getattr(self, k_allOffset);
+    nb::object cache = getattr(self, a_allOffset);
     if (cache.is_none()) {
         cache = nb::dict();
-        setattr(self, k_allOffset, cache);
+        setattr(self, a_allOffset, cache);
     }
     nb::object mode_cache = cache_level(cache, rf_mode_str);
     nb::object chip_name = chip_key("OFFSET_CHIP_%S", chip);
@@ -331,6 +344,8 @@ nb::list get_boards_offset(nb::handle self, nb::handle boards, nb::handle rf_mod
         result.append(board_offsets(self, mode_cache, rf_mode_str, b, chip_name));
     return result;
 }
+
+namespace {
 
 // ------------------------------------------------------- common-arm steps ---
 
@@ -341,6 +356,8 @@ nb::object arm_number(nb::handle key) {
     if (!number) raise_already_set();
     return nb::steal(number);
 }
+
+}  // namespace
 
 // Steps whose range [low, high] covers the whole request: low <= min and max <= high.
 nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handle min, nb::handle max) {
@@ -353,12 +370,16 @@ nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handl
     return arms;
 }
 
+namespace {
+
 // A board number from 1; 0 or less would silently pick boards from the end.
 Py_ssize_t board_position(nb::handle board) {
     Py_ssize_t number = as_index(board);
     if (number < 1) raise(PyExc_IndexError, "board numbers start at 1");
     return number - 1;
 }
+
+}  // namespace
 
 nb::list search_com_step_dr(nb::handle self, nb::handle board, nb::handle rf_mode_str, nb::handle min,
                             nb::handle max, nb::handle polar) {
@@ -374,13 +395,15 @@ nb::list search_com_step_dr(nb::handle self, nb::handle board, nb::handle rf_mod
     return append_com_dict_to_list(self, steps, min, max);
 }
 
+namespace {
+
 // ----------------------------------------------------------- common-arm data ---
 
 // The chip's DATA mapping {"COM_n": {"TX_gain_phase": [values]}}, cached per board and chip.
 nb::object chip_com_data(nb::handle self, nb::handle board_number, nb::handle chip) {
     nb::object board = board_key(board_number);
     nb::object chip_name = chip_key("DATA_CHIP_%S", chip);
-    nb::object board_cache = cache_level(getattr(self, k_allComDataMap), board);
+    nb::object board_cache = cache_level(getattr(self, a_allComDataMap), board);
     nb::object data = dict_get(board_cache, chip_name);
     if (data.is_valid()) return data;
     data = uses_database(self) ? getattr(database(self).attr(k_query)(chip_name, board), k_RetData)
@@ -415,6 +438,8 @@ nb::list arm_values(nb::handle entries, nb::handle mode, nb::handle channel, nb:
     return values;
 }
 
+}  // namespace
+
 nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board, nb::handle chip,
                       nb::handle channel, nb::handle gain, nb::handle phase, nb::handle com_list) {
     Py_ssize_t count = py_len(channel);
@@ -429,28 +454,6 @@ nb::dict get_com_data(nb::handle self, nb::handle rf_mode_str, nb::handle board,
         setitem(result, arm_name, arm_values(entries, rf_mode_str, channel, gain, phase));
     }
     return result;
-}
-
-}  // namespace
-
-void define_query_methods(ClassBuilder& cls) {
-    nb::object tx_name = getattr(RFMode().attr("TX"), k_name);
-    cls.def("_getBoardsOffset", &get_boards_offset, vex::py::arg("boards"),
-            vex::py::arg("rf_mode_str") = tx_name, vex::py::arg("chip") = 1);
-    cls.def("getDR", &get_dr, vex::py::arg("rf_mode") = nb::none());
-    cls.def_private("getXXXDR", &get_xxx_dr, vex::py::arg("key"));
-    cls.def("getCOMDR", &get_com_dr);
-    cls.def("getELEDR", &get_ele_dr);
-    cls.def("_getBoardCOMDR", &get_board_com_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
-    cls.def("_getBoardELEDR", &get_board_ele_dr, vex::py::arg("mode"), vex::py::arg("board_idx"));
-    cls.def("_getTC", &get_tc);
-    cls.def_private("appendComDictToList", &append_com_dict_to_list, vex::py::arg("comDict"),
-                    vex::py::arg("min"), vex::py::arg("max"));
-    cls.def("_searchComStepDR", &search_com_step_dr, vex::py::arg("board"), vex::py::arg("rf_mode_str"),
-            vex::py::arg("min"), vex::py::arg("max"), vex::py::arg("polar"));
-    cls.def("_getComData", &get_com_data, vex::py::arg("rf_mode_str"), vex::py::arg("board"),
-            vex::py::arg("chip"), vex::py::arg("channel"), vex::py::arg("gain"), vex::py::arg("phase"),
-            vex::py::arg("com_list"));
 }
 
 }  // namespace vex::tables::cali

@@ -49,8 +49,9 @@ NB_MODULE(QRVTableManager, m) {
     using namespace vex::tables;
     vex::py::set_module(m);
     vex::py::stdlib_messages();   // the running interpreter's csv and json texts, chosen now
-    m.doc() = "Table manager of the vexcore SDK: calibration, antenna-array-kit, beam pattern "
-              "and UD delta-frequency tables.";
+    m.doc() =
+        "Table manager of the vexcore SDK: calibration, antenna-array-kit, beam pattern "
+        "and UD delta-frequency tables.";
     import_dependencies(m);
     define_beam_enums(m);
     define_beam_pattern_table_manager(m);

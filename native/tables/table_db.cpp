@@ -14,11 +14,11 @@ namespace {
 
 using namespace vex::py;
 
-const Name k_logger{"_QRVTableDB__logger"};
-const Name k_db{"_QRVTableDB__db"};
-const Name k_template{"_QRVTableDB__template"};
-const Name k_unsent{"_QRVTableDB__query_unsend"};
-const Name k_returnDB{"_QRVTableDB__returnDB"};
+const Name a_logger{"_QRVTableDB__logger"};
+const Name a_db{"_QRVTableDB__db"};
+const Name a_template{"_QRVTableDB__template"};
+const Name a_unsent{"_QRVTableDB__query_unsend"};
+const Name m_returnDB{"_QRVTableDB__returnDB"};
 const Name k_queryDB{"queryDB"};
 const Name k_code{"code"};
 const Name k_data{"data"};
@@ -30,8 +30,6 @@ const Name k_frequency{"frequency"};
 const char* const kQueryPrefix = "query-";
 
 nb::object QRVTableDBError() { return global(Name("QRVTableDBError")); }
-
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
 
 // ".".join(parts), with str.join's own TypeError for parts that are not str.
 nb::object dotted(nb::handle parts) {
@@ -60,9 +58,7 @@ nb::list query_keys(nb::handle key) {
     return keys;
 }
 
-nb::object unsent_key(Py_ssize_t n) {
-    return nb::steal(PyUnicode_FromFormat("%s%zd", kQueryPrefix, n));
-}
+nb::object unsent_key(Py_ssize_t n) { return nb::steal(PyUnicode_FromFormat("%s%zd", kQueryPrefix, n)); }
 
 // --------------------------------------------------------- QRVTableDBError --
 
@@ -75,19 +71,18 @@ void error_init(nb::handle self, nb::handle code, nb::handle msg) {
 // -------------------------------------------------------------- _QRVTableDB --
 
 void db_init(nb::handle self, nb::handle table_name, nb::handle temp) {
-    if (!PyDict_Check(temp.ptr()))
-        raise(PyExc_TypeError, "_QRVTableDB() argument 'temp' must be dict");
+    if (!PyDict_Check(temp.ptr())) raise(PyExc_TypeError, "_QRVTableDB() argument 'temp' must be dict");
     Log log = Log::named("TblDB");
-    setattr(self, k_logger, log.logger());
+    setattr(self, a_logger, log.logger());
     guard(
         [&]() -> nb::object {
             nb::object package = module().attr("__name__").attr("replace")(".device", "");
-            nb::object service = global(Name("importlib"))
-                                     .attr("import_module")("vexcore.db.QRVDBQueryer",
-                                                            nb::arg("package") = package);
-            setattr(self, k_db, service.attr("DBQueryer")(table_name));
-            setattr(self, k_template, temp);   // by reference: setFreq is seen by the creator
-            setattr(self, k_unsent, nb::dict());
+            nb::object service =
+                global(Name("importlib"))
+                    .attr("import_module")("vexcore.db.QRVDBQueryer", nb::arg("package") = package);
+            setattr(self, a_db, service.attr("DBQueryer")(table_name));
+            setattr(self, a_template, temp);   // by reference: setFreq is seen by the creator
+            setattr(self, a_unsent, nb::dict());
             return nb::none();
         },
         [&](nb::handle) -> nb::object {
@@ -118,33 +113,33 @@ nb::object db_return(nb::handle self, nb::handle db_info) {
 
 nb::object db_get_table_list(nb::handle self, nb::handle name) {
     nb::object command = nb::str("get") + nb::borrow(name) + nb::str("List");
-    nb::object reply = getattr(self, k_db).attr(k_queryDB)(getattr(self, k_template),
-                                                          nb::arg("queryCmd") = command);
-    return getattr(self, k_returnDB)(reply);
+    nb::object reply =
+        getattr(self, a_db).attr(k_queryDB)(getattr(self, a_template), nb::arg("queryCmd") = command);
+    return getattr(self, m_returnDB)(reply);
 }
 
 nb::object db_set_freq(nb::handle self, nb::handle freq) {
-    setitem(getattr(self, k_template), k_frequency, freq);
+    setitem(getattr(self, a_template), k_frequency, freq);
     return ret_ok();
 }
 
 nb::object db_set_aakit_name(nb::handle self, nb::handle name) {
     nb::object key = global(Name("AAKitField")).attr("AAKIT_NAME").attr("name");
-    setitem(getattr(self, k_template), key, name);
+    setitem(getattr(self, a_template), key, name);
     return ret_ok();
 }
 
 // A fresh mapping rather than clearing the old one: the service may keep the
 // mapping it was handed with a multi-query.
-void db_clean_query_cache(nb::handle self) { setattr(self, k_unsent, nb::dict()); }
+void db_clean_query_cache(nb::handle self) { setattr(self, a_unsent, nb::dict()); }
 
 // Sends the held-back queries plus `payload` as one multi-query and returns the
 // answers in the order the queries were added.
 nb::object send_multi_query(nb::handle self, nb::handle unsent, Py_ssize_t n, nb::handle payload) {
     setitem(unsent, unsent_key(n), payload);
-    nb::object reply = getattr(self, k_db).attr(k_queryDB)(unsent, nb::arg("queryCmd") = "getMultiData");
+    nb::object reply = getattr(self, a_db).attr(k_queryDB)(unsent, nb::arg("queryCmd") = "getMultiData");
     static const Name ret_data_name{"RetData"};
-    nb::object answers = getattr(getattr(self, k_returnDB)(reply), ret_data_name);
+    nb::object answers = getattr(getattr(self, m_returnDB)(reply), ret_data_name);
     Py_ssize_t count = PyObject_Length(answers.ptr());
     if (count < 0) raise_already_set();
     nb::list result = nb::steal<nb::list>(PyList_New(0));
@@ -160,11 +155,11 @@ nb::object send_multi_query(nb::handle self, nb::handle unsent, Py_ssize_t n, nb
 }
 
 nb::object db_query(nb::handle self, nb::handle key, nb::handle category, nb::handle apply_setting) {
-    nb::object payload = getattr(self, k_template).attr("copy")();
+    nb::object payload = getattr(self, a_template).attr("copy")();
     setitem(payload, k_category, category);
     setitem(payload, k_query, query_keys(key));
 
-    nb::object unsent = getattr(self, k_unsent);
+    nb::object unsent = getattr(self, a_unsent);
     Py_ssize_t n = PyObject_Length(unsent.ptr());
     if (n < 0) raise_already_set();
     int apply = PyObject_IsTrue(apply_setting.ptr());
@@ -173,8 +168,8 @@ nb::object db_query(nb::handle self, nb::handle key, nb::handle category, nb::ha
         setitem(unsent, unsent_key(n), payload);
         return ret_ok();
     }
-    logger_of(self).debug(str("[Query]: %s"), payload);
-    if (n == 0) return getattr(self, k_returnDB)(getattr(self, k_db).attr(k_queryDB)(payload));
+    logger_of(self, a_logger).debug(str("[Query]: %s"), payload);
+    if (n == 0) return getattr(self, m_returnDB)(getattr(self, a_db).attr(k_queryDB)(payload));
     return send_multi_query(self, unsent, n, payload);
 }
 
@@ -186,7 +181,8 @@ void define_table_db(nb::module_& m) {
     error.def("__init__", &error_init, vex::py::arg("code"), vex::py::arg("msg"));
     error.finish();
 
-    ClassBuilder db(m, "_QRVTableDB", "Responsible to dynamic loading DBQueryer then package query info to payload");
+    ClassBuilder db(m, "_QRVTableDB",
+                    "Responsible to dynamic loading DBQueryer then package query info to payload");
     db.def("__init__", &db_init, vex::py::arg("table_name"), vex::py::arg("temp"));
     db.def_private("returnDB", &db_return, vex::py::arg("db_info"));
     db.def("getTableList", &db_get_table_list, vex::py::arg("name"));

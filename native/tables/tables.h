@@ -1,8 +1,14 @@
 // The module's pieces, each defined in its own file and called by the module
 // initialiser in the order the module's names come into being.
+//
+// Interned names (vex::py::Name) follow one scheme in every file: a_ for an
+// instance attribute (mangled when private), m_ for a method reached through the
+// instance (so overrides apply), g_ for a module global looked up when used, k_
+// for dict keys and any other name.
 #pragma once
 
 #include "py/bridge.h"
+#include "py/pyops.h"
 
 namespace vex::tables {
 

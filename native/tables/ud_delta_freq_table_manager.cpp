@@ -16,23 +16,21 @@ namespace {
 
 using namespace vex::py;
 
-const Name k_logger{"_UDDeltaFreqTableManager__logger"};
-const Name k_sn{"_UDDeltaFreqTableManager__sn"};
-const Name k_default_dir{"_UDDeltaFreqTableManager__defaultDir"};
-const Name k_delta_freq{"_UDDeltaFreqTableManager__delta_freq"};
+const Name a_logger{"_UDDeltaFreqTableManager__logger"};
+const Name a_sn{"_UDDeltaFreqTableManager__sn"};
+const Name a_default_dir{"_UDDeltaFreqTableManager__defaultDir"};
+const Name a_delta_freq{"_UDDeltaFreqTableManager__delta_freq"};
 
 const Name g_glob{"glob"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_os{"os"};
 
-Log logger_of(nb::handle self) { return Log(getattr(self, k_logger)); }
-
 void init(nb::handle self, nb::handle sn) {
-    setattr(self, k_logger, Log::named("UDDeltaTbl").logger());
-    setattr(self, k_sn, sn);
-    setattr(self, k_default_dir, global(g_Path)(global(g_Utils).attr("_get_files_dir")()));
-    setattr(self, k_delta_freq, nb::int_(0));
+    setattr(self, a_logger, Log::named("UDDeltaTbl").logger());
+    setattr(self, a_sn, sn);
+    setattr(self, a_default_dir, global(g_Path)(global(g_Utils).attr("_get_files_dir")()));
+    setattr(self, a_delta_freq, nb::int_(0));
 }
 
 nb::object warning_result(const Log& log, const char* msg) {
@@ -57,10 +55,10 @@ void require_plain_file_name(nb::handle sn) {
 
 // glob(<files dir>/<sn>.csv): the serial number is matched as written.
 nb::object delta_files(nb::handle self) {
-    nb::object sn = getattr(self, k_sn);
+    nb::object sn = getattr(self, a_sn);
     require_plain_file_name(sn);
     nb::object glob = global(g_glob);
-    nb::object directory = glob.attr("escape")(nb::str(getattr(self, k_default_dir)));
+    nb::object directory = glob.attr("escape")(nb::str(getattr(self, a_default_dir)));
     nb::object pattern = global(g_os).attr("path").attr("join")(directory, sn + nb::str(".csv"));
     return glob.attr("glob")(pattern);
 }
@@ -70,7 +68,7 @@ bool read_delta_rows(nb::handle self, const Log& log, nb::handle path) {
     std::string text = read_text_file(path);
     CsvReader reader(text);
     CsvRow row;
-    nb::object sn = getattr(self, k_sn);
+    nb::object sn = getattr(self, a_sn);
     bool found = false;
     while (reader.next(row)) {
         if (row.empty()) continue;
@@ -80,7 +78,7 @@ bool read_delta_rows(nb::handle self, const Log& log, nb::handle path) {
         if (is_label < 0) raise_already_set();
         if (is_label || (!cell.empty() && cell[0] == '#')) continue;
         nb::object delta = int_from_text(cell);
-        setattr(self, k_delta_freq, delta);
+        setattr(self, a_delta_freq, delta);
         log.info(str("Update delta freq to %d"), delta);
         found = true;
     }
@@ -88,7 +86,7 @@ bool read_delta_rows(nb::handle self, const Log& log, nb::handle path) {
 }
 
 nb::object parse(nb::handle self) {
-    Log log = logger_of(self);
+    Log log = logger_of(self, a_logger);
     return guard(
         [&]() -> nb::object {
             nb::object files = delta_files(self);
@@ -105,7 +103,7 @@ nb::object parse(nb::handle self) {
         });
 }
 
-nb::object get_ud_delta_freq(nb::handle self) { return ret_data(getattr(self, k_delta_freq)); }
+nb::object get_ud_delta_freq(nb::handle self) { return ret_data(getattr(self, a_delta_freq)); }
 
 }  // namespace
 

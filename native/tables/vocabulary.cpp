@@ -12,13 +12,11 @@ namespace {
 
 using Member = std::pair<const char*, nb::object>;
 
-nb::object make_enum(nb::module_& m, const char* base, const char* name,
-                     std::initializer_list<Member> members) {
+nb::object make_enum(nb::module_& m, const char* base, const char* name, std::initializer_list<Member> members) {
     nb::list names;
     for (const auto& [key, value] : members) names.append(nb::make_tuple(key, value));
     nb::object enum_base = vex::py::global(vex::py::Name(base));
-    nb::object cls = enum_base(name, names, nb::arg("module") = m.attr("__name__"),
-                               nb::arg("qualname") = name);
+    nb::object cls = enum_base(name, names, nb::arg("module") = m.attr("__name__"), nb::arg("qualname") = name);
     m.attr(name) = cls;
     return cls;
 }
@@ -30,8 +28,8 @@ void make_counted_enum(nb::module_& m, const char* name, std::initializer_list<c
     nb::list names;
     long value = 0;
     for (const char* key : keys) names.append(nb::make_tuple(key, value++));
-    nb::object cls = vex::py::global(vex::py::Name("Enum"))(
-        name, names, nb::arg("module") = m.attr("__name__"), nb::arg("qualname") = name);
+    nb::object cls = vex::py::global(vex::py::Name("Enum"))(name, names, nb::arg("module") = m.attr("__name__"),
+                                                            nb::arg("qualname") = name);
     m.attr(name) = cls;
 }
 
@@ -68,22 +66,33 @@ void define_beam_enums(nb::module_& m) {
     make_enum(m, "Flag", "BTModeFilter", {{"TX", I(1)}, {"RX", I(2)}, {"ALL", I(3)}});
     // UI_IMPORT shares VALIDATE's value and so becomes its alias.
     make_enum(m, "Flag", "BTSetOption",
-              {{"VALIDATE", I(1)}, {"GET", I(2)}, {"SAVE", I(4)}, {"REPLACE_ALL", I(8)},
-               {"UI_IMPORT", I(1)}, {"UI_EXPORT", I(3)}, {"UI_SAVE_UPSERT", I(5)},
+              {{"VALIDATE", I(1)},
+               {"GET", I(2)},
+               {"SAVE", I(4)},
+               {"REPLACE_ALL", I(8)},
+               {"UI_IMPORT", I(1)},
+               {"UI_EXPORT", I(3)},
+               {"UI_SAVE_UPSERT", I(5)},
                {"UI_SAVE_REPLACE", I(13)}});
     // _version is a real member: the beam code reads BTField._version.value.
     make_enum(m, "Enum", "BTField",
-              {{"_version", nb::str("2.0.0")}, {"VERSION", I(0)}, {"SN", I(1)}, {"DEV_TYPE", I(2)},
-               {"FREQ", I(3)}, {"AAKIT_NAME", I(4)}, {"TX", I(5)}, {"RX", I(6)}});
+              {{"_version", nb::str("2.0.0")},
+               {"VERSION", I(0)},
+               {"SN", I(1)},
+               {"DEV_TYPE", I(2)},
+               {"FREQ", I(3)},
+               {"AAKIT_NAME", I(4)},
+               {"TX", I(5)},
+               {"RX", I(6)}});
     make_counted_enum(m, "BTBeamField",
-                      {"beam_description", "beam_type", "beam_config", "db", "theta", "phi",
-                       "channel_config", "board_", "common_db", "channel_", "sw", "deg"});
+                      {"beam_description", "beam_type", "beam_config", "db", "theta", "phi", "channel_config",
+                       "board_", "common_db", "channel_", "sw", "deg"});
 }
 
 void define_aakit_field(nb::module_& m) {
-    make_counted_enum(m, "AAKitField",
-                      {"AAKIT_NAME", "DEV_TYPE", "TYPE", "SPACING", "STEERING_H", "STEERING_V",
-                       "OFFSET_TX", "OFFSET_RX"});
+    make_counted_enum(
+        m, "AAKitField",
+        {"AAKIT_NAME", "DEV_TYPE", "TYPE", "SPACING", "STEERING_H", "STEERING_V", "OFFSET_TX", "OFFSET_RX"});
 }
 
 void define_moss_cali(nb::module_& m) {

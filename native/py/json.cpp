@@ -1,13 +1,20 @@
-// json.loads for UTF-8 text, building the same objects as the standard
-// decoder's C scanner: the same grammar walk, the same error messages and
-// positions (in characters), keys memoized so equal keys share one str.
+// JSON for Python objects, both ways.
 //
+// Decoding: json.loads for UTF-8 text, building the same objects as the
+// standard decoder's C scanner: the same grammar walk, the same error messages
+// and positions (in characters), keys memoized so equal keys share one str.
 // It is faster than the scanner because it reads UTF-8 directly (no str of the
 // whole document unless an error must be reported), converts numbers without an
 // intermediate object, and sizes every list once.
+//
+// Encoding: json.dumps as the pure-Python encoder walks, into one buffer or
+// streamed into an atomically replaced file.
 #include "py/codecs.h"
 #include "py/capi.h"
 
+#include "codec/atomic_file.h"
+#include "codec/json.h"
+#include "codec/numbers.h"
 #include "codec/text.h"
 #include "py/stdlib_messages.h"
 
@@ -27,7 +34,11 @@ struct Ref {
     ~Ref() { Py_XDECREF(p); }
     Ref(const Ref&) = delete;
     Ref& operator=(const Ref&) = delete;
-    PyObject* release() { PyObject* o = p; p = nullptr; return o; }
+    PyObject* release() {
+        PyObject* o = p;
+        p = nullptr;
+        return o;
+    }
 };
 
 PyObject* checked(PyObject* o) {
@@ -106,14 +117,48 @@ private:
         if (i >= text_.size()) throw ScanError{"Expecting value", i};
         switch (text_[i]) {
         case '"': return scan_string(i + 1, next, false);
-        case '{': return nested(" while decoding a JSON object from a unicode string", [&] { return scan_object(i + 1, next); });
-        case '[': return nested(" while decoding a JSON array from a unicode string", [&] { return scan_array(i + 1, next); });
-        case 'n': if (matches(i, "null")) { next = i + 4; Py_RETURN_NONE; } break;
-        case 't': if (matches(i, "true")) { next = i + 4; Py_RETURN_TRUE; } break;
-        case 'f': if (matches(i, "false")) { next = i + 5; Py_RETURN_FALSE; } break;
-        case 'N': if (matches(i, "NaN")) { next = i + 3; return nan_.inc_ref().ptr(); } break;
-        case 'I': if (matches(i, "Infinity")) { next = i + 8; return inf_.inc_ref().ptr(); } break;
-        case '-': if (matches(i, "-Infinity")) { next = i + 9; return neg_inf_.inc_ref().ptr(); } break;
+        case '{':
+            return nested(" while decoding a JSON object from a unicode string",
+                          [&] { return scan_object(i + 1, next); });
+        case '[':
+            return nested(" while decoding a JSON array from a unicode string",
+                          [&] { return scan_array(i + 1, next); });
+        case 'n':
+            if (matches(i, "null")) {
+                next = i + 4;
+                Py_RETURN_NONE;
+            }
+            break;
+        case 't':
+            if (matches(i, "true")) {
+                next = i + 4;
+                Py_RETURN_TRUE;
+            }
+            break;
+        case 'f':
+            if (matches(i, "false")) {
+                next = i + 5;
+                Py_RETURN_FALSE;
+            }
+            break;
+        case 'N':
+            if (matches(i, "NaN")) {
+                next = i + 3;
+                return nan_.inc_ref().ptr();
+            }
+            break;
+        case 'I':
+            if (matches(i, "Infinity")) {
+                next = i + 8;
+                return inf_.inc_ref().ptr();
+            }
+            break;
+        case '-':
+            if (matches(i, "-Infinity")) {
+                next = i + 9;
+                return neg_inf_.inc_ref().ptr();
+            }
+            break;
         }
         return scan_number(i, next);
     }
@@ -121,7 +166,9 @@ private:
     template <class F>
     PyObject* nested(const char* where, F&& scan) {
         if (Py_EnterRecursiveCall(where)) raise_already_set();
-        struct Leave { ~Leave() { Py_LeaveRecursiveCall(); } } leave;
+        struct Leave {
+            ~Leave() { Py_LeaveRecursiveCall(); }
+        } leave;
         return scan();
     }
 
@@ -148,8 +195,10 @@ private:
             const std::size_t e_start = i++;
             if (i + 1 < n && (text_[i] == '-' || text_[i] == '+')) ++i;
             while (i < n && is_digit(text_[i])) ++i;
-            if (is_digit(text_[i - 1])) is_float = true;
-            else i = e_start;
+            if (is_digit(text_[i - 1]))
+                is_float = true;
+            else
+                i = e_start;
         }
         next = i;
         return is_float ? make_float(start, i) : make_int(start, i);
@@ -264,10 +313,14 @@ private:
         for (std::size_t k = i; k < i + 4; ++k) {
             const char d = text_[k];
             value <<= 4;
-            if (d >= '0' && d <= '9') value |= d - '0';
-            else if (d >= 'a' && d <= 'f') value |= d - 'a' + 10;
-            else if (d >= 'A' && d <= 'F') value |= d - 'A' + 10;
-            else return -1;
+            if (d >= '0' && d <= '9')
+                value |= d - '0';
+            else if (d >= 'a' && d <= 'f')
+                value |= d - 'a' + 10;
+            else if (d >= 'A' && d <= 'F')
+                value |= d - 'A' + 10;
+            else
+                return -1;
         }
         return value;
     }
@@ -298,8 +351,7 @@ private:
     // older ones fail on the bracket itself, as a missing item.
     std::size_t after_comma(std::size_t comma, char closing, const char* trailing_comma) {
         const std::size_t i = skip_whitespace(comma + 1);
-        if (at(i, closing) && stdlib_messages().json_names_trailing_comma)
-            throw ScanError{trailing_comma, comma};
+        if (at(i, closing) && stdlib_messages().json_names_trailing_comma) throw ScanError{trailing_comma, comma};
         return i;
     }
 
@@ -340,8 +392,7 @@ private:
         }
         const std::size_t count = stack_.size() - base;
         PyObject* list = checked(PyList_New(static_cast<Py_ssize_t>(count)));
-        for (std::size_t k = 0; k < count; ++k)
-            list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
+        for (std::size_t k = 0; k < count; ++k) list_fill(list, static_cast<Py_ssize_t>(k), stack_[base + k]);
         stack_.resize(base);
         next = i + 1;
         return list;
@@ -375,6 +426,313 @@ nb::object json_loads(std::string_view text) {
     } catch (const ScanError& e) {
         raise_decode_error(text, e.message, e.offset);
     }
+}
+
+// ============================================================= encoding ===
+
+namespace {
+
+const Name k_dunder_class{"__class__"};
+const Name k_dunder_name{"__name__"};
+const Name k_items{"items"};
+
+// The walk of json's pure-Python encoder (_make_iterencode), writing into one
+// buffer. Type checks run in the encoder's order: str, None, True, False, int,
+// float, list/tuple, dict; anything else is refused as the default hook does.
+class JsonEncoder {
+public:
+    // Where a streaming encoder hands its text: take() consumes the buffer's
+    // content (and raises on failure).
+    struct Sink {
+        virtual void take(std::string& buffer) = 0;
+
+    protected:
+        ~Sink() = default;   // never deleted through this interface
+    };
+
+    JsonEncoder(std::string& out, int indent) : out_(out), indent_(indent > 0 ? indent : 0) {}
+    // Hands the text to `sink` whenever `chunk` bytes have gathered, so a large
+    // table never exists as one string; the caller hands over the rest at the end.
+    JsonEncoder(std::string& out, int indent, Sink& sink, std::size_t chunk)
+        : out_(out), indent_(indent > 0 ? indent : 0), sink_(&sink), chunk_(chunk) {}
+
+    // o.__class__.__name__, the name json's default() gives an object it refuses
+    // (and, before 3.13, the pure-Python indenting encoder a key it refuses):
+    // "datetime", where C code says "datetime.datetime".
+    static nb::object class_name(PyObject* o) { return getattr(getattr(o, k_dunder_class), k_dunder_name); }
+
+    void value(PyObject* o, std::size_t level) {
+        if (scalar(o)) return;
+        if (PyList_Check(o) || PyTuple_Check(o)) return sequence(o, level);
+        if (PyDict_Check(o)) return mapping(o, level);
+        // The encoder marks the object before calling its default hook, which refuses it.
+        PyErr_Format(PyExc_TypeError, "Object of type %S is not JSON serializable", class_name(o).ptr());
+        raise_already_set();
+    }
+
+private:
+    // Writes str, None, bool, int and float values; false for anything else.
+    bool scalar(PyObject* o) {
+        if (PyUnicode_Check(o)) {
+            string(o);
+        } else if (o == Py_None) {
+            out_.append("null");
+        } else if (o == Py_True) {
+            out_.append("true");
+        } else if (o == Py_False) {
+            out_.append("false");
+        } else if (PyLong_Check(o)) {
+            integer(o);
+        } else if (PyFloat_Check(o)) {
+            codec::append_json_float(out_, float_value(o));
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    void string(PyObject* s) {
+        nb::object keeper;
+        codec::append_json_string(out_, utf8_of(nb::handle(s), keeper, false));
+    }
+
+    // int.__repr__, also for int subclasses (IntEnum members are written as numbers).
+    void integer(PyObject* o) {
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
+        if (!overflow) {
+            if (v == -1 && PyErr_Occurred()) raise_already_set();
+            codec::append_int(out_, v);
+            return;
+        }
+        PyObject* text = reinterpret_cast<reprfunc>(PyType_GetSlot(&PyLong_Type, Py_tp_repr))(o);
+        if (!text) raise_already_set();
+        nb::object keeper = nb::steal(text);
+        Py_ssize_t size = 0;
+        const char* data = PyUnicode_AsUTF8AndSize(text, &size);
+        if (!data) raise_already_set();
+        out_.append(data, static_cast<std::size_t>(size));
+    }
+
+    // A dict key as the encoder coerces it, or a TypeError.
+    void key(PyObject* k) {
+        if (PyUnicode_Check(k)) return string(k);
+        std::string text;
+        if (PyFloat_Check(k))
+            codec::append_json_float(text, float_value(k));
+        else if (k == Py_True)
+            text = "true";
+        else if (k == Py_False)
+            text = "false";
+        else if (k == Py_None)
+            text = "null";
+        else if (PyLong_Check(k)) {
+            std::swap(text, out_);
+            try {
+                integer(k);
+            } catch (...) {
+                std::swap(text, out_);
+                throw;
+            }
+            std::swap(text, out_);
+        } else {
+            nb::object type =
+                stdlib_messages().json_key_refusal_names_c_type ? str(type_name_of(k)) : class_name(k);
+            PyErr_Format(PyExc_TypeError, "keys must be str, int, float, bool or None, not %S", type.ptr());
+            raise_already_set();
+        }
+        codec::append_json_string(out_, text);
+    }
+
+    // The encoder's marker for containers on the current path. The path is a
+    // stack no deeper than the recursion limit, and table files are a few levels
+    // deep, so a linear search beats hashing.
+    struct Marker {
+        Marker(JsonEncoder& e, PyObject* o) : enc(e) {
+            for (PyObject* open : enc.path_) {
+                if (open == o) {
+                    PyErr_SetString(PyExc_ValueError, "Circular reference detected");
+                    raise_already_set();
+                }
+            }
+            if (Py_EnterRecursiveCall(" while encoding a JSON object")) raise_already_set();
+            enc.path_.push_back(o);
+        }
+        ~Marker() {
+            enc.path_.pop_back();
+            Py_LeaveRecursiveCall();
+        }
+        JsonEncoder& enc;
+    };
+
+    // `not container`, through __len__/__bool__ for subclasses as Python does.
+    static bool is_empty(PyObject* o) {
+        const int truth = PyObject_IsTrue(o);
+        if (truth < 0) raise_already_set();
+        return truth == 0;
+    }
+
+    void hand_over_full_chunk() {
+        if (out_.size() >= chunk_) sink_->take(out_);
+    }
+
+    void open_item(bool first, std::size_t level) {
+        if (!first) out_.push_back(',');
+        newline(level);
+    }
+
+    // "\n" and the indentation of `level`, appended from a prepared run of spaces.
+    void newline(std::size_t level) {
+        const std::size_t width = 1 + level * indent_;
+        if (newline_.size() < width) newline_.append(width - newline_.size() + 64, ' ');
+        out_.append(newline_.data(), width);
+    }
+
+    void sequence(PyObject* o, std::size_t level) {
+        if (is_empty(o)) {
+            out_.append("[]");
+            return;
+        }
+        Marker mark(*this, o);
+        out_.push_back('[');
+        if (PyList_CheckExact(o) || PyTuple_CheckExact(o)) {
+            for (Py_ssize_t i = 0; i < list_or_tuple_size(o); ++i) {
+                open_item(i == 0, level + 1);
+                nb::object item = nb::borrow(list_or_tuple_item(o, i));
+                value(item.ptr(), level + 1);
+                hand_over_full_chunk();
+            }
+        } else {
+            nb::object it = nb::steal(PyObject_GetIter(o));
+            if (!it.is_valid()) raise_already_set();
+            bool first = true;
+            while (PyObject* raw = PyIter_Next(it.ptr())) {
+                nb::object item = nb::steal(raw);
+                open_item(first, level + 1);
+                first = false;
+                value(raw, level + 1);
+                hand_over_full_chunk();
+            }
+            if (PyErr_Occurred()) raise_already_set();
+        }
+        newline(level);
+        out_.push_back(']');
+    }
+
+    void member(PyObject* k, PyObject* v, bool first, std::size_t level) {
+        open_item(first, level);
+        key(k);
+        out_.append(": ");
+        value(v, level);
+        hand_over_full_chunk();
+    }
+
+    void mapping(PyObject* o, std::size_t level) {
+        if (is_empty(o)) {
+            out_.append("{}");
+            return;
+        }
+        Marker mark(*this, o);
+        out_.push_back('{');
+        if (PyDict_CheckExact(o)) {
+            Py_ssize_t pos = 0;
+            PyObject *k, *v;
+            bool first = true;
+            while (PyDict_Next(o, &pos, &k, &v)) {
+                nb::object hold_k = nb::borrow(k), hold_v = nb::borrow(v);
+                member(k, v, first, level + 1);
+                first = false;
+            }
+        } else {
+            // A dict subclass is walked through its own items(), as the encoder does.
+            nb::object items = getattr(nb::handle(o), k_items)();
+            nb::object it = nb::steal(PyObject_GetIter(items.ptr()));
+            if (!it.is_valid()) raise_already_set();
+            bool first = true;
+            while (PyObject* raw = PyIter_Next(it.ptr())) {
+                nb::object pair = nb::steal(raw);
+                nb::object k = getitem(pair, 0), v = getitem(pair, 1);
+                member(k.ptr(), v.ptr(), first, level + 1);
+                first = false;
+            }
+            if (PyErr_Occurred()) raise_already_set();
+        }
+        newline(level);
+        out_.push_back('}');
+    }
+
+    std::string& out_;
+    std::size_t indent_;
+    Sink* sink_ = nullptr;
+    std::size_t chunk_ = SIZE_MAX;
+    std::string newline_ = "\n";
+    std::vector<PyObject*> path_;
+};
+
+}  // namespace
+
+void json_dumps(nb::handle obj, int indent, std::string& out) {
+    const std::size_t start = out.size();
+    try {
+        JsonEncoder(out, indent).value(obj.ptr(), 0);
+    } catch (...) {
+        out.resize(start);
+        throw;
+    }
+}
+
+namespace {
+
+// The temporary file of an atomic replacement as the encoder's sink; a failed
+// write raises the OSError open().write() would raise for the target.
+struct AtomicFileSink : JsonEncoder::Sink {
+    AtomicFileSink(codec::AtomicFile& f, nb::handle name) : file(f), filename(name) {}
+    void take(std::string& buffer) override {
+        const int err = file.write(buffer);
+        if (err != 0) raise_os_error(err, filename);
+        buffer.clear();
+    }
+    codec::AtomicFile& file;
+    nb::handle filename;
+};
+
+// Big enough that writes cost little per byte, small enough to stay in cache.
+constexpr std::size_t kJsonChunk = 1 << 20;
+
+}  // namespace
+
+void dump_json_file_atomic(nb::handle obj, int indent, nb::handle path) {
+    const FsPath where = fs_path(path);
+    codec::AtomicFile file;
+    if (const int err = file.open(where.bytes)) raise_os_error(err, where.given);
+    AtomicFileSink sink(file, where.given);
+    std::string buffer;
+    buffer.reserve(kJsonChunk + kJsonChunk / 4);
+    JsonEncoder(buffer, indent, sink, kJsonChunk).value(obj.ptr(), 0);
+    sink.take(buffer);
+    int err = 0;
+    {
+        nb::gil_scoped_release unlocked;
+        err = file.commit();
+    }
+    if (err != 0) raise_os_error(err, where.given);
+}
+
+namespace {
+PyObject* g_standard_json_loads = nullptr;   // kept for the life of the process
+}  // namespace
+
+void remember_standard_json_loads(nb::handle loads) {
+    Py_XDECREF(g_standard_json_loads);
+    g_standard_json_loads = Py_NewRef(loads.ptr());
+}
+
+nb::object load_json_file(nb::handle path) {
+    static const Name k_json{"json"};
+    static const Name k_loads{"loads"};
+    nb::object loads = getattr(global(k_json), k_loads);
+    if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
+    return loads(str(read_text_file(path)));
 }
 
 }  // namespace vex::py
