@@ -101,7 +101,7 @@ nb::object BeamType() {
 
 nb::object enum_member(nb::handle enum_class, nb::handle value) {
     if (Py_TYPE(value.ptr()) == reinterpret_cast<PyTypeObject*>(enum_class.ptr())) return nb::borrow(value);
-    PyObject* member = PyObject_CallOneArg(enum_class.ptr(), value.ptr());
+    PyObject* member = call_one_arg(enum_class.ptr(), value.ptr());
     if (!member) raise_already_set();
     return nb::steal(member);
 }
