@@ -144,32 +144,6 @@ def test_careless_names_and_kit_edits_give_results_and_stay_in_the_files_directo
 
 # ---------------------------------------------------------------- UD delta ---
 
-def migrating_from_the_file_read(peer_class):
-    """The peer with our one deliberate difference in renaming: a kit migrated from a
-    file named after another kit removes the file it was read from, never the file
-    named after that other kit."""
-    class Peer(peer_class):
-        _reading = None
-
-        def _AAKitTableManager__accept(self, path, name, record):
-            self._reading = path
-            try:
-                return peer_class._AAKitTableManager__accept(self, path, name, record)
-            finally:
-                self._reading = None
-
-        def deleteAAKitInfo(self, kitName, callback=None, check=True):
-            named = self._AAKitTableManager__defaultDir / ("AAKIT_" + kitName + ".csv")
-            if self._reading is None or (named.exists() and os.path.samefile(named, self._reading)):
-                return super().deleteAAKitInfo(kitName, callback, check)
-            del self._AAKitTable[kitName]
-            os.unlink(self._reading)
-            return peer_module.RetType()
-
-    peer_module = baseline_module("aakit")
-    return Peer
-
-
 @fuzz_settings(150)
 @given(changes=mutations)
 def test_damaged_delta_file_reads_as_the_python_peer_reads_it(tm, files_dir, changes):
