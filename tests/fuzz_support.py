@@ -54,15 +54,22 @@ def folder_contents(folder):
     return {p.name: p.read_bytes() for p in sorted(folder.iterdir())} if folder.is_dir() else {}
 
 
-def fresh_folder(folder, files):
-    """`folder`, created or emptied, holding `files` ({name: bytes}); each example of a
-    differential test starts both sides from the same files."""
-    folder.mkdir(parents=True, exist_ok=True)
-    for old in folder.iterdir():
-        old.unlink()
-    for name, data in files.items():
-        (folder / name).write_bytes(data)
-    return folder
+def side_by_side(tmp_path, monkeypatch, files, classes, *args, subfolder="", **kwargs):
+    """A (native, peer) pair of managers made from `classes` with the same arguments,
+    each while its own files directory (tmp_path/native, tmp_path/peer) is current,
+    created or emptied and holding `files` ({name: bytes}) in `subfolder`: each
+    example of a differential test starts both sides from the same files."""
+    managers = []
+    for side, make in zip(("native", "peer"), classes):
+        folder = tmp_path / side / subfolder
+        folder.mkdir(parents=True, exist_ok=True)
+        for old in folder.iterdir():
+            old.unlink()
+        for name, data in files.items():
+            (folder / name).write_bytes(data)
+        monkeypatch.setenv("VEXCORE_FILES_DIR", str(tmp_path / side))
+        managers.append(make(*args, **kwargs))
+    return managers
 
 
 def outside_listing(files_dir):

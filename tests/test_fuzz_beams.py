@@ -15,7 +15,6 @@ from fuzz_support import (
     baseline_module,
     beyond_any_device,
     folder_contents,
-    fresh_folder,
     fuzz_settings,
     hang_watchdog,
     mutate,
@@ -23,6 +22,7 @@ from fuzz_support import (
     outcome,
     outside_listing,
     same_json,
+    side_by_side,
     values,
     verdict,
 )
@@ -90,13 +90,10 @@ def file_name(kit):
 
 def pair_of_managers(tm, tmp_path, monkeypatch, files):
     """(native, peer) managers, each over its own files folder holding `files`."""
-    managers = []
-    peer_class = baseline_module("beam").BeamPatternTableManager
-    for side, make in (("native", tm.BeamPatternTableManager), ("peer", peer_class)):
-        fresh_folder(tmp_path / side / "BeamTable", files)
-        monkeypatch.setenv("VEXCORE_FILES_DIR", str(tmp_path / side))
-        managers.append(make(SN, 7, NUM_BEAM, LAYOUT, HOOKS))
-        managers[-1]._updateFreq(28.0, DR, COMDR, ELEDR)
+    classes = tm.BeamPatternTableManager, baseline_module("beam").BeamPatternTableManager
+    managers = side_by_side(tmp_path, monkeypatch, files, classes, SN, 7, NUM_BEAM, LAYOUT, HOOKS, subfolder="BeamTable")
+    for manager in managers:
+        manager._updateFreq(28.0, DR, COMDR, ELEDR)
     return managers
 
 

@@ -13,7 +13,6 @@ from fuzz_support import (
     assert_result,
     baseline_module,
     folder_contents,
-    fresh_folder,
     fuzz_settings,
     hang_watchdog,
     mutate,
@@ -21,6 +20,7 @@ from fuzz_support import (
     outcome,
     outside_listing,
     same_json,
+    side_by_side,
     values,
     verdict,
 )
@@ -77,18 +77,15 @@ def test_damaged_kit_file_reads_as_the_python_peer_reads_it(tm, tmp_path, monkey
     peer_module = baseline_module("aakit")
     monkeypatch.setattr(tm, "datetime", pinned_clock(MOMENT))
     monkeypatch.setattr(peer_module, "datetime", pinned_clock(MOMENT))
-    kits, tables, results = {}, {}, {}
-    peer_class = migrating_from_the_file_read(peer_module.AAKitTableManager)
-    for side, make in (("native", tm.AAKitTableManager), ("peer", peer_class)):
-        files = {name: mutate(data, changes) if name == target else data for name, data in KIT_FILES.items()}
-        monkeypatch.setenv("VEXCORE_FILES_DIR", str(fresh_folder(tmp_path / side, files)))
-        kits[side] = make(LITE, total_ch, support_dev=[LITE])
-        with hang_watchdog():
-            results[side] = verdict(*outcome(kits[side].parse))
-        # A name holding NUL cannot name a file: our delete refuses it, while the
-        # peer drops the entry before its file removal fails.
-        tables[side] = {name: kit for name, kit in kits[side]._AAKitTable.items() if "\0" not in name}
-    assert results["native"] == results["peer"]
+    damaged = mutate(KIT_FILES[target], changes)
+    classes = tm.AAKitTableManager, migrating_from_the_file_read(peer_module.AAKitTableManager)
+    native, peer = side_by_side(tmp_path, monkeypatch, {**KIT_FILES, target: damaged}, classes, LITE, total_ch,
+                                support_dev=[LITE])
+    with hang_watchdog():
+        assert verdict(*outcome(native.parse)) == verdict(*outcome(peer.parse))
+    # A name holding NUL cannot name a file: our delete refuses it, while the
+    # peer drops the entry before its file removal fails.
+    native_table, peer_table = ({name: kit for name, kit in k._AAKitTable.items() if "\0" not in name} for k in (native, peer))
     native_files, peer_files = folder_contents(tmp_path / "native"), folder_contents(tmp_path / "peer")
     # A migrated kit that lacks a field cannot be saved under its new name. The peer
     # deletes the old file first (the kit is lost) and leaves a half-written new one;
@@ -97,17 +94,17 @@ def test_damaged_kit_file_reads_as_the_python_peer_reads_it(tm, tmp_path, monkey
     for name in set(peer_files) - set(native_files):
         assert peer_files.pop(name).count(b"\r\n") < len(kit_rows(OFFICIAL))
     kept_files = set(native_files) - set(peer_files)
-    kept_names = set(tables["native"]) - set(tables["peer"])
+    kept_names = set(native_table) - set(peer_table)
     assert kept_files <= {target} and len(kept_names) == len(kept_files)
     for name in kept_files:
-        assert native_files.pop(name) == mutate(KIT_FILES[target], changes)
-        tables["native"].pop(kept_names.pop())
-    assert same_json(tables["native"], tables["peer"])
+        assert native_files.pop(name) == damaged
+        native_table.pop(kept_names.pop())
+    assert same_json(native_table, peer_table)
     assert native_files == peer_files
     # Whatever was loaded can be listed, described and selected.
-    for name in assert_result(kits["native"].getAAKitList).RetData:
-        assert kits["native"].getAAKitInfo(name).RetData is kits["native"]._AAKitTable[name]
-        assert kits["native"]._selectAAKit(name).RetCode == RetCode.OK
+    for name in assert_result(native.getAAKitList).RetData:
+        assert native.getAAKitInfo(name).RetData is native._AAKitTable[name]
+        assert native._selectAAKit(name).RetCode == RetCode.OK
 
 
 @fuzz_settings(200)
