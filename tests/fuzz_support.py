@@ -94,6 +94,15 @@ def outcome(call, *args, **kwargs):
     return "result", value
 
 
+def result_of(action):
+    """What action() returns, or the type and message of what it raises: where the
+    standard library is the reference, the messages must agree too."""
+    try:
+        return ("ok", action())
+    except Exception as exc:      # noqa: BLE001 - the reference behaviour is captured, whatever it is
+        return ("error", type(exc), str(exc))
+
+
 def verdict(kind, value):
     """What two implementations must agree on: the exception type, or code and message."""
     return (kind, type(value)) if kind == "raised" else (kind, value.RetCode, value.RetMsg)

@@ -7,24 +7,15 @@ import gc
 import io
 import json
 import os
-import re
 import stat
 import subprocess
 import sys
 from enum import IntEnum
 
 import pytest
+from fuzz_support import result_of
 
 from vexcore.qrvdev.QRVTableManager import _codec
-
-
-def outcome(action):
-    """What action() returns, or the type and message of what it raises."""
-    try:
-        return ("ok", action())
-    except Exception as exc:  # the reference behaviour is captured, whatever it is
-        return ("error", type(exc), str(exc))
-
 
 # ------------------------------------------------------------------ CSV --
 
@@ -34,12 +25,12 @@ def test_csv_file_numbers_matches_reader_with_int_and_float(tmp_path):
     with open(path, encoding="utf-8") as f:
         expected = [[row[0], int(row[1]), int(row[2])] + [float(c) for c in row[3:]] for row in csv.reader(f) if row]
     assert repr(_codec.csv_file_numbers(path, [1, 2])) == repr(expected)
-    assert outcome(lambda: _codec.csv_file_numbers(path, [1, 2, 3])) == outcome(lambda: int("3.5"))
+    assert result_of(lambda: _codec.csv_file_numbers(path, [1, 2, 3])) == result_of(lambda: int("3.5"))
 
 
 @pytest.mark.parametrize("item", [b"a,b\n", 5, None])
 def test_csv_non_str_line_raises_csv_error_like_reader(item):
-    assert outcome(lambda: _codec.csv_rows(["ok\n", item])) == outcome(lambda: list(csv.reader(["ok\n", item])))
+    assert result_of(lambda: _codec.csv_rows(["ok\n", item])) == result_of(lambda: list(csv.reader(["ok\n", item])))
 
 
 class Custom:
@@ -55,7 +46,7 @@ def std_text(rows):
 
 @pytest.mark.parametrize("rows", [[[Custom(), 10**30, "\0"]], [("tu", "ple"), "abc", []], [5]], ids=repr)
 def test_csv_text_of_odd_rows_matches_csv_writer(rows):
-    assert outcome(lambda: _codec.csv_text(rows)) == outcome(lambda: std_text(rows))
+    assert result_of(lambda: _codec.csv_text(rows)) == result_of(lambda: std_text(rows))
 
 
 # ----------------------------------------------------------------- JSON --
@@ -83,11 +74,11 @@ LOOPED["a"].append(LOOPED)
     {1: "int", 2.5: "float", False: "f", None: "n", Mode.RX: "enum", float("nan"): 1, 1e16: 3},
     [Mode.TX, MyFloat(2.5), MyDict(x=(2, [3])), 10**40],
     {"a": SHARED, "b": [SHARED, SHARED]},   # shared but not circular
-    {"a": {1, 2}}, {(1, 2): 3}, LOOPED,     # refused
+    {"a": {1, 2}}, {(1, 2): 3}, LOOPED, datetime.datetime(2024, 3, 1), {datetime.date(2024, 3, 1): 1},  # refused
 ], ids=repr)
 def test_json_dumps_matches_json_on_subclasses_keys_and_refusals(value):
-    assert outcome(lambda: _codec.json_dumps(value, 2)) == outcome(lambda: json.dumps(value, ensure_ascii=False,
-                                                                                      indent=2))
+    expected = result_of(lambda: json.dumps(value, ensure_ascii=False, indent=2))
+    assert result_of(lambda: _codec.json_dumps(value, 2)) == expected
 
 
 def test_json_dumps_refuses_lone_surrogates_like_a_utf8_write():
@@ -105,7 +96,7 @@ JSON_TEXTS = [
 
 @pytest.mark.parametrize("text", JSON_TEXTS)
 def test_json_loads_matches_json(text):
-    assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
+    assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
 
 
 def test_json_loads_shares_keys_and_constants_like_json():
@@ -122,7 +113,7 @@ def test_json_loads_leaves_the_collector_as_it_found_it(gc_on, text):
     was = gc.isenabled()
     (gc.enable if gc_on else gc.disable)()
     try:
-        outcome(lambda: _codec.json_loads(text))
+        result_of(lambda: _codec.json_loads(text))
         assert gc.isenabled() == gc_on
     finally:
         (gc.enable if was else gc.disable)()
@@ -187,14 +178,6 @@ def test_write_failure_keeps_old_file_and_leaves_no_temporary(tmp_path, limit, c
     assert [p.name for p in tmp_path.iterdir()] == ["table.csv"]
 
 
-@pytest.mark.parametrize("value", [{1, 2}, datetime.datetime(2024, 3, 1), {datetime.date(2024, 3, 1): 1}, {(1,): 1}])
-def test_json_dumps_refuses_what_json_refuses_with_its_message(value):
-    with pytest.raises(TypeError) as expected:
-        json.dumps(value, ensure_ascii=False, indent=2)
-    with pytest.raises(TypeError, match=re.escape(str(expected.value))):
-        _codec.json_dumps(value, 2)
-
-
 def test_streamed_dump_writes_json_dumps_bytes_or_nothing(tmp_path):
     table = eval(LARGE_TABLE)
     path = tmp_path / "table.json"
@@ -213,7 +196,7 @@ def test_write_file_atomic_read_only_file_is_refused_when_open_refuses_it(tmp_pa
     path = tmp_path / "ro.csv"
     path.write_text("old")
     os.chmod(path, 0o444)
-    expected = outcome(lambda: open(path, "a").close())   # privileged users may write anyway; then so do we
-    assert outcome(lambda: _codec.write_file_atomic(path, "new")) == expected
+    expected = result_of(lambda: open(path, "a").close())   # privileged users may write anyway; then so do we
+    assert result_of(lambda: _codec.write_file_atomic(path, "new")) == expected
     assert path.read_text() == ("new" if expected[0] == "ok" else "old")
     assert stat.S_IMODE(path.stat().st_mode) == 0o444

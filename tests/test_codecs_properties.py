@@ -6,6 +6,7 @@ import math
 import os
 
 import pytest
+from fuzz_support import result_of
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
@@ -18,14 +19,6 @@ MANY = settings(max_examples=1000, deadline=None, suppress_health_check=[HealthC
 csv_alphabet = st.sampled_from([",", '"', "\n", "\r", "\0", " ", "a", "b", "1", "\u00e9", "\U0001f600", "\ud800"])
 csv_texts = st.one_of(st.text(csv_alphabet, max_size=40), st.text(max_size=40))
 surrogate_free = st.characters(blacklist_categories=("Cs",))
-
-
-def outcome(action):
-    """What action() returns, or the type and message of what it raises."""
-    try:
-        return ("ok", action())
-    except Exception as exc:
-        return ("error", type(exc), str(exc))
 
 
 def exact(number):
@@ -46,7 +39,7 @@ def std_rows(lines):
 @example(["a\rb\n"])
 @example(['x"y"z,"q"w\n'])
 def test_csv_reader_on_any_lines(lines):
-    assert outcome(lambda: _codec.csv_rows(lines)) == outcome(lambda: std_rows(lines))
+    assert result_of(lambda: _codec.csv_rows(lines)) == result_of(lambda: std_rows(lines))
 
 
 @MANY
@@ -58,7 +51,7 @@ def test_csv_reader_on_text_and_text_files(text, drop_nul, as_file):
     lines = io.StringIO(text, newline="" if as_file else "\n")
     if drop_nul:
         lines = (line.replace("\0", "") for line in lines)
-    assert outcome(lambda: _codec.csv_rows(source, drop_nul)) == outcome(lambda: std_rows(lines))
+    assert result_of(lambda: _codec.csv_rows(source, drop_nul)) == result_of(lambda: std_rows(lines))
 
 
 @settings(max_examples=300, deadline=None)
@@ -66,8 +59,8 @@ def test_csv_reader_on_text_and_text_files(text, drop_nul, as_file):
 def test_csv_reader_field_limit(text, limit):
     old = csv.field_size_limit(limit)
     try:
-        expected = outcome(lambda: list(csv.reader(io.StringIO(text, newline="\n"))))
-        got = outcome(lambda: _codec.csv_rows(text)[0])
+        expected = result_of(lambda: list(csv.reader(io.StringIO(text, newline="\n"))))
+        got = result_of(lambda: _codec.csv_rows(text)[0])
     finally:
         csv.field_size_limit(old)
     assert got == expected
@@ -118,16 +111,16 @@ number_texts = st.one_of(
 @example("9223372036854775808")
 @example("-9223372036854775809")
 def test_numbers_convert_like_int_and_float(text):
-    expected = outcome(lambda: exact(int(text)))
-    assert outcome(lambda: exact(_codec.int_from_text(text))) == expected
+    expected = result_of(lambda: exact(int(text)))
+    assert result_of(lambda: exact(_codec.int_from_text(text))) == expected
     if expected[0] == "ok" and not -(2**63) <= int(text) < 2**63:
         with pytest.raises(OverflowError):
             _codec.longlong_from_text(text)
     else:
-        assert outcome(lambda: exact(_codec.longlong_from_text(text))) == expected
-    expected = outcome(lambda: exact(float(text)))
-    assert outcome(lambda: exact(_codec.float_from_text(text))) == expected
-    assert outcome(lambda: exact(_codec.double_from_text(text))) == expected
+        assert result_of(lambda: exact(_codec.longlong_from_text(text))) == expected
+    expected = result_of(lambda: exact(float(text)))
+    assert result_of(lambda: exact(_codec.float_from_text(text))) == expected
+    assert result_of(lambda: exact(_codec.double_from_text(text))) == expected
 
 
 # ------------------------------------------------------------------ JSON -----
@@ -162,8 +155,8 @@ def test_json_dumps_deep_nesting_like_json(depth):
     value = "leaf"
     for level in range(depth):
         value = [value] if level % 2 else {"k": value}
-    expected = outcome(lambda: json.dumps(value, ensure_ascii=False, indent=2))
-    assert outcome(lambda: _codec.json_dumps(value, 2))[:2] == expected[:2]    # too deep: RecursionError
+    expected = result_of(lambda: json.dumps(value, ensure_ascii=False, indent=2))
+    assert result_of(lambda: _codec.json_dumps(value, 2))[:2] == expected[:2]    # too deep: RecursionError
 
 
 @MANY
@@ -178,7 +171,7 @@ def test_json_loads_like_json(value):
 @example("[1,]")
 @example('{"a": 1 ,\n }')
 def test_json_loads_hostile_text_like_json(text):
-    assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
+    assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
 
 
 # A comma before a closing bracket: the json of each Python version words this
@@ -190,7 +183,7 @@ def test_json_loads_trailing_comma_like_json(value, indent, data):
     closing = [i for i, c in enumerate(text) if c in "]}"]
     at = data.draw(st.sampled_from(closing)) if closing else len(text)
     text = text[:at] + data.draw(st.sampled_from([",", ", ", ",\n"])) + text[at:]
-    assert outcome(lambda: repr(_codec.json_loads(text))) == outcome(lambda: repr(json.loads(text)))
+    assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
 
 
 # ------------------------------------------------------------------ text -----
@@ -206,7 +199,7 @@ def test_read_text_file_like_open_read(tmp_path_factory, raw):
         with open(path, encoding="utf-8") as f:
             return f.read()
 
-    assert outcome(lambda: _codec.read_text_file(path)) == outcome(std)
+    assert result_of(lambda: _codec.read_text_file(path)) == result_of(std)
 
 
 @settings(max_examples=200, deadline=None)
