@@ -64,13 +64,7 @@ def test_disabled_level_emits_nothing(tm, caplog, service):
     assert records(caplog, "TblDB") == []
 
 
-def test_module_globals_are_looked_up_when_used(tm, restore_module_globals):
-    class OtherResult:
-        def __init__(self, *args, **kwargs):
-            pass
-
-    tm.RetType = OtherResult
-    assert isinstance(tm.fake_ic_check(1, 2, 3), OtherResult)
+def test_a_deleted_module_global_is_a_name_error_when_used(tm, restore_module_globals):
     del tm.RetType
     with pytest.raises(NameError, match="RetType"):
         tm.fake_ic_check(1, 2, 3)
@@ -112,45 +106,31 @@ def stock_result_fields(tm):
     return type(ret), ret.RetCode, ret.RetMsg, ret.RetData
 
 
-def patch_init(monkeypatch, RetType):
-    seen = []
-    original = RetType.__init__
-
-    def counting(self, *args, **kwargs):
-        seen.append(kwargs)
-        original(self, *args, **kwargs)
-    monkeypatch.setattr(RetType, "__init__", counting)
-    return seen, (RetType, RetCode.OK, "", 3)
+STOCK_INIT = RetType.__init__
 
 
-def patch_defaults(monkeypatch, RetType):
-    monkeypatch.setattr(RetType.__init__, "__defaults__", (RetCode.ERROR, "default", None))
-    return None, (RetType, RetCode.ERROR, "default", 3)
+def init_marking_the_message(self, *args, **kwargs):
+    STOCK_INIT(self, *args, **kwargs)
+    self.RetMsg = "init"
 
 
-def patch_slot(monkeypatch, RetType):
-    seen = []
-    monkeypatch.setattr(RetType, "RetData", property(lambda self: "read back", lambda self, v: seen.append(v)))
-    return seen, (RetType, RetCode.OK, "", "read back")
+# A change to how the stock record is built, and the fields of a module result then.
+PATCHES = [
+    (RetType, "__init__", init_marking_the_message, (RetCode.OK, "init", 3)),
+    (RetType.__init__, "__defaults__", (RetCode.ERROR, "default", None), (RetCode.ERROR, "default", 3)),
+    (RetType, "__setattr__", lambda self, key, v: object.__setattr__(self, key, "set" if key == "RetMsg" else v),
+     (RetCode.OK, "set", 3)),
+    (RetType, "RetData", property(lambda self: "read", lambda self, value: setattr(self, "RetMsg", "data %r" % value)),
+     (RetCode.OK, "data 3", "read")),
+]
 
 
-def patch_setattr(monkeypatch, RetType):
-    seen = []
-
-    def setattr_upper(self, name, value):
-        seen.append(name)
-        object.__setattr__(self, name, value.upper() if isinstance(value, str) else value)
-    monkeypatch.setattr(RetType, "__setattr__", setattr_upper)
-    return seen, (RetType, RetCode.OK, "", 3)
-
-
-@pytest.mark.parametrize("patch", [patch_init, patch_defaults, patch_slot, patch_setattr])
-def test_a_patched_stock_record_class_is_called_as_python_would(tm, monkeypatch, patch):
+@pytest.mark.parametrize("target, name, value, fields", PATCHES, ids=[patch[1] for patch in PATCHES])
+def test_a_patched_stock_record_class_is_called_as_python_would(tm, monkeypatch, target, name, value, fields):
     # The stock record is filled in directly only while nothing about its construction changed.
     assert stock_result_fields(tm) == (RetType, RetCode.OK, "", 3)
-    seen, expected = patch(monkeypatch, RetType)
-    assert stock_result_fields(tm) == expected
-    assert seen is None or seen
+    monkeypatch.setattr(target, name, value)
+    assert stock_result_fields(tm) == (RetType, *fields)
     monkeypatch.undo()
     assert stock_result_fields(tm) == (RetType, RetCode.OK, "", 3)
 
@@ -195,7 +175,6 @@ def test_instances_are_plain_collectable_objects(tm, service):
     gc.collect()
     assert ref() is None
     assert tm._QRVTableDB.__module__ == tm.__name__ and issubclass(tm.QRVTableDBError, Exception)
-    assert "dynamic loading DBQueryer" in tm._QRVTableDB.__doc__
 
 
 def test_interrupts_are_not_swallowed(tm, service):
