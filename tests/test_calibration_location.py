@@ -5,11 +5,9 @@ import pathlib
 import pytest
 from calibration_sample import SN, cali_manager
 from conftest import records
-from fake_queryer import FakeService
 
 from vexcore.QRVPublic import RetCode
 
-DUAL_FREQS = [26.5, 27.0, 27.5, 28.0, 28.5, 29.0, 29.5]
 TOO_LOW = "Version of Cali table is too low, please upgrade it."
 
 
@@ -35,28 +33,6 @@ def test_construction_searches_files_only_when_asked_and_the_list_is_refreshed_o
     else:   # the failed search escapes as the AttributeError of reading `e.ret` (only database errors have it)
         with pytest.raises(AttributeError):
             m.getFrequencyList(force_refresh=True)
-
-
-def test_dual_polarization_uses_the_built_in_record_only(tm, files_dir, monkeypatch):
-    FakeService().install(monkeypatch)
-    touch(files_dir, SN + "_28.0GHz.csv")
-    m = cali_manager(tm, support_polar=True, web_client_id="7")
-    assert m._CaliTable is tm.moss_cali
-    for name in ("_CalibrationTableManager__db", "defaultDir", "path_cali"):
-        assert not hasattr(m, name)
-    for refresh in (False, True):
-        assert m.getFrequencyList(refresh).RetData == DUAL_FREQS
-    assert m.queryCaliTableVer().RetData == "3.0.0"
-
-
-def test_web_mode_makes_a_database_adapter_and_finds_its_table_without_asking(tm, files_dir, monkeypatch):
-    service = FakeService().install(monkeypatch)
-    m = cali_manager(tm, freq=27.5, web_client_id="111")
-    db = m._CalibrationTableManager__db
-    assert service.tables == ["calibration"]
-    assert db._QRVTableDB__template == {"sn": SN, "frequency": 27.5}
-    assert m.checkCaliTableLocation().RetData is True
-    assert service.calls == []
 
 
 @pytest.mark.parametrize("layout", [(4, 1), (4, 1, 4, 1), None, "ab", 16])

@@ -5,6 +5,7 @@ import logging
 import pytest
 from calibration_sample import GAINS, MODES, PHASES, SN, make_sample
 from conftest import records
+from fake_queryer import FakeService
 
 from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
 
@@ -105,9 +106,17 @@ def test_temperature_compensation_as_integers_per_board_and_chip(tm, files_dir, 
 
 # ----------------------------------------------------- dual polarization ---
 
-def test_dual_polarization_ranges_per_polarization(tm, files_dir, caplog):
-    dual = tm.CalibrationTableManager("K5120R077-28", 28, lambda: (1, 1, 4), support_polar=True)
+def test_dual_polarization_answers_from_the_built_in_record_only(tm, files_dir, monkeypatch, caplog):
+    FakeService().install(monkeypatch)
+    SAMPLE.write(files_dir)                    # neither this file nor the database is used
+    dual = tm.CalibrationTableManager(SN, 28, lambda: (1, 1, 4), support_polar=True, web_client_id="7")
     cali = tm.moss_cali
+    assert dual._CaliTable is cali
+    for name in ("_CalibrationTableManager__db", "defaultDir", "path_cali"):
+        assert not hasattr(dual, name)
+    for refresh in (False, True):
+        assert dual.getFrequencyList(refresh).RetData == [26.5, 27.0, 27.5, 28.0, 28.5, 29.0, 29.5]
+    assert dual.queryCaliTableVer().RetData == "3.0.0"
     assert dual.getDR().RetData is cali["DR"]
     assert dual.getDR(CellRFMode.RX).RetData == cali["DR"]["RX"]
     assert dual.getDR(RFMode.TX).RetData == cali["DR"]["TX"]

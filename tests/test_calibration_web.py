@@ -39,7 +39,11 @@ def sent(service):
     return [(c.query_cmd, c.payload.get("category"), c.payload.get("query")) for c in service.calls]
 
 
-def test_new_frequency_only_retargets_the_database(m, service, files_dir):
+def test_construction_and_a_new_frequency_only_set_up_the_database(m, service, files_dir):
+    # The adapter is made at once, and the table is taken to be there without asking.
+    assert service.tables == ["calibration"]
+    assert m._CalibrationTableManager__db._QRVTableDB__template == {"sn": SN, "frequency": 28}
+    assert m.checkCaliTableLocation().RetData is True
     make_sample().write(files_dir, freq="27.5")
     ret = m.parse(freq=27.5)
     assert (ret.RetCode, ret.RetData) == (RetCode.OK, None)
