@@ -9,7 +9,6 @@ import gc
 import logging
 import sys
 import types
-from contextlib import contextmanager
 
 import pytest
 from aakit_samples import LITE, OFFICIAL, STAMP, kit_rows, write_rows
@@ -34,26 +33,14 @@ class FormattingHandler(logging.Handler):
         self.format(record)
 
 
-@contextmanager
-def formatting_only_loggers():
-    """Our loggers at DEBUG with one handler that formats and drops each record.
-    Entered inside the test body: pytest attaches its own capturing handlers when
-    each test phase starts, and those keep every record (and its traceback)."""
-    saved = []
-    handler = FormattingHandler()
+def formatting_only_loggers(caplog, monkeypatch):
+    """Our loggers at DEBUG until the test ends, with one handler that formats each
+    record and drops it; nothing reaches pytest's capturing handlers, which would
+    keep every record (and its traceback)."""
     for name in LOGGERS:
-        logger = logging.getLogger(name)
-        saved.append((logger, logger.level, logger.propagate, list(logger.handlers)))
-        logger.setLevel(logging.DEBUG)
-        logger.propagate = False
-        logger.handlers = [handler]
-    try:
-        yield
-    finally:
-        for logger, level, propagate, handlers in saved:
-            logger.setLevel(level)
-            logger.propagate = propagate
-            logger.handlers = handlers
+        caplog.set_level(logging.DEBUG, logger=name)
+        monkeypatch.setattr(logging.getLogger(name), "handlers", [FormattingHandler()])
+        monkeypatch.setattr(logging.getLogger(name), "propagate", False)
 
 
 def counts(watched):
@@ -146,26 +133,26 @@ OPERATIONS = {
     "cali file parse, export and refusals": lambda m: (
         m.cali.parse(), m.cali.parse(None, None, True), m.bad.parse(), m.cut.parse(), m.missing.parse(),
         m.cali.parse(None, iter(["VER,2.1.0\n", "END\n"])), m.cali.parseRawJson(), m.missing.parseRawJson()),
-    "cali queries": lambda m: (
+    "cali queries, dual polarization too": lambda m: (
         m.cali.getDR(), m.cali.getDR(RFMode.RX), m.cali.getDR(7), m.cali.getCOMDR(), m.cali.getELEDR(),
         m.cali._getTC(), m.cali._getBoardCOMDR(1, 2), m.cali._getBoardELEDR(0, 3), m.cali.queryCaliTableVer(),
-        m.missing.queryCaliTableVer(), m.cali.getFrequencyList(True), m.cali.checkCaliTableLocation()),
+        m.missing.queryCaliTableVer(), m.cali.getFrequencyList(True), m.cali.checkCaliTableLocation(),
+        m.polar.getDR(2), m.polar.getDR(0), m.polar.getCOMDR(), m.polar._getTC()),
     "cali web, cache rebuilt, service down": lambda m: (
         m.web.getDR(), m.web.getDR(0), m.web.queryCaliTableVer(), m.web.getFrequencyList(), m.web.parse(28.0),
         m.web.getCOMDR(), m.web.getELEDR(), m.down.getDR(), m.down.getCOMDR(), m.down.queryCaliTableVer(),
         m.down.getFrequencyList()),
-    "cali dual polarization": lambda m: (m.polar.getDR(2), m.polar.getDR(0), m.polar.getCOMDR(), m.polar._getTC()),
-    "kit parse, queries and names": lambda m: (
+    "kit and delta parse, queries and names": lambda m: (
         m.kits.parse(), m.kits.getAAKitList(True), m.kits.getAAKitInfo(KIT), m.kits.getAAKitInfo("none"),
         m.kits.getAAKitInfo(local=True), m.kits._selectAAKit(KIT), m.kits._selectAAKit("none"),
         m.kits.computeAAKitFullName("X"), m.kits._AAKitTableManager__checkAAKitTimeFormat(STAMP),
-        m.kits._AAKitTableManager__checkAAKitTimeFormat("bad")),
+        m.kits._AAKitTableManager__checkAAKitTimeFormat("bad"),
+        m.ud.parse(), m.ud_bad.parse(), m.ud_missing.parse(), m.ud.getUDDeltaFreq()),
     "kit set and save, refusals": lambda m: (
         m.kits.setAAKitInfo(KIT, [5.0, 5.0], [-45.0, 45.0], [0.0, 0.0], [0, 1, 2, 3], [3, 2, 1, 0]),
         m.kits.setAAKitInfo(KIT, [5.0], [-45.0, 45.0], [0.0, 0.0], [0], [0]), m.kits.saveAAKitFile(KIT),
         m.kits.saveAAKitFile("none"), m.kits.deleteAAKitInfo(OFFICIAL), m.kits.deleteAAKitInfo("a/b", check=False),
         m.kits.saveAAKitFile(None, None, False)),
-    "ud parse": lambda m: (m.ud.parse(), m.ud_bad.parse(), m.ud_missing.parse(), m.ud.getUDDeltaFreq()),
     "beam load and get": lambda m: (
         m.beams._load(28.0, ""), m.beams.getBeamPattern(RFMode.TX, 1), m.beams.getBeamPattern(1, 5),
         m.beams.getBeamPattern(0, 99), m.beams.getBeamPattern(9, 1), m.beams.getBeamIdStorage()),
@@ -184,11 +171,11 @@ OPERATIONS = {
 
 
 @pytest.mark.parametrize("name", sorted(OPERATIONS))
-def test_operation_leaks_nothing(managers, name):
+def test_operation_leaks_nothing(managers, caplog, monkeypatch, name):
+    formatting_only_loggers(caplog, monkeypatch)
     operation = OPERATIONS[name]
-    with formatting_only_loggers():
-        assert_no_leak(lambda: operation(managers), CONFIG, STEERING, BAD_CONFIG, BATCH, POISONED, managers.beams,
-                       managers.cali)
+    assert_no_leak(lambda: operation(managers), CONFIG, STEERING, BAD_CONFIG, BATCH, POISONED, managers.beams,
+                   managers.cali)
 
 
 def test_the_probe_sees_one_reference_leaked_per_call():
