@@ -37,11 +37,16 @@ def hang_watchdog(seconds=900):
         faulthandler.cancel_dump_traceback_later()
 
 
-def baseline_module(name):
-    """A pure-Python peer kept with the benchmarks (bench/baseline/<name>.py)."""
+def bench_module(name):
+    """A module kept with the benchmarks (bench/<name>.py)."""
     if str(BENCH) not in sys.path:
         sys.path.insert(0, str(BENCH))
-    return __import__("baseline." + name, fromlist=["*"])
+    return __import__(name, fromlist=["*"])
+
+
+def baseline_module(name):
+    """A pure-Python peer kept with the benchmarks (bench/baseline/<name>.py)."""
+    return bench_module("baseline." + name)
 
 
 def same_json(a, b):
