@@ -1,6 +1,6 @@
 """The module's names: start-up order, enumerations, the dual-polarization record, the
-default hooks, where the sibling utilities find the files directory, and the shipped
-type stubs, which name what the module offers with the signatures help() shows."""
+default hooks, the result record, and the shipped type stubs, which name what the
+module offers with the signatures help() shows."""
 import ast
 import datetime
 import inspect
@@ -12,7 +12,7 @@ import pytest
 import vexcore
 import vexcore.qrvdev.QRVTableManager as tm
 from vexcore.QRVPublic import POLARIZATION, RetCode
-from vexcore.QRVUtils import RetType, _Utils
+from vexcore.QRVUtils import RetType
 
 
 def test_names_bound_in_start_up_order(tm):
@@ -72,14 +72,6 @@ def test_default_hooks_pass_their_values_through(tm):
     assert all(given is passed for given, passed in zip(args[1:], ret.RetData))
     ret = tm.fake_ic_check(0, 0, args[1])
     assert ret.RetCode is RetCode.OK and ret.RetData is args[1]
-
-
-def test_files_directory_is_configured_or_beside_the_working_directory(monkeypatch, tmp_path):
-    monkeypatch.setenv("VEXCORE_FILES_DIR", str(tmp_path))
-    assert _Utils._get_files_dir() == str(tmp_path)
-    monkeypatch.delenv("VEXCORE_FILES_DIR")
-    monkeypatch.chdir(tmp_path)
-    assert _Utils._get_files_dir() == str(tmp_path / "files")
 
 
 ERR = RetCode.ERROR
