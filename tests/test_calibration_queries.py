@@ -11,7 +11,6 @@ from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
 
 BOARDS = range(1, 5)
 SAMPLE = make_sample()
-DR = SAMPLE.expected["DR"]
 
 
 @pytest.fixture
@@ -39,9 +38,6 @@ def offsets(mode, b):
 
 # A query of the parsed sample and its answer, or the exception it lets out.
 @pytest.mark.parametrize("query, expected", [
-    (lambda m: result(m.getDR()), (RetCode.OK, "", DR)),
-    (lambda m: result(m.getDR(RFMode.TX)), (RetCode.OK, "", DR["TX"])),
-    (lambda m: result(m.getDR(1)), (RetCode.OK, "", DR["RX"])),
     (lambda m: result(m.getDR(5)), (RetCode.ERROR, "getDR exception", None)),
     (lambda m: m._getBoardsOffset(2), [offsets("TX", 2)]),         # transmit offsets of the first chip by default
     (lambda m: m._getBoardsOffset((4, 2), "RX", 1), [offsets("RX", 4), offsets("RX", 2)]),
@@ -88,20 +84,6 @@ def test_missing_entries_reach_the_caller_and_nothing_is_cached(m, call):
     with pytest.raises(KeyError):
         getattr(m, call)()
     assert m._CalibrationTableManager__allXXXDR is None
-
-
-# -------------------------------------------------------------------- TC ---
-
-@pytest.mark.parametrize("layout", [(4, 1, 4), (1, 2, 4)])
-def test_temperature_compensation_as_integers_per_board_and_chip(tm, files_dir, layout):
-    # The loop runs over boards x chips entries, each read as a board of its own.
-    entries = layout[0] * layout[1]
-    sample = make_sample(boards=entries, ics=1)
-    sample.write(files_dir)
-    m = tm.CalibrationTableManager(SN, 28, lambda: layout)
-    m.parse()
-    assert m._getTC() == [[int(v) for mode in MODES for v in board(sample, b)[mode]["TC"]]
-                          for b in range(1, entries + 1)]
 
 
 # ----------------------------------------------------- dual polarization ---
