@@ -210,17 +210,15 @@ def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, bad
     assert caplog.records[-1].levelname == "ERROR" and caplog.records[-1].exc_info is not None
 
 
-def test_a_file_without_end_is_broken_though_every_row_was_stored(tm, files_dir, sample, caplog):
-    m, ret = parse_rows(tm, files_dir, sample, sample.rows[:-1])
-    assert ret == (RetCode.ERROR_BF_CALI_PARSE, "cali file is broken") and m._CaliTable == sample.expected
-    assert records(caplog, "CaliTbl")[-1] == ("ERROR", "cali file is broken")
-
-
-def test_rows_after_end_are_never_read(tm, files_dir, sample):
+def test_end_closes_the_table(tm, files_dir, sample, caplog):
+    # Rows after END are never read; a file without END is broken though every row was stored.
     rows = sample.rows + [["VER", "9.9.9"], ["DR", "x"], ["OFFSET_TX", "bad"]]
     (files_dir / (SN + "_28.0GHz.csv")).write_text(sample.text(rows) + '"unclosed quote,\n')
     m = cali_manager(tm)
     assert outcome(m.parse()) == OK and m._CaliTable == sample.expected
+    m, ret = parse_rows(tm, files_dir, sample, sample.rows[:-1])
+    assert ret == (RetCode.ERROR_BF_CALI_PARSE, "cali file is broken") and m._CaliTable == sample.expected
+    assert records(caplog, "CaliTbl")[-1] == ("ERROR", "cali file is broken")
 
 
 # ------------------------------------------------------------ header check --
