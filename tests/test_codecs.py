@@ -12,7 +12,6 @@ import os
 import stat
 import subprocess
 import sys
-from enum import IntEnum
 
 import pytest
 from fuzz_support import result_of
@@ -20,6 +19,7 @@ from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
 from vexcore.qrvdev.QRVTableManager import _codec
+from vexcore.QRVPublic import RFMode
 
 MANY = settings(max_examples=1000, deadline=None, suppress_health_check=[HealthCheck.too_slow])
 
@@ -223,11 +223,6 @@ def test_json_loads_trailing_comma_like_json(value, indent, data):
     assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
 
 
-class Mode(IntEnum):
-    TX = 0
-    RX = 1
-
-
 class MyFloat(float):
     def __repr__(self):
         return "not used"
@@ -243,8 +238,8 @@ LOOPED["a"].append(LOOPED)
 
 
 @pytest.mark.parametrize("value", [
-    {1: "int", 2.5: "float", False: "f", None: "n", Mode.RX: "enum", float("nan"): 1, 1e16: 3},
-    [Mode.TX, MyFloat(2.5), MyDict(x=(2, [3])), 10**40],
+    {1: "int", 2.5: "float", False: "f", None: "n", RFMode.RX: "enum", float("nan"): 1, 1e16: 3},
+    [RFMode.TX, MyFloat(2.5), MyDict(x=(2, [3])), 10**40],
     {"a": SHARED, "b": [SHARED, SHARED]},   # shared but not circular
     {"a": {1, 2}}, {(1, 2): 3}, LOOPED, datetime.datetime(2024, 3, 1), {datetime.date(2024, 3, 1): 1},  # refused
 ], ids=repr)
@@ -338,6 +333,7 @@ LARGE_TABLE = "{str(b): {'ch_%d' % c: {'db': c / 8, 'deg': -c * 1.40625, 'name':
 
 FAILING_WRITE = """
 import resource, signal, sys
+from vexcore.QRVPublic import RFMode
 from vexcore.qrvdev.QRVTableManager import _codec
 signal.signal(signal.SIGXFSZ, signal.SIG_IGN)   # a too-large write then fails with EFBIG
 resource.setrlimit(resource.RLIMIT_FSIZE, (%d, %d))
