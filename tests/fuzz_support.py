@@ -56,7 +56,8 @@ def same_json(a, b):
 
 
 def folder_contents(folder):
-    return {p.name: p.read_bytes() for p in sorted(folder.iterdir())} if folder.is_dir() else {}
+    """{path relative to the folder: bytes} of every file below it (none for a missing folder)."""
+    return {str(p.relative_to(folder)): p.read_bytes() for p in sorted(folder.rglob("*")) if p.is_file()}
 
 
 def side_by_side(tmp_path, monkeypatch, files, classes, *args, subfolder="", **kwargs):

@@ -8,6 +8,7 @@ import sys
 from pathlib import Path
 
 import pytest
+from fuzz_support import folder_contents
 
 BENCH = Path(__file__).resolve().parent.parent / "bench"
 sys.path.insert(0, str(BENCH))
@@ -19,14 +20,10 @@ from harness import MODULE, PYTHON, STDLIB, Operation, Side  # noqa: E402
 from operations import CATALOGUE, Workspace  # noqa: E402
 
 
-def all_bytes(folder):
-    return {p.relative_to(folder): p.read_bytes() for p in sorted(folder.rglob("*")) if p.is_file()}
-
-
 def test_generated_data_is_reproducible_and_its_manifest_names_the_right_beams(tmp_path):
     manifest = gen_data.generate(tmp_path / "one", "small")
     gen_data.generate(tmp_path / "again", "small")
-    assert all_bytes(tmp_path / "again") == all_bytes(tmp_path / "one")
+    assert folder_contents(tmp_path / "again") == folder_contents(tmp_path / "one")
     # The operations time these beams: a wrong id would time other work under the same name.
     tx = json.loads((tmp_path / "one" / manifest["beam_file"]).read_text(encoding="utf-8"))["TX"]
     assert str(manifest["unset_beam_id"]) not in tx
