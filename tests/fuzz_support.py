@@ -1,5 +1,6 @@
-"""Shared pieces of the fuzz tests: example counts, file mutations, hostile argument
-values, a hang watchdog and the checks every public call must pass.
+"""Shared pieces of the fuzz and differential tests: example counts, file mutations,
+hostile argument values, a hang watchdog, the checks every public call must pass, and
+the modules and peers kept with the benchmarks.
 
 Run long with VEXCORE_FUZZ_EXAMPLES=<n>: every fuzz test then draws n examples
 instead of its modest default (`make test` must stay fast).

@@ -21,11 +21,7 @@ def m(tm, files_dir):
     return manager
 
 
-def board(sample, b):
-    return sample.expected["BOARD_%d" % b]
-
-
-# ------------------------------------------------------------------- DR ---
+# ------------------------------------------------------ answers and refusals ---
 
 def result(ret):
     return ret.RetCode, ret.RetMsg, ret.RetData
@@ -67,7 +63,7 @@ def test_query_answers_or_lets_out_its_error(m, query, expected):
 def test_board_ranges_per_mode_and_board_are_read_once(m, caplog, kind):
     caplog.set_level(logging.DEBUG, logger="CaliTbl")
     ret = getattr(m, "get" + kind)()
-    expected = [[board(SAMPLE, b)[mode][kind] for b in BOARDS] for mode in MODES]
+    expected = [[SAMPLE.expected["BOARD_%d" % b][mode][kind] for b in BOARDS] for mode in MODES]
     assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected)
     m._CaliTable.clear()                       # the cache alone answers now
     assert getattr(m, "get" + kind)().RetData is ret.RetData
