@@ -1,5 +1,5 @@
-"""Calibration manager: dynamic ranges, temperature compensation, board offsets
-and common-arm queries, in file mode and for dual-polarization devices."""
+"""Calibration manager: dynamic ranges, board offsets and common-arm queries, in file
+mode, for dual-polarization devices and in web mode against a scripted query service."""
 import logging
 
 import pytest
@@ -157,3 +157,86 @@ def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gai
         assert m._getComData("TX", 2, 1, [3], [gain], [270], [3]) == {
             "COM_3": [stored_values(2, 1, 3, "TX", -2, 270)[2]]}
     assert list(m._CalibrationTableManager__allComDataMap) == ["BOARD_2"]
+
+
+# ------------------------------------------------------------- web mode ---
+
+SERVER_DOWN = "server unreachable"
+REFUSED = {"code": 7, "message": "no calibration for this device"}
+DB_ERRORS = [(SERVER_DOWN, RetCode.ERROR_DB_SERVER, "DB server connection error"),
+             (REFUSED, RetCode.ERROR_DB_FEEDBACK, "no calibration for this device")]
+
+
+@pytest.fixture
+def service(monkeypatch):
+    service = FakeService().install(monkeypatch)
+    for b in BOARDS:
+        board = SAMPLE.expected["BOARD_%d" % b]
+        for mode in ("TX", "RX"):
+            for kind in ("COMDR", "ELEDR"):
+                service.data[("BOARD_%d" % b, "%s.%s" % (mode, kind))] = board[mode][kind]
+            service.data[("BOARD_%d" % b, mode + ".COMSTEPDR")] = board["COMSTEPDR"]
+        service.data[("BOARD_%d" % b, "DATA_CHIP_1")] = board["DATA_CHIP_1"]
+    service.data[("GENERAL", "DR.RX")] = SAMPLE.expected["DR"]["RX"]
+    service.data[("GENERAL", "VER")] = "2.1.0"
+    service.data["getFreqList"] = {"Freq": [27.5, 28.0]}
+    return service
+
+
+@pytest.fixture
+def web(tm, files_dir, service):
+    return tm.CalibrationTableManager(SN, 28, tm.fake_rf_layout, web_client_id="111")
+
+
+def sent(service):
+    return [(c.query_cmd, c.payload.get("category"), c.payload.get("query")) for c in service.calls]
+
+
+def test_construction_and_a_new_frequency_only_set_up_the_database(web, service, files_dir):
+    # The adapter is made at once, and the table is taken to be there without asking.
+    assert service.tables == ["calibration"]
+    assert web._CalibrationTableManager__db._QRVTableDB__template == {"sn": SN, "frequency": 28}
+    assert web.checkCaliTableLocation().RetData is True
+    make_sample().write(files_dir, freq="27.5")
+    ret = web.parse(freq=27.5)
+    assert (ret.RetCode, ret.RetData) == (RetCode.OK, None)
+    assert web._CaliTable == {} and service.calls == []
+    web.queryCaliTableVer()
+    assert service.calls[0].payload["frequency"] == 27.5
+
+
+def test_queries_ask_the_database_one_category_at_a_time_and_arm_data_once_per_board(web, service):
+    # The answers themselves are compared with file mode against the real service elsewhere.
+    assert web.getFrequencyList().RetData == [27.5, 28.0] == web._freq_list
+    for query in (web.queryCaliTableVer, lambda: web.getDR(RFMode.RX), web.getELEDR):
+        assert query().RetCode == RetCode.OK
+    assert sent(service) == [("getFreqList", None, None), (None, "GENERAL", ["VER"]), (None, "GENERAL", ["DR.RX"])] + [
+        (None, "BOARD_%d" % b, ["%s.COMDR" % mode, "%s.ELEDR" % mode, "%s.COMSTEPDR" % mode])
+        for mode in ("TX", "RX") for b in BOARDS]
+    # Common arm data is asked once per board.
+    data = web._getComData("TX", 2, 1, [4], [2], [180], [3])
+    assert data == {"COM_3": [SAMPLE.expected["BOARD_2"]["DATA_CHIP_1"]["COM_3"]["TX_2_180"][3]]}
+    web._getComData("TX", 2, 1, [1], [0], [0], [1])            # served from the cache
+    assert [q for q in sent(service) if q[2] == ["DATA_CHIP_1"]] == [(None, "BOARD_2", ["DATA_CHIP_1"])]
+
+
+@pytest.mark.parametrize("reply, code, message", DB_ERRORS)
+@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR", "queryCaliTableVer", "getFrequencyList", "_getTC"])
+def test_database_failures_become_the_result(tm, web, service, caplog, call, reply, code, message):
+    service.replies.append(reply)
+    if call == "_getTC":                        # internal queries let the database error reach their caller
+        with pytest.raises(tm.QRVTableDBError) as caught:
+            web._getTC()
+        ret = caught.value.ret
+    else:
+        ret = getattr(web, call)()
+        assert records(caplog, "CaliTbl") == [("ERROR", "Exception: %r" % ret)]
+    assert (ret.RetCode, ret.RetMsg) == (code, message)
+
+
+def test_parse_with_a_failing_database(web, service, caplog):
+    # setFreq sends nothing, so only a missing adapter can fail a retarget.
+    del web._CalibrationTableManager__db
+    ret = web.parse(freq=27.5)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_PARSE, "parse exception")
+    assert caplog.records[-1].exc_info[0] is AttributeError
