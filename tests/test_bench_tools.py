@@ -172,6 +172,7 @@ def test_quick_run_reports_every_operation_on_every_side_with_the_same_result(tm
     assert report["machine"]["nproc"] >= 1 and report["machine"]["cpu_model"] and report["machine"]["python"]
     assert out.with_suffix(".md").read_text(encoding="utf-8").count("\n| ") >= len(CATALOGUE)
     assert "calibration parse" in done.stdout
+    assert report["codecs"]["status"] == "ok", report["codecs"]       # each codec gave the standard result
 
 
 def test_micro_benchmark_times_every_call_on_both_sides_with_the_same_result(tmp_path):
