@@ -39,11 +39,14 @@ nb::object percent(const char* fmt, nb::handle arg) {
     return nb::steal(s);
 }
 
-Py_ssize_t as_index(nb::handle value) {
-    PyObject* index = PyNumber_Index(value.ptr());
-    if (!index) raise_already_set();
-    Py_ssize_t n = PyLong_AsSsize_t(index);
-    Py_DECREF(index);
+Py_ssize_t range_bound(nb::handle value) {
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), nullptr);   // clamps, raises only for a non-integer
+    if (n == -1 && PyErr_Occurred()) raise_already_set();
+    return n;
+}
+
+Py_ssize_t list_position(nb::handle value) {
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_IndexError);
     if (n == -1 && PyErr_Occurred()) raise_already_set();
     return n;
 }

@@ -148,7 +148,7 @@ void add_file_ranges(const RangeLists& lists, nb::handle board_table, nb::handle
 nb::dict build_range_cache(nb::handle self) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
-    Py_ssize_t boards = as_index(getattr(self, a_num_board));
+    Py_ssize_t boards = range_bound(getattr(self, a_num_board));
     nb::object modes = RFMode();
     nb::dict cache = empty_range_cache(dual, py_len(modes));
     nb::object table = table_of(self);
@@ -257,7 +257,11 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
 // Per board (counted over every chip of the layout): the TX pair then the RX pair
 // as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
-    Py_ssize_t entries = as_index(getattr(self, a_num_board)) * as_index(getattr(self, a_num_ic_per_board));
+    // The entry count is multiplied as Python multiplies it (any size, any number
+    // type), then taken as range() takes it.
+    PyObject* product = PyNumber_Multiply(getattr(self, a_num_board).ptr(), getattr(self, a_num_ic_per_board).ptr());
+    if (!product) raise_already_set();
+    Py_ssize_t entries = range_bound(nb::steal(product));
     nb::object table = table_of(self);
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
@@ -285,7 +289,7 @@ nb::object stored_offsets(nb::handle self, nb::handle mode_name, nb::handle boar
 }
 
 nb::list channel_offsets(nb::handle self, nb::handle by_channel) {
-    Py_ssize_t channels = as_index(getattr(self, a_num_channel_per_ic));
+    Py_ssize_t channels = range_bound(getattr(self, a_num_channel_per_ic));
     nb::list offsets;
     for (Py_ssize_t ch = 1; ch <= channels; ++ch) {
         PyObject* key = PyUnicode_FromFormat("CHANNEL_%zd", ch);
@@ -374,7 +378,7 @@ namespace {
 
 // A board number from 1; 0 or less would silently pick boards from the end.
 Py_ssize_t board_position(nb::handle board) {
-    Py_ssize_t number = as_index(board);
+    Py_ssize_t number = list_position(board);
     if (number < 1) raise(PyExc_IndexError, "board numbers start at 1");
     return number - 1;
 }
@@ -423,7 +427,7 @@ nb::object data_entry_key(nb::handle mode, nb::handle gain, nb::handle phase) {
 }
 
 Py_ssize_t channel_position(nb::handle channel) {
-    Py_ssize_t number = as_index(channel);
+    Py_ssize_t number = list_position(channel);
     if (number < 1) raise(PyExc_IndexError, "channel numbers start at 1");
     return number - 1;
 }
