@@ -43,6 +43,13 @@ private:
     mutable PyObject* obj_ = nullptr;
 };
 
+// Names every part reads: the fields of enumeration members and of RetType records.
+inline const Name k_name{"name"};
+inline const Name k_value{"value"};
+inline const Name k_RetCode{"RetCode"};
+inline const Name k_RetMsg{"RetMsg"};
+inline const Name k_RetData{"RetData"};
+
 // "_" + class_name + "__" + member: the name Python gives a private member.
 std::string mangle(const char* class_name, const char* member);
 

@@ -51,6 +51,12 @@ Py_ssize_t list_position(nb::handle value) {
     return n;
 }
 
+Py_ssize_t py_len(nb::handle value) {
+    Py_ssize_t n = PyObject_Length(value.ptr());
+    if (n < 0) raise_already_set();
+    return n;
+}
+
 std::array<nb::object, 3> unpack_three(nb::handle value) {
     PyObject* iterator = PyObject_GetIter(value.ptr());
     if (!iterator) {
@@ -85,8 +91,8 @@ std::array<nb::object, 3> unpack_three(nb::handle value) {
 }
 
 long csv_field_size_limit() {
-    static const Name k_csv{"csv"}, k_field_size_limit{"field_size_limit"};
-    nb::object limit = getattr(global(k_csv), k_field_size_limit)();
+    static const Name g_csv{"csv"}, k_field_size_limit{"field_size_limit"};
+    nb::object limit = getattr(global(g_csv), k_field_size_limit)();
     const long value = PyLong_AsLong(limit.ptr());
     if (value == -1 && PyErr_Occurred()) raise_already_set();
     return value;

@@ -13,10 +13,6 @@
 
 namespace vex::py {
 
-// Names read from enumeration members and records by several managers.
-inline const Name k_name{"name"};
-inline const Name k_value{"value"};
-
 // The logger an instance keeps under `logger_attr` (its mangled private name).
 Log logger_of(nb::handle self, const Name& logger_attr);
 
@@ -46,6 +42,9 @@ Py_ssize_t range_bound(nb::handle value);
 // value beyond the C range raises IndexError "cannot fit 'int' into an
 // index-sized integer", as some_list[value] does.
 Py_ssize_t list_position(nb::handle value);
+
+// len(value)
+Py_ssize_t py_len(nb::handle value);
 
 // a, b, c = value: exactly three values, with Python's unpacking errors.
 std::array<nb::object, 3> unpack_three(nb::handle value);

@@ -13,8 +13,6 @@ namespace vex::tables::beams {
 using namespace vex::py;
 
 namespace {
-const Name k_RetData{"RetData"};
-const Name k_RetMsg{"RetMsg"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_BTField{"BTField"};
@@ -132,8 +130,8 @@ void for_each_item(nb::handle mapping, F&& visit) {
         }
         return;
     }
-    static const Name items{"items"};
-    nb::object view = getattr(mapping, items)();
+    static const Name k_items{"items"};
+    nb::object view = getattr(mapping, k_items)();
     for (nb::handle pair : view) {
         nb::object key = getitem(pair, Py_ssize_t(0));
         nb::object value = getitem(pair, Py_ssize_t(1));
@@ -512,13 +510,13 @@ void define_beam_pattern_table_manager(nb::module_& m) {
     cls.def("getBeamIdStorage", &get_beam_id_storage);
     cls.def("getBeamPattern", &get_beam_pattern, arg("mode"), arg("beamId"));
     // The function itself (as stored in the class), kept for good.
-    static const Name k_class_dict{"__dict__"};
+    static const Name k_class_dict{"__dict__"}, g_BTModeFilter{"BTModeFilter"};
     g_own_get_beam_pattern = getitem(getattr(cls.type(), k_class_dict), m_getBeamPattern).release().ptr();
     cls.def("setBeamPattern", &set_beam_pattern, arg("mode"), arg("beamId"), arg("beamType"),
             arg("config") = nb::none(), arg("description") = nb::none(), arg("save") = true);
     cls.def_private("validateChannelConfig", &validate_channel_config, arg("config"), arg("mode"));
     cls.def("_getBatchBeamPattern", &get_batch_beam_pattern,
-            arg("mode_filter") = global(Name("BTModeFilter")).attr("ALL"), arg("callback") = nb::none());
+            arg("mode_filter") = global(g_BTModeFilter).attr("ALL"), arg("callback") = nb::none());
     cls.def("_setBatchBeamPattern", &set_batch_beam_pattern, arg("batch_config"), arg("option"),
             arg("callback") = nb::none());
     cls.finish();

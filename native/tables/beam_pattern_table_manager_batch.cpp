@@ -17,11 +17,10 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_BTModeFilter{"BTModeFilter"};
-const Name k_BTSetOption{"BTSetOption"};
+const Name g_BTModeFilter{"BTModeFilter"};
+const Name g_BTSetOption{"BTSetOption"};
 const Name k_members{"__members__"};
 const Name k_items{"items"};
-const Name k_RetData{"RetData"};
 
 // Flag bits of BTModeFilter and BTSetOption.
 constexpr long kTX = 1, kRX = 2;
@@ -45,7 +44,7 @@ nb::object not_ready(const Log& log) {
 
 nb::object read_batch(nb::handle self, const Log& log, nb::handle mode_filter, nb::handle callback) {
     log.info("getBatchBeamPattern with filter: %s", mode_filter);
-    long bits = flag_bits(k_BTModeFilter, mode_filter);
+    long bits = flag_bits(g_BTModeFilter, mode_filter);
     if (!callback.is_none()) {
         // Web mode: the table comes fresh from the host through _load.
         log.info(str("calling _load()"));
@@ -155,7 +154,7 @@ nb::object write_batch(nb::handle self, const Log& log, nb::handle batch, nb::ha
     log.info(str("setBatchBeamPattern with option: %s"), option);
     if (!is_mapping(batch))
         raise(PyExc_TypeError, std::string("batch_config must be a mapping, not ") + type_name_of(batch.ptr()));
-    long bits = flag_bits(k_BTSetOption, option);
+    long bits = flag_bits(g_BTSetOption, option);
     nb::object data;
     if (bits & kSave) {
         nb::object table = getattr(self, a_table);

@@ -189,10 +189,9 @@ nb::object file_error(const Log& log, nb::handle message) {
 // gain capped at the board's COMDR + ELEDR. Ends the load with the error result
 // of a list that does not fit the layout.
 EarlyResult convert_channel_list(nb::handle self, const Log& log, const Mode& mode, nb::handle beam_id,
-                                nb::handle channels, nb::handle entry) {
+                                 nb::handle channels, nb::handle entry) {
     Layout layout = read_layout(self);
-    Py_ssize_t count = PyObject_Length(channels.ptr());
-    if (count < 0) raise_already_set();
+    Py_ssize_t count = py_len(channels);
     if (count != layout.total_channels) {
         nb::object message = nb::steal(PyUnicode_FromFormat(
             "%S BeamID:%S: count of channel_config(%zd) not match with channel count(%S)", mode.name.ptr(),
@@ -237,7 +236,7 @@ EarlyResult convert_channel_list(nb::handle self, const Log& log, const Mode& mo
 // One old beam into the new shape, or the error result that ends the load. Beams
 // without a type are left out.
 EarlyResult convert_old_beam(nb::handle self, const Log& log, const Mode& mode, nb::handle section,
-                            nb::handle old) {
+                             nb::handle old) {
     nb::object beam_id = getitem(old, k_beamId);
     nb::object type = dict_get(old, k_beam_type);
     if (!type.is_valid() || type.is_none()) return EarlyResult::go_on();

@@ -20,13 +20,13 @@ namespace {
 const Name k_DR{"DR"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_COMSTEPDR{"COMSTEPDR"}, k_TC{"TC"};
 
 nb::object cell_rf_mode() {
-    static const Name n{"CellRFMode"};
-    return global(n);
+    static const Name g_CellRFMode{"CellRFMode"};
+    return global(g_CellRFMode);
 }
 
 nb::object polarizations() {
-    static const Name n{"POL"};
-    return global(n);
+    static const Name g_POL{"POL"};
+    return global(g_POL);
 }
 
 nb::object table_of(nb::handle self) { return getattr(self, a_CaliTable); }
@@ -62,7 +62,7 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && truthy(getattr(self, a_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
-    if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
+    if (dual && compare(mode, cell_rf_mode().attr("STANDBY"), Py_EQ)) {
         logger_of(self, a_logger).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
@@ -259,7 +259,8 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
 nb::list get_tc(nb::handle self) {
     // The entry count is multiplied as Python multiplies it (any size, any number
     // type), then taken as range() takes it.
-    PyObject* product = PyNumber_Multiply(getattr(self, a_num_board).ptr(), getattr(self, a_num_ic_per_board).ptr());
+    PyObject* product =
+        PyNumber_Multiply(getattr(self, a_num_board).ptr(), getattr(self, a_num_ic_per_board).ptr());
     if (!product) raise_already_set();
     Py_ssize_t entries = range_bound(nb::steal(product));
     nb::object table = table_of(self);
@@ -369,7 +370,7 @@ nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handl
     for (nb::handle key : com_dict) {
         nb::object range = getitem(com_dict, key);
         nb::object low = getitem(range, 0), high = getitem(range, 1);
-        if (!py_lt(min, low) && !py_lt(high, max)) arms.append(arm_number(key));
+        if (!compare(min, low, Py_LT) && !compare(high, max, Py_LT)) arms.append(arm_number(key));
     }
     return arms;
 }
