@@ -148,11 +148,21 @@ nb::object error_result(const char* message) { return ret_error("ERROR_BF_BEAM",
 namespace {
 
 // The "db" of channel_1 ... channel_<n> of one board, in channel order. The list
-// grows as the channels are found (not sized from the layout up front), so a huge
-// or negative channel count behaves as the loop over range() does.
+// of a real layout is sized once; one of a huge channel count grows as channels
+// are found, so it fails at the first one missing as the loop over range() does,
+// and a negative count gives an empty list.
 nb::list board_gains(nb::handle board, Py_ssize_t channels) {
-    nb::list gains;
-    for (Py_ssize_t c = 0; c < channels; ++c) gains.append(getitem(getitem(board, channel_key(c + 1)), k_db));
+    constexpr Py_ssize_t kLargestPresized = 1 << 16;
+    if (channels > kLargestPresized) {
+        nb::list gains;
+        for (Py_ssize_t c = 0; c < channels; ++c) gains.append(getitem(getitem(board, channel_key(c + 1)), k_db));
+        return gains;
+    }
+    nb::list gains = nb::steal<nb::list>(PyList_New(channels > 0 ? channels : 0));
+    for (Py_ssize_t c = 0; c < channels; ++c) {
+        nb::object channel = getitem(board, channel_key(c + 1));
+        list_fill(gains.ptr(), c, getitem(channel, k_db).release().ptr());
+    }
     return gains;
 }
 
