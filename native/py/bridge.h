@@ -119,7 +119,10 @@ bool ret_failed(nb::handle result, nb::handle ok);
 // operation must return now (a refusal, a failure). This is the one way native
 // code says "return this result now"; the caller reads
 //     if (EarlyResult refused = step(...)) return refused.result();
-//     nb::object beam = refused.value();   // when the step gives a value
+// or, for a step that also gives a value to go on with,
+//     EarlyResult steered = step(...);
+//     if (steered) return steered.result();
+//     beam = steered.value();
 class EarlyResult {
 public:
     static EarlyResult go_on(nb::object value = nb::object()) { return EarlyResult(std::move(value), false); }
