@@ -146,6 +146,8 @@ def test_saving_a_steered_beam(client, change, status, text, saved):
         assert other("saveToBeamTableFile").RetMsg == ""
     page = post(client, url, data)
     assert page.status_code == status and text in page.text
+    if status == 422:                           # a refused form shows what was typed, to be corrected
+        assert all(re.search(r'name="%s"[^>]* value="%s"' % (k, data[k]), page.text) for k in ("db", "theta", "phi"))
     expected = saved or {"db": 3.0, "theta": 30, "phi": 0}
     assert stored_beam(SN, KIT, "TX", 1)["beam_config"] == expected
     shown = re.search(r'name="theta"[^>]* value="([^"]*)"', client.get(url).text).group(1)
@@ -181,6 +183,7 @@ def test_saving_one_page_of_a_channel_beam_keeps_the_rest(client):
     refused = post(client, url, form)
     assert refused.status_code == 422 and "BeamID_7: Checking channel config failed: Checking board_3" in refused.text
     assert "exceed the element limit ELEDR" in refused.text and stored_beam(SN, KIT, "RX", 7) is None
+    assert 'name="b3.c2.db" size="4" value="9.5"' in refused.text
     form["b3.c2.db"] = "1.0"
     assert post(client, url, form).status_code == 303
     board = stored_beam(SN, KIT, "RX", 7)["channel_config"]["board_3"]
