@@ -55,6 +55,8 @@ def test_single_queries_answer_one_entry_per_key(queryer, request_, data):
     (payload(["VER"], sn=7), None, service.UNKNOWN_SN, "7"),
     (payload(["TX.TC"], "BOARD_1"), None, service.UNKNOWN_KEY, "SN-A at 28.0 GHz: unknown key TX.TC"),
     ({"sn": "SN-Z"}, "getFreqList", service.UNKNOWN_SN, "SN-Z"),
+    ({"query-0": payload(["VER"]), "query-1": payload(["X"], "BOARD_9")}, "getMultiData", service.UNKNOWN_CATEGORY,
+     "BOARD_9"),                                                  # one refused part refuses the whole
     ({}, "getNothingList", service.BAD_REQUEST, "Nothing"),
 ])
 def test_refused_queries_carry_code_and_message(queryer, request_, command, code, words):
@@ -88,15 +90,6 @@ def test_threads_share_a_few_kept_connections_and_one_schema_check(queryer, data
     with service.connect(database) as db:        # a session outside a transaction, given back at the end
         assert db.execute("SELECT COUNT(*) FROM calibration_table").fetchone()[0] == 2
     assert len(made) <= 6
-
-
-def test_lists_and_multi_queries(queryer):
-    assert queryer.queryDB({"sn": "SN-A", "frequency": 28}, queryCmd="getFreqList") == {"code": 0, "data": [27.5, 28.0]}
-    held = {"query-0": payload(["VER"]), "query-1": payload(["VER"], frequency=27.5)}
-    assert queryer.queryDB(held, queryCmd="getMultiData") == {
-        "code": 0, "data": {"query-0": {"VER": "2.1.0"}, "query-1": {"VER": "2.0.0"}}}
-    held["query-2"] = payload(["X"], "BOARD_9")
-    assert queryer.queryDB(held, queryCmd="getMultiData")["code"] == service.UNKNOWN_CATEGORY
 
 
 @pytest.mark.parametrize("damage, code, words", [

@@ -39,18 +39,6 @@ def test_a_custom_kit_with_an_old_name_warns_and_the_file_stays_as_it_was(files,
     assert path.read_bytes() == before and sorted(os.listdir(files))[:2] == ["AAKIT_MyKit.csv", KIT]
 
 
-@pytest.mark.parametrize("text, status, expected", [
-    ("SN9\n# spacing\n300\n", 0, "SN9: minimum LO/IF spacing 300"),
-    ("SN9\n1.5\n", 1, "ERROR  Exception while delta csv parsing"),
-    ("SN9\n# nothing\n", 0, "WARNING  No delta freq info, skip it"),
-])
-def test_ud_delta_tables(tmp_path, capsys, text, status, expected):
-    path = tmp_path / "SN9.csv"
-    path.write_text(text, encoding="utf-8")
-    code, out, _ = run_tool(capsys, "check", path)
-    assert code == status and expected in out
-
-
 def _edit_beam(files, change):
     path = files / BEAM
     table = json.loads(path.read_text(encoding="utf-8"))
@@ -59,12 +47,7 @@ def _edit_beam(files, change):
     return path
 
 
-def _renamed(path, name):
-    os.rename(path, path.with_name(name))
-    return path.with_name(name)
-
-
-def _rewritten(path, text):
+def _written(path, text):
     path.write_text(text, encoding="utf-8")
     return path
 
@@ -94,7 +77,7 @@ def _kit(files, key_prefix, new_row):
      ["cause: ValueError: could not convert string to float: 'five'"]),
     (lambda f: _cali(f, "COMDR,TX,DR,3,", None),     # a board missing from one section
      ["KeyError  getCOMDR() failed", "no entry 'COMDR' in the table"]),
-    (lambda f: _renamed(f / CALI, "calibration.csv"), ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
+    (lambda f: (f / CALI).rename(f / "calibration.csv"), ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
     (lambda f: _kit(f, "SPACING", "SPACING,a,5.0"),
      [lambda p: "ERROR_BF_NO_AAKIT  the kit manager could not read the file at line %d (SPACING)"
       % line_number(p, "SPACING,a"), "cause: ValueError: could not convert string to float: 'a'"]),
@@ -110,13 +93,14 @@ def _kit(files, key_prefix, new_row):
     (lambda f: _edit_beam(f, lambda t: _channel(t, 1, 1).update(sw=2)),        # a switch value the hooks never see
      ["board_1 channel_1: sw is 2, expected 0 (on) or 1 (off) at TX beam 2"]),
     (lambda f: _edit_beam(f, lambda t: t.update(SN="../../escaped")), ["ERROR_BF_BEAM  BeamTable loading exception"]),
-    (lambda f: _rewritten(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
+    (lambda f: _written(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
      ["ERROR_BF_BEAM  BeamTable loading exception", "not valid JSON at line 2 column 9"]),
+    (lambda f: _written(f / "SN9.csv", "SN9\n1.5\n"), ["ERROR  Exception while delta csv parsing"]),
     (write_old_beam_table, ["warning  old format v1.0.0: loading converts it",
                             "board_1 common_db is None, not a number", "at TX beam 7"]),
 ], ids=["cali cell", "cali end", "cali sn", "cali dr", "cali board", "cali name", "kit cell", "kit offsets",
         "kit devtype", "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
-        "beam not json", "beam old format"])
+        "beam not json", "ud value", "beam old format"])
 def test_a_problem_is_reported_with_its_reason(files, tmp_path, capsys, spoil, expected):
     target = spoil(files)
     args = target if isinstance(target, list) else [target]
