@@ -1,10 +1,11 @@
-"""Beam manager construction, the table file name, loading, old-format conversion and version upgrade."""
+"""Beam manager construction, the table file name, loading, old-format conversion, version upgrade and saving
+(to the file or through the web-mode callback)."""
 import gc
 import json
 import logging
 
 import pytest
-from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json
+from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, hooks, make_manager, manager, read_json  # noqa: F401
 from conftest import records
 
 from vexcore.QRVPublic import RetCode
@@ -169,3 +170,45 @@ def test_a_failed_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir
         assert gc.isenabled() is enabled
     finally:
         (gc.enable if was else gc.disable)()
+
+
+# ----------------------------------------------------------------- saving ---
+
+def _file_bytes(manager):
+    return manager._BeamPatternTableManager__path.read_bytes()
+
+
+def test_saved_file_is_exactly_what_json_writes_of_the_table_or_the_one_handed_in(manager):
+    table = manager._BeamTable
+    table["TX"]["1"] = {"beam_description": "Ångström 波束 \U0001F4E1 \"q\" \\ \n\t\x01", "beam_type": 0,
+                        "beam_config": {"db": -0.1, "theta": 1e-05, "phi": 1e16}}
+    table["RX"]["2"] = {"beam_description": "", "beam_type": 1, "channel_config": {"board_1": {"common_db": None}}}
+    table["EXTRA"] = [True, False, [], {}, 12345678901234567890, -0.0]
+    assert manager._saveToBeamTableFile().RetCode == RetCode.OK
+    assert _file_bytes(manager) == json.dumps(table, ensure_ascii=False, indent=2).encode("utf-8")
+    # A table handed in is written but not adopted.
+    before = manager._BeamTable
+    other = {"VERSION": "v2.0.0", "TX": {}, "RX": {}, "note": "replacement"}
+    assert manager._saveToBeamTableFile(new_table=other).RetCode == RetCode.OK
+    assert json.loads(_file_bytes(manager)) == other and manager._BeamTable is before and "note" not in before
+
+
+@pytest.mark.parametrize("new_table", [None, {"TX": {}}])
+def test_web_mode_save_goes_to_the_callback_only(manager, new_table):
+    calls, before = [], _file_bytes(manager)
+    answer = RetType(msg="stored by host")
+    assert manager._saveToBeamTableFile(lambda **kw: calls.append(kw) or answer, new_table) is answer
+    assert calls == [{"func_name": "saveToBeamTableFile", **({} if new_table is None else {"new_table": new_table})}]
+    assert _file_bytes(manager) == before
+
+
+def test_a_callback_that_raises_is_a_failed_save(manager, caplog):
+    def callback(**kwargs):
+        raise ConnectionError("host gone")
+
+    before = _file_bytes(manager)
+    ret = manager._saveToBeamTableFile(callback)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception")
+    (record,) = [r for r in caplog.records if r.levelno >= logging.ERROR]
+    assert record.getMessage() == "BeamFile saving exception" and record.exc_info[0] is ConnectionError
+    assert _file_bytes(manager) == before
