@@ -229,8 +229,6 @@ def test_kits_are_created_renamed_and_deleted_by_the_manager(client):
 
 
 def test_a_failure_is_a_message_and_a_log_record(client, monkeypatch, caplog):
-    from vexcore.web import store
-
     monkeypatch.setattr(store, "devices", lambda: 1 / 0)
     with caplog.at_level(logging.ERROR, logger="vexcore.web"):
         page = client.get("/devices")
