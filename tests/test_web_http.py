@@ -59,12 +59,9 @@ def test_pages(client, url, status, texts):
     assert "Traceback" not in page.text
 
 
-def test_downloads_are_json(client):
+def test_calibration_download_is_json(client):
     cali = client.get("/calibration/%s/%s/export.json" % (SN, FREQ))
     assert cali.json()["DR"] == {"TX": [-10.0, 5.0], "RX": [-12.0, 6.0]} and "BOARD_4" in cali.json()
-    batch = client.get(BEAMS + "/export" + Q)
-    assert 'filename="beams_%s_28GHz_%s.json"' % (SN, KIT) in batch.headers["content-disposition"]
-    assert batch.json()["TX"]["1"]["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
 
 
 POSTS = [("/devices/upload", {}), ("/kits", {"name": "K"}), ("/kits/%s/rename" % KIT, {"new_name": "X"}),
@@ -187,8 +184,11 @@ def test_saving_one_page_of_a_channel_beam_keeps_the_rest(client):
     assert board["common_db"] == 1.5 and board["channel_2"] == {"sw": 0, "db": 1.0, "deg": 90}
 
 
-def test_import_validates_each_beam_and_replaces_only_when_confirmed(client):
-    batch = client.get(BEAMS + "/export" + Q).json()
+def test_an_exported_batch_is_validated_beam_by_beam_and_replaces_only_when_confirmed(client):
+    export = client.get(BEAMS + "/export" + Q)
+    assert 'filename="beams_%s_28GHz_%s.json"' % (SN, KIT) in export.headers["content-disposition"]
+    batch = export.json()
+    assert batch["TX"]["1"]["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
     batch["TX"]["1"]["beam_config"]["theta"] = -10
     batch["RX"] = {"5": {"beam_description": "new", "beam_type": 0, "beam_config": {"db": 1.0, "theta": 0, "phi": 0}}}
     bad = json.loads(json.dumps(batch))
