@@ -86,7 +86,7 @@ def _old_channels(db_of, order):
     return [{"channel": ch, "sw": ch % 2, "db": db_of(ch), "deg": ch * 10} for ch in order]
 
 
-def test_old_format_is_converted_and_saved(tm, files_dir):
+def test_old_format_is_converted_and_saved_and_steering_fields_make_steered_beams_with_a_kit(tm, files_dir):
     path = _path(files_dir, kit="")
     _write(path, _old_table([
         {"beamId": 3, "beam_type": 1, "beam_description": "lost", "db": 1, "theta": 2, "phi": 3, "channel_switch": 1,
@@ -110,15 +110,11 @@ def test_old_format_is_converted_and_saved(tm, files_dir):
         "4": {"beam_description": "", "beam_type": 0, "beam_config": {"db": 5, "theta": 6, "phi": 7}}}, "RX": {}}
     # Compared as JSON text, so that the order of keys counts too.
     assert json.dumps(table) == json.dumps(expected) and read_json(path) == table
-
-
-def test_old_steering_fields_become_steered_beams_when_a_kit_is_set(tm, files_dir):
+    # When a kit is set, the old steering fields make a steered beam instead.
     _write(_path(files_dir), _old_table([{"beamId": 1, "beam_type": 1, "db": 4.5, "theta": -10, "phi": 90,
-                                              "channel_switch": 0, "channel_config": []}]))
-    manager = make_manager(tm)
-    assert manager._load(28.0, KIT).RetCode == RetCode.OK
-    assert manager._BeamTable["TX"] == {"1": {"beam_description": "", "beam_type": 0,
-                                              "beam_config": {"db": 4.5, "theta": -10, "phi": 90}}}
+                                          "channel_switch": 0, "channel_config": []}]))
+    assert make_manager(tm)._load(28.0, KIT).RetData["TX"] == {"1": {"beam_description": "", "beam_type": 0,
+                                                                     "beam_config": {"db": 4.5, "theta": -10, "phi": 90}}}
 
 
 @pytest.mark.parametrize("order, message", [
