@@ -2,7 +2,7 @@
 import datetime
 
 import pytest
-from aakit_samples import LITE, MOMENT, OFFICIAL, STAMP, pinned_clock, record, write_kit, zone
+from aakit_samples import LITE, OFFICIAL, STAMP, pinned_clock, record, write_kit, zone
 from conftest import records
 
 from vexcore.QRVPublic import RetCode
@@ -100,7 +100,6 @@ def test_unknown_names_and_info_without_a_selection_or_on_a_kit_that_is_gone(kit
 # ------------------------------------------------------------- custom names --
 
 @pytest.mark.parametrize("moment, name", [
-    (MOMENT, "MyKit_" + STAMP),
     (datetime.datetime(2023, 12, 31, 23, 59, 59, 999999, tzinfo=zone(0)), "MyKit_2023123123595999+0000"),
     (datetime.datetime(2024, 1, 2, 3, 4, 5, 60000, tzinfo=zone(-5)), "MyKit_2024010203040506-0500"),
     (datetime.datetime(2024, 1, 2, 3, 4, 5, tzinfo=zone(5, 30)), "MyKit_2024010203040500+0530"),

@@ -80,13 +80,16 @@ def test_every_changing_request_needs_this_sites_form(client, url, data):
     assert client.get("/kits").text == before
 
 
-def test_access_token_rules(db, capsys):
-    with TestClient(create_app(db, token="s3cret"), raise_server_exceptions=False) as c:
+def test_access_token_rules_and_the_upload_limit(db, capsys):
+    with TestClient(create_app(db, token="s3cret", upload_limit=1024), raise_server_exceptions=False) as c:
         assert c.get("/devices").status_code == 401
         assert c.get("/devices", headers={"Authorization": "Bearer s3cret"}).status_code == 200
         assert c.get("/devices?token=wrong").status_code == 401
         assert c.get("/devices?token=s3cret").status_code == 200
         assert c.get("/kits").status_code == 200             # the browser keeps the token in a cookie
+        page = c.post("/devices/upload", data={"csrf": c.cookies.get("vexcore_csrf")},
+                      files={"file": ("K5350R019-77_28GHz.csv", calibration_text())})
+        assert page.status_code == 413 and "larger than the limit" in page.text
     assert cli.main(["--host", "0.0.0.0"]) == 2 and "needs an access token" in capsys.readouterr().err
     assert [cli.is_loopback(h) for h in ("127.0.0.1", "::1", "localhost", "0.0.0.0", "10.1.2.3")] == \
         [True, True, True, False, False]
@@ -106,14 +109,6 @@ def test_upload_stores_a_good_file_and_refuses_a_bad_one_whole(client):
     good = post(client, "/devices/upload", files={"file": ("K5350R019-77_28GHz.csv", calibration_text("K5350R019-77"))})
     assert good.status_code == 303 and "K5350R019-77" in client.get("/devices").text
     assert post(client, "/calibration/K5350R019-77/28/reload").status_code == 303
-
-
-def test_upload_size_is_limited(db):
-    with TestClient(create_app(db, upload_limit=1024), raise_server_exceptions=False) as c:
-        c.get("/devices")
-        page = c.post("/devices/upload", data={"csrf": c.cookies.get("vexcore_csrf")},
-                      files={"file": ("K5350R019-77_28GHz.csv", calibration_text())})
-        assert page.status_code == 413 and "larger than the limit" in page.text
 
 
 def _revision(client, url):
