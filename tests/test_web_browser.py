@@ -111,3 +111,21 @@ def test_an_out_of_range_gain_is_refused_and_nothing_saved(server, browser):
     assert browser.find_element(By.CSS_SELECTOR, ".field-error").text == "db 12 is outside the TX DR [-10, 5]"
     assert stored_beam(SN, KIT, "TX", 1)["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
     shot(browser, "beam-refused")
+
+
+def test_the_second_of_two_sessions_gets_the_conflict(server, browser, tmp_path):
+    other = _browser(tmp_path / "chromium-other")
+    try:
+        for driver in (browser, other):
+            driver.get(server.url + BEAM_1)
+        _fill(browser, "theta", "10")
+        browser.find_element(By.ID, "save").click()
+        assert _message(browser) == "Saved."
+        _fill(other, "theta", "-10")
+        other.find_element(By.ID, "save").click()
+        assert "changed by someone else, reload" in _message(other)
+        assert stored_beam(SN, KIT, "TX", 1)["beam_config"]["theta"] == 10
+        shot(other, "beam-conflict")
+    finally:
+        other.quit()
+        shutil.rmtree(tmp_path / "chromium-other")
