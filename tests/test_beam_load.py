@@ -133,15 +133,23 @@ def test_old_channel_list_errors_leave_the_file_alone(tm, files_dir, caplog, ord
 @pytest.mark.parametrize("freq, kit, content", [
     (28.0, KIT, '{"SN": "x", "TX": {}, "RX": {}}'),          # no version at all
     (28.0, KIT, '{"VERSION": 2, "TX": {}, "RX": {}}'),       # version not comparable with text
+    (28.0, KIT, '{"VERSION": "v2.0.0", "TX": {'),            # cut short while the table is built
     ("28", "", None), (float("nan"), "", None),
 ])
-def test_unreadable_tables_and_bad_names_end_in_the_loading_error(tm, files_dir, caplog, freq, kit, content):
+def test_unreadable_tables_and_bad_names_end_in_the_loading_error_and_leave_the_collector_as_it_was(
+        tm, files_dir, caplog, freq, kit, content):
     if content is not None:
         _write(_path(files_dir), content)
-    ret = make_manager(tm)._load(freq, kit)
-    assert (ret.RetCode, ret.RetMsg) == LOADING_FAILED
-    (record,) = [r for r in caplog.records if r.levelno >= logging.ERROR]
-    assert record.getMessage() == LOADING_FAILED[1] and record.exc_info[1] is not None
+    was = gc.isenabled()
+    try:
+        for enabled in (True, False):       # the collector is paused while a table is built
+            (gc.enable if enabled else gc.disable)()
+            ret = make_manager(tm)._load(freq, kit)
+            assert (ret.RetCode, ret.RetMsg) == LOADING_FAILED and gc.isenabled() is enabled
+    finally:
+        (gc.enable if was else gc.disable)()
+    errors = [r for r in caplog.records if r.levelno >= logging.ERROR]
+    assert [r.getMessage() for r in errors] == [LOADING_FAILED[1]] * 2 and all(r.exc_info[1] for r in errors)
 
 
 def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
@@ -154,18 +162,6 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
     assert manager._BeamTable is None and list(files_dir.iterdir()) == []
     state = vars(manager)
     assert state[P + "web_mode"] is True and P + "defaultDir" not in state and P + "path" not in state
-
-
-@pytest.mark.parametrize("enabled", [True, False], ids=["collector_on", "collector_off"])
-def test_a_failed_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir, enabled):
-    _write(_path(files_dir), '{"VERSION": "v2.0.0", "TX": {')
-    was = gc.isenabled()
-    (gc.enable if enabled else gc.disable)()
-    try:
-        make_manager(tm)._load(28.0, KIT)
-        assert gc.isenabled() is enabled
-    finally:
-        (gc.enable if was else gc.disable)()
 
 
 # ----------------------------------------------------------------- saving ---
