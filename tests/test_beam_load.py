@@ -170,15 +170,9 @@ def _file_bytes(manager):
     return manager._BeamPatternTableManager__path.read_bytes()
 
 
-def test_saved_file_is_exactly_what_json_writes_of_the_table_or_the_one_handed_in(manager):
-    table = manager._BeamTable
-    table["TX"]["1"] = {"beam_description": "Ångström 波束 \U0001F4E1 \"q\" \\ \n\t\x01", "beam_type": 0,
-                        "beam_config": {"db": -0.1, "theta": 1e-05, "phi": 1e16}}
-    table["RX"]["2"] = {"beam_description": "", "beam_type": 1, "channel_config": {"board_1": {"common_db": None}}}
-    table["EXTRA"] = [True, False, [], {}, 12345678901234567890, -0.0]
-    assert manager._saveToBeamTableFile().RetCode == RetCode.OK
-    assert _file_bytes(manager) == json.dumps(table, ensure_ascii=False, indent=2).encode("utf-8")
-    # A table handed in is written but not adopted.
+def test_a_table_handed_in_is_saved_but_not_adopted(manager):
+    # The file is what json.dumps(table, ensure_ascii=False, indent=2) writes: the load tests above check it
+    # for created and upgraded tables, the encoder's property tests for every kind of value.
     before = manager._BeamTable
     other = {"VERSION": "v2.0.0", "TX": {}, "RX": {}, "note": "replacement"}
     assert manager._saveToBeamTableFile(new_table=other).RetCode == RetCode.OK
