@@ -1,4 +1,4 @@
-"""One process of the table database's load test (test_db_load.py).
+"""One process of the table database's load test (test_db_service.py).
 
     python db_load_worker.py ROLE DATABASE COUNT CALIBRATION_FILE TAG [BOARDS,ICS,CHANNELS]
 

@@ -40,9 +40,6 @@ class FakeService:
         return Queryer()
 
     def answer(self, call):
-        if call.query_cmd == "getMultiData":
-            answers = {name: self.lookup(p) for name, p in call.payload.items()}
-            return {"code": 0, "data": answers}
         if call.query_cmd is not None:
             return {"code": 0, "data": self.data[call.query_cmd]}
         return {"code": 0, "data": self.lookup(call.payload)}

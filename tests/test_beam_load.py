@@ -1,10 +1,11 @@
-"""Beam manager construction, the table file name, loading, old-format conversion and version upgrade."""
+"""Beam manager construction, the table file name, loading, old-format conversion, version upgrade and saving
+(to the file or through the web-mode callback)."""
 import gc
 import json
 import logging
 
 import pytest
-from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, make_manager, read_json
+from beam_helpers import COMDR, ELEDR, KIT, SN, Hooks, hooks, make_manager, manager, read_json  # noqa: F401
 from conftest import records
 
 from vexcore.QRVPublic import RetCode
@@ -85,7 +86,7 @@ def _old_channels(db_of, order):
     return [{"channel": ch, "sw": ch % 2, "db": db_of(ch), "deg": ch * 10} for ch in order]
 
 
-def test_old_format_is_converted_and_saved(tm, files_dir):
+def test_old_format_is_converted_and_saved_and_steering_fields_make_steered_beams_with_a_kit(tm, files_dir):
     path = _path(files_dir, kit="")
     _write(path, _old_table([
         {"beamId": 3, "beam_type": 1, "beam_description": "lost", "db": 1, "theta": 2, "phi": 3, "channel_switch": 1,
@@ -109,15 +110,11 @@ def test_old_format_is_converted_and_saved(tm, files_dir):
         "4": {"beam_description": "", "beam_type": 0, "beam_config": {"db": 5, "theta": 6, "phi": 7}}}, "RX": {}}
     # Compared as JSON text, so that the order of keys counts too.
     assert json.dumps(table) == json.dumps(expected) and read_json(path) == table
-
-
-def test_old_steering_fields_become_steered_beams_when_a_kit_is_set(tm, files_dir):
+    # When a kit is set, the old steering fields make a steered beam instead.
     _write(_path(files_dir), _old_table([{"beamId": 1, "beam_type": 1, "db": 4.5, "theta": -10, "phi": 90,
-                                              "channel_switch": 0, "channel_config": []}]))
-    manager = make_manager(tm)
-    assert manager._load(28.0, KIT).RetCode == RetCode.OK
-    assert manager._BeamTable["TX"] == {"1": {"beam_description": "", "beam_type": 0,
-                                              "beam_config": {"db": 4.5, "theta": -10, "phi": 90}}}
+                                          "channel_switch": 0, "channel_config": []}]))
+    assert make_manager(tm)._load(28.0, KIT).RetData["TX"] == {"1": {"beam_description": "", "beam_type": 0,
+                                                                     "beam_config": {"db": 4.5, "theta": -10, "phi": 90}}}
 
 
 @pytest.mark.parametrize("order, message", [
@@ -136,15 +133,23 @@ def test_old_channel_list_errors_leave_the_file_alone(tm, files_dir, caplog, ord
 @pytest.mark.parametrize("freq, kit, content", [
     (28.0, KIT, '{"SN": "x", "TX": {}, "RX": {}}'),          # no version at all
     (28.0, KIT, '{"VERSION": 2, "TX": {}, "RX": {}}'),       # version not comparable with text
+    (28.0, KIT, '{"VERSION": "v2.0.0", "TX": {'),            # cut short while the table is built
     ("28", "", None), (float("nan"), "", None),
 ])
-def test_unreadable_tables_and_bad_names_end_in_the_loading_error(tm, files_dir, caplog, freq, kit, content):
+def test_unreadable_tables_and_bad_names_end_in_the_loading_error_and_leave_the_collector_as_it_was(
+        tm, files_dir, caplog, freq, kit, content):
     if content is not None:
         _write(_path(files_dir), content)
-    ret = make_manager(tm)._load(freq, kit)
-    assert (ret.RetCode, ret.RetMsg) == LOADING_FAILED
-    (record,) = [r for r in caplog.records if r.levelno >= logging.ERROR]
-    assert record.getMessage() == LOADING_FAILED[1] and record.exc_info[1] is not None
+    was = gc.isenabled()
+    try:
+        for enabled in (True, False):       # the collector is paused while a table is built
+            (gc.enable if enabled else gc.disable)()
+            ret = make_manager(tm)._load(freq, kit)
+            assert (ret.RetCode, ret.RetMsg) == LOADING_FAILED and gc.isenabled() is enabled
+    finally:
+        (gc.enable if was else gc.disable)()
+    errors = [r for r in caplog.records if r.levelno >= logging.ERROR]
+    assert [r.getMessage() for r in errors] == [LOADING_FAILED[1]] * 2 and all(r.exc_info[1] for r in errors)
 
 
 def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
@@ -159,13 +164,37 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
     assert state[P + "web_mode"] is True and P + "defaultDir" not in state and P + "path" not in state
 
 
-@pytest.mark.parametrize("enabled", [True, False], ids=["collector_on", "collector_off"])
-def test_a_failed_load_leaves_the_garbage_collector_as_it_found_it(tm, files_dir, enabled):
-    _write(_path(files_dir), '{"VERSION": "v2.0.0", "TX": {')
-    was = gc.isenabled()
-    (gc.enable if enabled else gc.disable)()
-    try:
-        make_manager(tm)._load(28.0, KIT)
-        assert gc.isenabled() is enabled
-    finally:
-        (gc.enable if was else gc.disable)()
+# ----------------------------------------------------------------- saving ---
+
+def _file_bytes(manager):
+    return manager._BeamPatternTableManager__path.read_bytes()
+
+
+def test_a_table_handed_in_is_saved_but_not_adopted(manager):
+    # The file is what json.dumps(table, ensure_ascii=False, indent=2) writes: the load tests above check it
+    # for created and upgraded tables, the encoder's property tests for every kind of value.
+    before = manager._BeamTable
+    other = {"VERSION": "v2.0.0", "TX": {}, "RX": {}, "note": "replacement"}
+    assert manager._saveToBeamTableFile(new_table=other).RetCode == RetCode.OK
+    assert json.loads(_file_bytes(manager)) == other and manager._BeamTable is before and "note" not in before
+
+
+@pytest.mark.parametrize("new_table", [None, {"TX": {}}])
+def test_web_mode_save_goes_to_the_callback_only(manager, new_table):
+    calls, before = [], _file_bytes(manager)
+    answer = RetType(msg="stored by host")
+    assert manager._saveToBeamTableFile(lambda **kw: calls.append(kw) or answer, new_table) is answer
+    assert calls == [{"func_name": "saveToBeamTableFile", **({} if new_table is None else {"new_table": new_table})}]
+    assert _file_bytes(manager) == before
+
+
+def test_a_callback_that_raises_is_a_failed_save(manager, caplog):
+    def callback(**kwargs):
+        raise ConnectionError("host gone")
+
+    before = _file_bytes(manager)
+    ret = manager._saveToBeamTableFile(callback)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception")
+    (record,) = [r for r in caplog.records if r.levelno >= logging.ERROR]
+    assert record.getMessage() == "BeamFile saving exception" and record.exc_info[0] is ConnectionError
+    assert _file_bytes(manager) == before

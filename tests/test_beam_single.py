@@ -1,10 +1,10 @@
-"""Reading and writing one beam: ids, defaults for unset ids, partial changes, the check hooks, saving."""
+"""Reading and writing one beam: ids, default beams bounded by the gain limits, partial changes, the check hooks."""
 import enum
 import json
 import logging
 
 import pytest
-from beam_helpers import COMDR, DR, ELEDR, default_beam, hooks, manager, saved_table  # noqa: F401
+from beam_helpers import COMDR, DR, ELEDR, default_beam, hooks, make_manager, manager, saved_table  # noqa: F401
 from conftest import records
 
 from vexcore.QRVPublic import BeamType, RetCode, RFMode
@@ -37,26 +37,54 @@ def test_unset_id_reads_as_a_fresh_default_that_is_not_stored(manager, mode, bea
     assert manager.getBeamPattern(RFMode.RX, 2).RetData["channel_config"]["board_3"]["common_db"] == -3.0
 
 
+# 2 boards x 2 ICs x 4 channels: the rule makes one "board_" per IC, as 4 boards x 1 IC do.
+@pytest.mark.parametrize("mode, layout", [(RFMode.TX, (4, 1, 4)), (1, (2, 2, 4))])
+def test_default_channel_beam_follows_the_limits_of_each_board(tm, files_dir, mode, layout):
+    beam = default_beam(make_manager(tm, layout=layout), mode=mode)
+    assert list(beam) == ["beam_description", "beam_type", "channel_config"] and beam["beam_type"] == 1
+    assert beam["beam_description"] == "" and list(beam["channel_config"]) == ["board_%d" % b for b in range(1, 5)]
+    for b, board in enumerate(beam["channel_config"].values()):
+        assert list(board) == ["common_db"] + ["channel_%d" % c for c in range(1, 5)]
+        assert board["common_db"] is COMDR[mode][b]          # limits are shared, not converted
+        channels = [board["channel_%d" % c] for c in range(1, 5)]
+        assert all(ch == {"sw": 0, "db": ELEDR[mode][b], "deg": 0} and ch["db"] is ELEDR[mode][b] for ch in channels)
+        assert len({id(ch) for ch in channels}) == 4          # every channel its own mapping
+
+
+def test_default_steered_beam_points_at_boresight(tm, files_dir):
+    beam = {"beam_description": "kept?", "extra": 1}
+    make_manager(tm)._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.BEAM, RFMode.RX)
+    assert beam == {"beam_description": "", "extra": 1, "beam_type": 0,
+                    "beam_config": {"db": DR["RX"], "theta": 0, "phi": 0}}
+    assert beam["beam_config"]["db"] is DR["RX"]
+
+
+@pytest.mark.parametrize("layout, limits, beam, error", [
+    ((4, 1, 1), (COMDR, ELEDR), {}, UnboundLocalError),        # one channel per IC never starts a board
+    ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), {}, KeyError),      # rows keyed by name instead of value
+    ((4, 1, 4), (COMDR, ELEDR), [], TypeError),                # the beam must be a mapping
+    ((4, 1, 4), (COMDR, ELEDR), None, TypeError),
+])
+def test_default_channel_beam_without_limits_or_a_mapping_raises(tm, files_dir, layout, limits, beam, error):
+    manager = make_manager(tm, layout=layout, limits=False)
+    manager._updateFreq(28.0, DR, *limits)
+    with pytest.raises(error):
+        manager._BeamPatternTableManager__generateDefaultBeam(beam, BeamType.CHANNEL, RFMode.TX)
+
+
 # ------------------------------------------------------ channel beams set ---
 
-def test_partial_configs_change_only_what_they_name_and_unsaved_ones_stay_in_memory(manager, hooks, caplog):
-    before = saved_table(manager)
+def test_a_set_without_config_keeps_the_stored_beam_and_checks_its_gains_again(manager, hooks, caplog):
+    # How partial configs merge: the mapping test below; what is saved when: the differential operation tests.
     manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, {"board_1": {"common_db": 1.0}}, "first", save=False)
-    assert manager.getBeamPattern(RFMode.RX, 2).RetData["beam_description"] == "first"
-    assert saved_table(manager) == before
-    # The next change builds on the stored beam, and is saved.
     change = {"board_4": {"channel_1": {"sw": 1, "db": 0, "deg": 5}}}
     assert manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL, change).RetCode == RetCode.OK
-    expected = default_beam(manager, mode=RFMode.RX)
-    expected["beam_description"] = "first"
-    expected["channel_config"]["board_1"]["common_db"] = 1.0
-    expected["channel_config"]["board_4"]["channel_1"] = {"sw": 1, "db": 0, "deg": 5}
-    assert manager._BeamTable["RX"]["2"] == expected and saved_table(manager)["RX"]["2"] == expected
-    # Without a config the stored gains are only checked again.
+    stored = json.loads(json.dumps(manager._BeamTable["RX"]["2"]))
     hooks.ic_calls.clear()
     caplog.set_level(logging.DEBUG, logger="BeamTbl")
     assert manager.setBeamPattern(RFMode.RX, 2, BeamType.CHANNEL).RetCode == RetCode.OK
-    assert manager._BeamTable["RX"]["2"] == expected
+    assert manager._BeamTable["RX"]["2"] == stored == saved_table(manager)["RX"]["2"]
+    assert stored["beam_description"] == "first"
     gains = [[ELEDR[1][b]] * 4 for b in range(4)]
     gains[3][0] = 0
     assert hooks.ic_calls == [(RFMode.RX, b, gains[b], [1.0, *COMDR[1][1:]][b]) for b in range(4)]

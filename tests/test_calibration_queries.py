@@ -48,6 +48,11 @@ def offsets(mode, b):
     (lambda m: m._getComData("TX", 1, 1, [5], [0], [0], [1]), IndexError),
     (lambda m: m._getComData("TX", 1, 1, [1], [1], [0], [1]), KeyError),           # no such gain step
     (lambda m: m._getComData("TX", 1, 1, [1], [0], [45], [1]), KeyError),          # no such phase step
+    (lambda m: m._searchComStepDR(2**64, "TX", -5, 0, None), IndexError),   # beyond any list index
+    # Layout numbers of any size bound their loops as range() does: up to the first board missing, or none.
+    (lambda m: setattr(m, "_num_board", 2**64) or m.getCOMDR(), KeyError),
+    (lambda m: setattr(m, "_num_board", -2**64) or result(m.getCOMDR()), (RetCode.OK, "", [[], []])),
+    (lambda m: setattr(m, "_num_ic_per_board", 2**64) or m._getTC(), KeyError),
 ])
 def test_query_answers_or_lets_out_its_error(m, query, expected):
     if isinstance(expected, type):

@@ -1,4 +1,4 @@
-"""vexcore-tables check: every table kind, good and bad, alone and in folders."""
+"""vexcore-tables check and show: every table kind, good and bad, alone and in folders; summaries in text and JSON."""
 import json
 import logging
 import os
@@ -19,36 +19,20 @@ def test_the_console_script_finds_the_bundled_samples_valid(files):
     assert lines[-1] == "3 files checked: 3 valid, 0 invalid"
 
 
-def test_a_kit_name_defined_twice_in_a_folder_warns_on_the_file_that_loses(files, capsys):
-    later = files / "AAKIT_z_copy.csv"
+def test_kit_warnings_name_the_file_fail_nothing_and_change_no_file(files, capsys):
+    later = files / "AAKIT_z_copy.csv"                  # the sample kit defined twice
     later.write_bytes((files / KIT).read_bytes())
+    edit_lines(files / KIT, lambda lines: ["AAKIT_NAME,MyKit", "TYPE,1"] + lines[1:2] + lines[3:],
+               files / "AAKIT_MyKit.csv")               # a custom kit with an old name
+    before = {path.name: path.read_bytes() for path in files.iterdir() if path.is_file()}
     status, out, _ = run_tool(capsys, "check", files)
     lines = out.splitlines()
-    first = next(i for i, line in enumerate(lines) if KIT in line)
-    assert status == 0 and lines[first].startswith("WARN")
+    first, renamed = (next(i for i, line in enumerate(lines) if name in line) for name in (KIT, "AAKIT_MyKit.csv"))
+    assert status == 0 and lines[first].startswith("WARN") and lines[renamed].startswith("WARN")
     assert "which the kit manager keeps instead of this file" in lines[first + 1] and str(later) in lines[first + 1]
     assert next(line for line in lines if "z_copy.csv  " in line).startswith("OK ")
-
-
-def test_a_custom_kit_with_an_old_name_warns_and_the_file_stays_as_it_was(files, capsys):
-    path = edit_lines(files / KIT, lambda lines: ["AAKIT_NAME,MyKit", "TYPE,1"] + lines[1:2] + lines[3:],
-                      files / "AAKIT_MyKit.csv")
-    before = path.read_bytes()
-    status, out, _ = run_tool(capsys, "check", path)
-    assert status == 0 and out.startswith("WARN") and "loading renames the kit to 'MyKit_" in out
-    assert path.read_bytes() == before and sorted(os.listdir(files))[:2] == ["AAKIT_MyKit.csv", KIT]
-
-
-@pytest.mark.parametrize("text, status, expected", [
-    ("SN9\n# spacing\n300\n", 0, "SN9: minimum LO/IF spacing 300"),
-    ("SN9\n1.5\n", 1, "ERROR  Exception while delta csv parsing"),
-    ("SN9\n# nothing\n", 0, "WARNING  No delta freq info, skip it"),
-])
-def test_ud_delta_tables(tmp_path, capsys, text, status, expected):
-    path = tmp_path / "SN9.csv"
-    path.write_text(text, encoding="utf-8")
-    code, out, _ = run_tool(capsys, "check", path)
-    assert code == status and expected in out
+    assert "loading renames the kit to 'MyKit_" in lines[renamed + 1]
+    assert {path.name: path.read_bytes() for path in files.iterdir() if path.is_file()} == before
 
 
 def _edit_beam(files, change):
@@ -59,12 +43,7 @@ def _edit_beam(files, change):
     return path
 
 
-def _renamed(path, name):
-    os.rename(path, path.with_name(name))
-    return path.with_name(name)
-
-
-def _rewritten(path, text):
+def _written(path, text):
     path.write_text(text, encoding="utf-8")
     return path
 
@@ -94,7 +73,7 @@ def _kit(files, key_prefix, new_row):
      ["cause: ValueError: could not convert string to float: 'five'"]),
     (lambda f: _cali(f, "COMDR,TX,DR,3,", None),     # a board missing from one section
      ["KeyError  getCOMDR() failed", "no entry 'COMDR' in the table"]),
-    (lambda f: _renamed(f / CALI, "calibration.csv"), ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
+    (lambda f: (f / CALI).rename(f / "calibration.csv"), ["ERROR_BF_CALI_PATH  the name is not <SN>_<freq>GHz.csv"]),
     (lambda f: _kit(f, "SPACING", "SPACING,a,5.0"),
      [lambda p: "ERROR_BF_NO_AAKIT  the kit manager could not read the file at line %d (SPACING)"
       % line_number(p, "SPACING,a"), "cause: ValueError: could not convert string to float: 'a'"]),
@@ -110,13 +89,14 @@ def _kit(files, key_prefix, new_row):
     (lambda f: _edit_beam(f, lambda t: _channel(t, 1, 1).update(sw=2)),        # a switch value the hooks never see
      ["board_1 channel_1: sw is 2, expected 0 (on) or 1 (off) at TX beam 2"]),
     (lambda f: _edit_beam(f, lambda t: t.update(SN="../../escaped")), ["ERROR_BF_BEAM  BeamTable loading exception"]),
-    (lambda f: _rewritten(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
+    (lambda f: _written(f / BEAM, '{"VERSION": "v2.0.0",\n "TX": {,}}'),
      ["ERROR_BF_BEAM  BeamTable loading exception", "not valid JSON at line 2 column 9"]),
+    (lambda f: _written(f / "SN9.csv", "SN9\n1.5\n"), ["ERROR  Exception while delta csv parsing"]),
     (write_old_beam_table, ["warning  old format v1.0.0: loading converts it",
                             "board_1 common_db is None, not a number", "at TX beam 7"]),
 ], ids=["cali cell", "cali end", "cali sn", "cali dr", "cali board", "cali name", "kit cell", "kit offsets",
         "kit devtype", "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
-        "beam not json", "beam old format"])
+        "beam not json", "ud value", "beam old format"])
 def test_a_problem_is_reported_with_its_reason(files, tmp_path, capsys, spoil, expected):
     target = spoil(files)
     args = target if isinstance(target, list) else [target]
@@ -179,3 +159,48 @@ def test_the_bundled_beam_table_is_what_the_beam_manager_writes(files):
     bundled = (files / BEAM).read_bytes()
     os.remove(files / BEAM)
     assert beam_table.write(str(files)) == str(files / BEAM) and (files / BEAM).read_bytes() == bundled
+
+
+# ------------------------------------------------------------------- show ---
+
+# Rows of the bundled samples (and of a UD table SN7.csv) that each summary must show, as words.
+@pytest.mark.parametrize("target, args, rows", [
+    (CALI, [], [["SN", "K5350R019-28"], ["TX", "-10", "5"], ["RX", "-12", "6"],
+                ["3", "-9", "3", "7", "-6", "6", "4"]]),                 # board, TX COMDR, ELEDR, RX COMDR, ELEDR
+    (KIT, [], [["spacing", "5", "x", "5", "mm"], ["steering", "H", "-45", "..", "45", "deg"],
+               ["ch1-16"] + [str(i % 8) for i in range(16)]]),
+    (BEAM, [], [["TX", "beams", "(2", "stored)"], ["1", "steered", "Steered"], ["2", "channel", "Channel"],
+                ["RX", "beams", "(1", "stored)"]]),
+    (BEAM, ["--beam", "TX:2"], [["board_4", "2", "channel_4", "off", "3", "86"]]),
+    # An unset id shows the default: every channel at its board's RX element limit.
+    (BEAM, ["--beam", "RX:9"], [["RX", "beam", "9", "(not", "stored:"], ["board_2", "[-6.5,", "5.0]", "channel_3", "on",
+                                                                          "5", "0"]]),
+    ("SN7.csv", [], [["minimum", "LO/IF", "spacing", "250"]]),
+])
+def test_each_table_kind_is_summarised(files, capsys, target, args, rows):
+    (files / "SN7.csv").write_text("SN7\n250\n", encoding="utf-8")
+    edit_lines(files / KIT, replace_row("OFFSET_TX", "OFFSET_TX," + ",".join(str(i % 8) for i in range(16))))
+    status, out, _ = run_tool(capsys, "show", files / target, *args)
+    words = [line.split() for line in out.splitlines()]
+    assert status == 0
+    for row in rows:
+        assert any(line[:len(row)] == row for line in words), (row, out)
+
+
+def test_show_json_carries_the_beam_as_stored(files, capsys):
+    status, out, _ = run_tool(capsys, "show", "--json", files / BEAM, "--beam", "TX:1")
+    data, table = json.loads(out), json.loads((files / BEAM).read_text(encoding="utf-8"))
+    assert status == 0 and data["beam"] == {"mode": "TX", "id": 1, "stored": True, "beam": table["TX"]["1"]}
+    assert [b["id"] for b in data["beams"]["TX"]] == list(table["TX"])
+    assert data["header"]["AAKIT_NAME"] == table["AAKIT_NAME"] and data["problems"] == []
+
+
+@pytest.mark.parametrize("target, status, stream, message", [
+    (CALI, 1, "out", "cali file is broken"),                 # the manager cannot read it
+    ("notes.txt", 2, "err", "cannot tell which table"),
+])
+def test_a_table_that_cannot_be_shown_says_why(files, capsys, target, status, stream, message):
+    edit_lines(files / CALI, replace_row("END", None))
+    (files / "notes.txt").write_text("hello", encoding="utf-8")
+    code, out, err = run_tool(capsys, "show", files / target)
+    assert code == status and message in {"out": out, "err": err}[stream]

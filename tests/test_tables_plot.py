@@ -61,7 +61,6 @@ def test_channel_placement(count, override, shape):
     (BEAM, ["--beam", "TX:1"], False, (1100, 450)),        # steered: the two pattern cuts
     (BEAM, ["--beam", "TX:2"], False, (1100, 900)),        # channel beam with kit: maps and cuts
     (BEAM, ["--beam", "TX:2"], True, (1100, 450)),         # channel beam without kit: maps only
-    (BEAM, ["--beam", "RX:3"], False, (1100, 900)),        # unset id: the default channel beam
     (CALI, [], False, (1100, 450)),
 ])
 def test_plot_writes_a_png_of_reasonable_size(files, tmp_path, capsys, target, args, without_kit, pixels):

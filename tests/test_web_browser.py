@@ -4,6 +4,7 @@ A browser that cannot start fails these tests with the reason; they never skip.
 Each test leaves a screenshot in build/web-screenshots/.
 """
 import os
+import shutil
 
 import pytest
 from selenium import webdriver
@@ -19,10 +20,13 @@ SHOTS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BEAM_1 = BEAMS + "/TX/1?kit=" + KIT
 
 
-def _browser():
+def _browser(profile):
+    """Headless Chromium with its profile in `profile`: without one it makes a profile and a
+    singleton-socket folder in /tmp and leaves them there."""
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    for flag in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,1000"):
+    for flag in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,1000",
+                 "--user-data-dir=%s" % profile):
         options.add_argument(flag)
     # The browser is not ours to sanitize: under `make sanitize` it must not inherit the
     # preloaded sanitizer runtimes.
@@ -42,10 +46,12 @@ def server(tmp_path, monkeypatch):
 
 
 @pytest.fixture
-def browser():
-    driver = _browser()
+def browser(tmp_path):
+    profile = tmp_path / "chromium-profile"
+    driver = _browser(profile)
     yield driver
     driver.quit()
+    shutil.rmtree(profile)
 
 
 def shot(driver, name):
@@ -107,8 +113,8 @@ def test_an_out_of_range_gain_is_refused_and_nothing_saved(server, browser):
     shot(browser, "beam-refused")
 
 
-def test_the_second_of_two_sessions_gets_the_conflict(server, browser):
-    other = _browser()
+def test_the_second_of_two_sessions_gets_the_conflict(server, browser, tmp_path):
+    other = _browser(tmp_path / "chromium-other")
     try:
         for driver in (browser, other):
             driver.get(server.url + BEAM_1)
@@ -122,3 +128,4 @@ def test_the_second_of_two_sessions_gets_the_conflict(server, browser):
         shot(other, "beam-conflict")
     finally:
         other.quit()
+        shutil.rmtree(tmp_path / "chromium-other")

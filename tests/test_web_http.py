@@ -59,12 +59,9 @@ def test_pages(client, url, status, texts):
     assert "Traceback" not in page.text
 
 
-def test_downloads_are_json(client):
+def test_calibration_download_is_json(client):
     cali = client.get("/calibration/%s/%s/export.json" % (SN, FREQ))
     assert cali.json()["DR"] == {"TX": [-10.0, 5.0], "RX": [-12.0, 6.0]} and "BOARD_4" in cali.json()
-    batch = client.get(BEAMS + "/export" + Q)
-    assert 'filename="beams_%s_28GHz_%s.json"' % (SN, KIT) in batch.headers["content-disposition"]
-    assert batch.json()["TX"]["1"]["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
 
 
 POSTS = [("/devices/upload", {}), ("/kits", {"name": "K"}), ("/kits/%s/rename" % KIT, {"new_name": "X"}),
@@ -83,13 +80,16 @@ def test_every_changing_request_needs_this_sites_form(client, url, data):
     assert client.get("/kits").text == before
 
 
-def test_access_token_rules(db, capsys):
-    with TestClient(create_app(db, token="s3cret"), raise_server_exceptions=False) as c:
+def test_access_token_rules_and_the_upload_limit(db, capsys):
+    with TestClient(create_app(db, token="s3cret", upload_limit=1024), raise_server_exceptions=False) as c:
         assert c.get("/devices").status_code == 401
         assert c.get("/devices", headers={"Authorization": "Bearer s3cret"}).status_code == 200
         assert c.get("/devices?token=wrong").status_code == 401
         assert c.get("/devices?token=s3cret").status_code == 200
         assert c.get("/kits").status_code == 200             # the browser keeps the token in a cookie
+        page = c.post("/devices/upload", data={"csrf": c.cookies.get("vexcore_csrf")},
+                      files={"file": ("K5350R019-77_28GHz.csv", calibration_text())})
+        assert page.status_code == 413 and "larger than the limit" in page.text
     assert cli.main(["--host", "0.0.0.0"]) == 2 and "needs an access token" in capsys.readouterr().err
     assert [cli.is_loopback(h) for h in ("127.0.0.1", "::1", "localhost", "0.0.0.0", "10.1.2.3")] == \
         [True, True, True, False, False]
@@ -109,14 +109,6 @@ def test_upload_stores_a_good_file_and_refuses_a_bad_one_whole(client):
     good = post(client, "/devices/upload", files={"file": ("K5350R019-77_28GHz.csv", calibration_text("K5350R019-77"))})
     assert good.status_code == 303 and "K5350R019-77" in client.get("/devices").text
     assert post(client, "/calibration/K5350R019-77/28/reload").status_code == 303
-
-
-def test_upload_size_is_limited(db):
-    with TestClient(create_app(db, upload_limit=1024), raise_server_exceptions=False) as c:
-        c.get("/devices")
-        page = c.post("/devices/upload", data={"csrf": c.cookies.get("vexcore_csrf")},
-                      files={"file": ("K5350R019-77_28GHz.csv", calibration_text())})
-        assert page.status_code == 413 and "larger than the limit" in page.text
 
 
 def _revision(client, url):
@@ -146,6 +138,8 @@ def test_saving_a_steered_beam(client, change, status, text, saved):
         assert other("saveToBeamTableFile").RetMsg == ""
     page = post(client, url, data)
     assert page.status_code == status and text in page.text
+    if status == 422:                           # a refused form shows what was typed, to be corrected
+        assert all(re.search(r'name="%s"[^>]* value="%s"' % (k, data[k]), page.text) for k in ("db", "theta", "phi"))
     expected = saved or {"db": 3.0, "theta": 30, "phi": 0}
     assert stored_beam(SN, KIT, "TX", 1)["beam_config"] == expected
     shown = re.search(r'name="theta"[^>]* value="([^"]*)"', client.get(url).text).group(1)
@@ -181,14 +175,18 @@ def test_saving_one_page_of_a_channel_beam_keeps_the_rest(client):
     refused = post(client, url, form)
     assert refused.status_code == 422 and "BeamID_7: Checking channel config failed: Checking board_3" in refused.text
     assert "exceed the element limit ELEDR" in refused.text and stored_beam(SN, KIT, "RX", 7) is None
+    assert 'name="b3.c2.db" size="4" value="9.5"' in refused.text
     form["b3.c2.db"] = "1.0"
     assert post(client, url, form).status_code == 303
     board = stored_beam(SN, KIT, "RX", 7)["channel_config"]["board_3"]
     assert board["common_db"] == 1.5 and board["channel_2"] == {"sw": 0, "db": 1.0, "deg": 90}
 
 
-def test_import_validates_each_beam_and_replaces_only_when_confirmed(client):
-    batch = client.get(BEAMS + "/export" + Q).json()
+def test_an_exported_batch_is_validated_beam_by_beam_and_replaces_only_when_confirmed(client):
+    export = client.get(BEAMS + "/export" + Q)
+    assert 'filename="beams_%s_28GHz_%s.json"' % (SN, KIT) in export.headers["content-disposition"]
+    batch = export.json()
+    assert batch["TX"]["1"]["beam_config"] == {"db": 3.0, "theta": 30, "phi": 0}
     batch["TX"]["1"]["beam_config"]["theta"] = -10
     batch["RX"] = {"5": {"beam_description": "new", "beam_type": 0, "beam_config": {"db": 1.0, "theta": 0, "phi": 0}}}
     bad = json.loads(json.dumps(batch))
@@ -229,8 +227,6 @@ def test_kits_are_created_renamed_and_deleted_by_the_manager(client):
 
 
 def test_a_failure_is_a_message_and_a_log_record(client, monkeypatch, caplog):
-    from vexcore.web import store
-
     monkeypatch.setattr(store, "devices", lambda: 1 / 0)
     with caplog.at_level(logging.ERROR, logger="vexcore.web"):
         page = client.get("/devices")

@@ -1,5 +1,4 @@
 """The front end over a fresh demonstration database: a test client and a live server."""
-import re
 import socket
 import threading
 import time
@@ -60,7 +59,3 @@ class LiveServer:
         self.server.should_exit = True
         self.thread.join(10)
         self.socket.close()
-
-
-def csrf_of(page_text):
-    return re.search(r'name="csrf" value="([^"]+)"', page_text).group(1)

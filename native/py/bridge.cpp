@@ -76,25 +76,28 @@ nb::object global(const Name& name) {
 }
 
 nb::object RetType() {
-    static const Name n{"RetType"};
-    return global(n);
+    static const Name g_RetType{"RetType"};
+    return global(g_RetType);
 }
 
+namespace {
+const Name g_RetCode{"RetCode"};
+}  // namespace
+
 nb::object RetCode(const char* member) {
-    static const Name n{"RetCode"};
-    PyObject* code = PyObject_GetAttr(global(n).ptr(), interned(member));
+    PyObject* code = PyObject_GetAttr(global(g_RetCode).ptr(), interned(member));
     if (!code) raise_already_set();
     return nb::steal(code);
 }
 
 nb::object RFMode() {
-    static const Name n{"RFMode"};
-    return global(n);
+    static const Name g_RFMode{"RFMode"};
+    return global(g_RFMode);
 }
 
 nb::object BeamType() {
-    static const Name n{"BeamType"};
-    return global(n);
+    static const Name g_BeamType{"BeamType"};
+    return global(g_BeamType);
 }
 
 // ----------------------------------------------------------- enumerations --
@@ -107,7 +110,6 @@ nb::object enum_member(nb::handle enum_class, nb::handle value) {
 }
 
 EnumMember enum_fields(nb::handle member) {
-    static const Name k_name{"name"}, k_value{"value"};
     constexpr size_t kRemembered = 32;   // the RF modes, beam types, flags and options of a process
     static std::vector<EnumMember>* known = [] {   // kept for good; never reallocated
         auto* members = new std::vector<EnumMember>();
@@ -124,8 +126,6 @@ EnumMember enum_fields(nb::handle member) {
 // ---------------------------------------------------------------- results --
 
 namespace {
-
-const Name k_RetCode{"RetCode"}, k_RetMsg{"RetMsg"}, k_RetData{"RetData"};
 
 // The record class vexcore.QRVUtils supplies, what its construction is made of, and
 // the fields of RetType(); all kept for the life of the process.
@@ -304,9 +304,9 @@ nb::object ret_code_data(const char* code, nb::handle data) {
 nb::object ret_msg(std::string_view msg) { return make_result(nb::handle(), nb::handle(), &kw_msg, str(msg)); }
 
 bool ret_failed(nb::handle result) {
-    static const Name k_codes{"RetCode"}, k_OK{"OK"};
+    static const Name k_OK{"OK"};
     nb::object code = getattr(result, k_RetCode);
-    return compare(code, getattr(global(k_codes), k_OK), Py_NE);
+    return compare(code, getattr(global(g_RetCode), k_OK), Py_NE);
 }
 
 bool ret_failed(nb::handle result, nb::handle ok) { return compare(getattr(result, k_RetCode), ok, Py_NE); }
@@ -314,16 +314,17 @@ bool ret_failed(nb::handle result, nb::handle ok) { return compare(getattr(resul
 // ---------------------------------------------------------------- logging --
 
 Log Log::named(const char* name) {
-    static const Name n{"logging"};
-    return Log(global(n).attr("getLogger")(name));
+    static const Name g_logging{"logging"};
+    return Log(global(g_logging).attr("getLogger")(name));
 }
 
 bool Log::on(int level) const {
-    static const Name n{"isEnabledFor"};
+    static const Name k_isEnabledFor{"isEnabledFor"};
     PyObject* lvl = PyLong_FromLong(level);
     if (!lvl) raise_already_set();
     PyObject* args[2] = {logger_.ptr(), lvl};
-    PyObject* r = PyObject_VectorcallMethod(n.ptr(), args, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+    PyObject* r =
+        PyObject_VectorcallMethod(k_isEnabledFor.ptr(), args, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
     Py_DECREF(lvl);
     if (!r) raise_already_set();
     int truth = PyObject_IsTrue(r);
@@ -335,8 +336,9 @@ bool Log::on(int level) const {
 nb::object Log::message(const char* text) { return str(text); }
 
 void Log::call_method(Method method, PyObject* const* args, size_t nargs) {
-    static const Name names[] = {Name("debug"), Name("info"), Name("warning"), Name("error"), Name("exception")};
-    PyObject* r = PyObject_VectorcallMethod(names[method].ptr(), args, nargs, nullptr);
+    static const Name k_methods[] = {Name("debug"), Name("info"), Name("warning"), Name("error"),
+                                     Name("exception")};
+    PyObject* r = PyObject_VectorcallMethod(k_methods[method].ptr(), args, nargs, nullptr);
     if (!r) raise_already_set();
     Py_DECREF(r);
 }

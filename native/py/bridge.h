@@ -43,6 +43,13 @@ private:
     mutable PyObject* obj_ = nullptr;
 };
 
+// Names every part reads: the fields of enumeration members and of RetType records.
+inline const Name k_name{"name"};
+inline const Name k_value{"value"};
+inline const Name k_RetCode{"RetCode"};
+inline const Name k_RetMsg{"RetMsg"};
+inline const Name k_RetData{"RetData"};
+
 // "_" + class_name + "__" + member: the name Python gives a private member.
 std::string mangle(const char* class_name, const char* member);
 
@@ -106,6 +113,35 @@ nb::object ret_msg(std::string_view msg);
 bool ret_failed(nb::handle result);
 // The same, with `ok` (RetCode.OK) fetched once by a caller that checks many results.
 bool ret_failed(nb::handle result, nb::handle ok);
+
+// What a step of a public operation hands back when it may end the operation
+// early: either "go on" (with the step's value, when it has one) or the result the
+// operation must return now (a refusal, a failure). This is the one way native
+// code says "return this result now"; the caller reads
+//     if (EarlyResult refused = step(...)) return refused.result();
+// or, for a step that also gives a value to go on with,
+//     EarlyResult steered = step(...);
+//     if (steered) return steered.result();
+//     beam = steered.value();
+class EarlyResult {
+public:
+    static EarlyResult go_on(nb::object value = nb::object()) { return EarlyResult(std::move(value), false); }
+    static EarlyResult end_with(nb::object result) { return EarlyResult(std::move(result), true); }
+    // end_with(result) when the result failed (RetCode != OK), else go_on().
+    static EarlyResult if_failed(nb::object result) {
+        return ret_failed(result) ? end_with(std::move(result)) : go_on();
+    }
+
+    // True when the operation must return result() now.
+    explicit operator bool() const { return ends_; }
+    const nb::object& result() const { return object_; }   // when it ends the operation
+    const nb::object& value() const { return object_; }    // when the operation goes on
+
+private:
+    EarlyResult(nb::object object, bool ends) : object_(std::move(object)), ends_(ends) {}
+    nb::object object_;
+    bool ends_;
+};
 
 // ---------------------------------------------------------------- logging --
 
@@ -220,9 +256,10 @@ nb::object exception_object(std::exception_ptr error);
 //     try: return body()
 //     except Exception as e: return on_error(e)
 // BaseException subclasses that are not Exception (KeyboardInterrupt, SystemExit)
-// propagate, as they would past `except Exception`.
-template <class Body, class OnError>
-nb::object guard(Body&& body, OnError&& on_error) {
+// propagate, as they would past `except Exception`. A step that may end its
+// operation early guards itself as guard<EarlyResult>(...).
+template <class Result = nb::object, class Body, class OnError>
+Result guard(Body&& body, OnError&& on_error) {
     nb::object exc;
     try {
         return body();

@@ -125,7 +125,10 @@ nb::list owned_files(nb::handle folder) {
 }  // namespace
 
 void define_codec_submodule(nb::module_& m) {
-    nb::module_ c = m.def_submodule("_codec", "Internal: the native codecs, exposed for tests and benchmarks.");
+    nb::module_ c = m.def_submodule("_codec",
+                                    "Internal: the module's native codecs (JSON, CSV, numbers, atomic file "
+                                    "writing) for the package's own tools: the table tool, the web front end's "
+                                    "beam store, the tests and benchmarks. Not part of the public API.");
     c.def("read_text_file", [](nb::handle path) { return str(read_text_file(path)); }, arg("path"));
     c.def("int_from_text", [](nb::handle s) { return int_from_text(utf8_arg(s)); }, arg("text"));
     c.def("float_from_text", [](nb::handle s) { return float_from_text(utf8_arg(s)); }, arg("text"));

@@ -19,7 +19,7 @@
 namespace vex::py {
 namespace {
 
-const Name k_csv{"csv"};
+const Name g_csv{"csv"};
 const Name k_Error{"Error"};
 
 }  // namespace
@@ -62,7 +62,7 @@ namespace {
 
 // ---------------------------------------------------------------- csv.Error --
 
-nb::object csv_error_type() { return getattr(global(k_csv), k_Error); }
+nb::object csv_error_type() { return getattr(global(g_csv), k_Error); }
 
 [[noreturn]] void raise_csv_error(nb::handle message) {
     PyErr_SetObject(csv_error_type().ptr(), message.ptr());

@@ -168,7 +168,8 @@ FsPath fs_path(nb::handle path);
 std::string_view utf8_of(nb::handle s, nb::object& keeper, bool keep_surrogates);
 
 // Defines the internal submodule `_codec` of `m`: thin wrappers over the
-// functions above, for the tests and benchmarks. Not part of the public API.
+// functions above, for the package's own tools (the table tool, the web front
+// end's beam store) and the tests and benchmarks. Not part of the public API.
 void define_codec_submodule(nb::module_& m);
 
 }  // namespace vex::py

@@ -728,9 +728,9 @@ void remember_standard_json_loads(nb::handle loads) {
 }
 
 nb::object load_json_file(nb::handle path) {
-    static const Name k_json{"json"};
+    static const Name g_json{"json"};
     static const Name k_loads{"loads"};
-    nb::object loads = getattr(global(k_json), k_loads);
+    nb::object loads = getattr(global(g_json), k_loads);
     if (loads.ptr() == g_standard_json_loads) return json_loads(read_text_file(path));
     return loads(str(read_text_file(path)));
 }

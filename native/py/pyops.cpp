@@ -39,12 +39,21 @@ nb::object percent(const char* fmt, nb::handle arg) {
     return nb::steal(s);
 }
 
-Py_ssize_t as_index(nb::handle value) {
-    PyObject* index = PyNumber_Index(value.ptr());
-    if (!index) raise_already_set();
-    Py_ssize_t n = PyLong_AsSsize_t(index);
-    Py_DECREF(index);
+Py_ssize_t range_bound(nb::handle value) {
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), nullptr);   // clamps, raises only for a non-integer
     if (n == -1 && PyErr_Occurred()) raise_already_set();
+    return n;
+}
+
+Py_ssize_t list_position(nb::handle value) {
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_IndexError);
+    if (n == -1 && PyErr_Occurred()) raise_already_set();
+    return n;
+}
+
+Py_ssize_t py_len(nb::handle value) {
+    Py_ssize_t n = PyObject_Length(value.ptr());
+    if (n < 0) raise_already_set();
     return n;
 }
 
@@ -82,8 +91,8 @@ std::array<nb::object, 3> unpack_three(nb::handle value) {
 }
 
 long csv_field_size_limit() {
-    static const Name k_csv{"csv"}, k_field_size_limit{"field_size_limit"};
-    nb::object limit = getattr(global(k_csv), k_field_size_limit)();
+    static const Name g_csv{"csv"}, k_field_size_limit{"field_size_limit"};
+    nb::object limit = getattr(global(g_csv), k_field_size_limit)();
     const long value = PyLong_AsLong(limit.ptr());
     if (value == -1 && PyErr_Occurred()) raise_already_set();
     return value;

@@ -13,10 +13,6 @@
 
 namespace vex::py {
 
-// Names read from enumeration members and records by several managers.
-inline const Name k_name{"name"};
-inline const Name k_value{"value"};
-
 // The logger an instance keeps under `logger_attr` (its mangled private name).
 Log logger_of(nb::handle self, const Name& logger_attr);
 
@@ -35,8 +31,20 @@ nb::object pair_list(nb::handle first, nb::handle second);
 // is the one value. Wrap a value that may itself be a tuple: nb::make_tuple(v).
 nb::object percent(const char* fmt, nb::handle arg);
 
-// operator.index(value) as a C integer, as range() takes a layout number.
-Py_ssize_t as_index(nb::handle value);
+// A layout number (boards, chips, channels) as the bound of a loop, taken as
+// range() takes it: operator.index(value), any size. A value beyond the C range is
+// clamped to it; no loop counts that far, so the loop over the clamped bound does
+// what `for i in range(value)` does: runs until what it touches fails (a board
+// missing from a table), or not at all for a negative value.
+Py_ssize_t range_bound(nb::handle value);
+
+// operator.index(value) as a position in a list, with list indexing's errors: a
+// value beyond the C range raises IndexError "cannot fit 'int' into an
+// index-sized integer", as some_list[value] does.
+Py_ssize_t list_position(nb::handle value);
+
+// len(value)
+Py_ssize_t py_len(nb::handle value);
 
 // a, b, c = value: exactly three values, with Python's unpacking errors.
 std::array<nb::object, 3> unpack_three(nb::handle value);

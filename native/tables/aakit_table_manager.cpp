@@ -65,9 +65,6 @@ const Name k_STEERING_V{"STEERING_V"};
 const Name k_OFFSET_TX{"OFFSET_TX"};
 const Name k_OFFSET_RX{"OFFSET_RX"};
 
-const Name k_RetCode{"RetCode"};
-const Name k_RetData{"RetData"};
-const Name k_RetMsg{"RetMsg"};
 const Name k_empty{""};
 
 // Module globals, looked up when used.
@@ -573,8 +570,8 @@ nb::object get_aakit_list(nb::handle self, nb::handle force_refresh, nb::handle 
 }
 
 nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local) {
-    static const Name not_selected{"Fail to getAAKitInfo, please call selectAAKit() first"};
-    static const Name failed{"getAAKitInfo exception"};
+    static const Name k_not_selected{"Fail to getAAKitInfo, please call selectAAKit() first"};
+    static const Name k_failed{"getAAKitInfo exception"};
     nb::object ret = ret_ok();
     // The logger is looked up only when there is something to log: this query is on
     // every beam switch.
@@ -589,7 +586,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
                 nb::object selected = getattr(self, a_aakit_name);
                 if (compare(selected, k_empty, Py_EQ)) {
                     setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
-                    setattr(ret, k_RetMsg, not_selected);
+                    setattr(ret, k_RetMsg, k_not_selected);
                     logger_of(self, a_logger).error(getattr(ret, k_RetMsg));
                 } else {
                     setattr(ret, k_RetData, getitem(table, selected));
@@ -599,7 +596,7 @@ nb::object get_aakit_info(nb::handle self, nb::handle kit_name, nb::handle local
         },
         [&](nb::handle) -> nb::object {
             setattr(ret, k_RetCode, RetCode("ERROR_BF_AAKIT"));
-            setattr(ret, k_RetMsg, failed);
+            setattr(ret, k_RetMsg, k_failed);
             logger_of(self, a_logger).exception(getattr(ret, k_RetMsg));
             return nb::none();
         });
@@ -675,14 +672,9 @@ bool check_field(nb::handle self, nb::handle field_name, nb::handle field) {
     bool is_dict = PyDict_Check(field.ptr());
     Py_ssize_t count = 0;
     if (is_dict) {
-        for (nb::handle values : nb::borrow<nb::dict>(field).values()) {
-            Py_ssize_t n = PyObject_Length(values.ptr());
-            if (n < 0) raise_already_set();
-            count += n;
-        }
+        for (nb::handle values : nb::borrow<nb::dict>(field).values()) count += py_len(values);
     } else {
-        count = PyObject_Length(field.ptr());
-        if (count < 0) raise_already_set();
+        count = py_len(field);
     }
     nb::object counted = py_int(count);
     if (!compare(counted, limit, Py_NE)) return true;

@@ -13,8 +13,6 @@ namespace vex::tables::beams {
 using namespace vex::py;
 
 namespace {
-const Name k_RetData{"RetData"};
-const Name k_RetMsg{"RetMsg"};
 const Name g_Path{"Path"};
 const Name g_Utils{"_Utils"};
 const Name g_BTField{"BTField"};
@@ -73,9 +71,9 @@ nb::object current_version_word() {
 
 Layout read_layout(nb::handle self) {
     Layout layout;
-    layout.boards = as_index(getattr(self, a_num_board));
-    layout.channels_per_ic = as_index(getattr(self, a_num_channel_per_ic));
-    layout.total_channels = as_index(getattr(self, a_total_ch));
+    layout.boards = range_bound(getattr(self, a_num_board));
+    layout.channels_per_ic = range_bound(getattr(self, a_num_channel_per_ic));
+    layout.total_channels = range_bound(getattr(self, a_total_ch));
     return layout;
 }
 
@@ -132,8 +130,8 @@ void for_each_item(nb::handle mapping, F&& visit) {
         }
         return;
     }
-    static const Name items{"items"};
-    nb::object view = getattr(mapping, items)();
+    static const Name k_items{"items"};
+    nb::object view = getattr(mapping, k_items)();
     for (nb::handle pair : view) {
         nb::object key = getitem(pair, Py_ssize_t(0));
         nb::object value = getitem(pair, Py_ssize_t(1));
@@ -149,9 +147,18 @@ nb::object error_result(const char* message) { return ret_error("ERROR_BF_BEAM",
 
 namespace {
 
-// The "db" of channel_1 ... channel_<n> of one board, in channel order.
+// The "db" of channel_1 ... channel_<n> of one board, in channel order. The list
+// of a real layout is sized once; one of a huge channel count grows as channels
+// are found, so it fails at the first one missing as the loop over range() does,
+// and a negative count gives an empty list.
 nb::list board_gains(nb::handle board, Py_ssize_t channels) {
-    nb::list gains = nb::steal<nb::list>(PyList_New(channels));
+    constexpr Py_ssize_t kLargestPresized = 1 << 16;
+    if (channels > kLargestPresized) {
+        nb::list gains;
+        for (Py_ssize_t c = 0; c < channels; ++c) gains.append(getitem(getitem(board, channel_key(c + 1)), k_db));
+        return gains;
+    }
+    nb::list gains = nb::steal<nb::list>(PyList_New(channels > 0 ? channels : 0));
     for (Py_ssize_t c = 0; c < channels; ++c) {
         nb::object channel = getitem(board, channel_key(c + 1));
         list_fill(gains.ptr(), c, getitem(channel, k_db).release().ptr());
@@ -363,11 +370,11 @@ struct SetRequest {
     nb::handle description;
 };
 
-// Merges and validates a channel beam. Returns an invalid object on success, or
-// the result that ends the call.
-nb::object apply_channel_beam(const SetRequest& req, nb::handle beam) {
-    nb::object outcome = guard(
-        [&]() -> nb::object {
+// Merges and validates a channel beam; ends the set with the validation's failure
+// or "Invalid channel config".
+EarlyResult apply_channel_beam(const SetRequest& req, nb::handle beam) {
+    return guard<EarlyResult>(
+        [&] {
             if (contains(beam, k_beam_config)) {
                 // A steered beam becomes a channel beam: its steering values mean
                 // nothing now, so it starts from the default channel configuration.
@@ -380,25 +387,24 @@ nb::object apply_channel_beam(const SetRequest& req, nb::handle beam) {
             else
                 req.log.debug(str("Skip assign channel config, just checking original gains"));
             nb::object checked = validate_channel_config(req.self, beam, req.mode.member);
-            if (!ret_failed(checked)) return nb::none();
+            if (!ret_failed(checked)) return EarlyResult::go_on();
             nb::object prefix =
                 concat(concat(str("BeamID_"), py_str(req.beam_id)), str(": Checking channel config failed: "));
             nb::object message = concat(prefix, getattr(checked, k_RetMsg));
             setattr(checked, k_RetMsg, message);
             req.log.error(message);
-            return checked;
+            return EarlyResult::end_with(checked);
         },
         [&](nb::handle) {
             req.log.exception(str("Invalid channel config"));
-            return error_result("Invalid channel config");
+            return EarlyResult::end_with(error_result("Invalid channel config"));
         });
-    return outcome.is_none() ? nb::object() : outcome;
 }
 
 // Checks a steered beam through the beam hook and stores the values it accepts.
-// Returns the beam to store (a fresh one when it was a channel beam); `refused`
-// receives the hook's result when it refuses.
-nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle beam_type, nb::object& refused) {
+// Goes on with the beam to store (a fresh one when it was a channel beam), or ends
+// the set with the hook's refusal.
+EarlyResult apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle beam_type) {
     if (contains(beam, k_channel_config)) {
         nb::dict fresh;
         fill_default_beam(req.self, fresh, beam_type, req.mode);
@@ -410,16 +416,13 @@ nb::object apply_steered_beam(const SetRequest& req, nb::object beam, nb::handle
     nb::object theta = getitem(source, k_theta);
     nb::object phi = getitem(source, k_phi);
     nb::object checked = check_steered_beam(req.self, req.mode.member, db, theta, phi);
-    if (ret_failed(checked)) {
-        refused = checked;
-        return beam;
-    }
+    if (ret_failed(checked)) return EarlyResult::end_with(checked);
     const std::array<nb::object, 3> accepted = unpack_three(getattr(checked, k_RetData));
     nb::object beam_config = getitem(beam, k_beam_config);
     setitem(beam_config, k_db, accepted[0]);
     setitem(beam_config, k_theta, accepted[1]);
     setitem(beam_config, k_phi, accepted[2]);
-    return beam;
+    return EarlyResult::go_on(beam);
 }
 
 // The class's own getBeamPattern function, kept when the class is made.
@@ -469,12 +472,11 @@ nb::object write_beam(nb::handle self, const Log& log, nb::handle mode, nb::hand
     setitem(beam, k_beam_type, getattr(type, k_value));
 
     if (compare(type, BeamType().attr("BEAM"), Py_EQ)) {
-        nb::object refused;
-        beam = apply_steered_beam(req, beam, type, refused);
-        if (refused.is_valid()) return refused;
+        EarlyResult steered = apply_steered_beam(req, beam, type);
+        if (steered) return steered.result();
+        beam = steered.value();
     } else {
-        nb::object refused = apply_channel_beam(req, beam);
-        if (refused.is_valid()) return refused;
+        if (EarlyResult refused = apply_channel_beam(req, beam)) return refused.result();
     }
 
     if (log.on(INFO))
@@ -518,13 +520,13 @@ void define_beam_pattern_table_manager(nb::module_& m) {
     cls.def("getBeamIdStorage", &get_beam_id_storage);
     cls.def("getBeamPattern", &get_beam_pattern, arg("mode"), arg("beamId"));
     // The function itself (as stored in the class), kept for good.
-    static const Name k_class_dict{"__dict__"};
+    static const Name k_class_dict{"__dict__"}, g_BTModeFilter{"BTModeFilter"};
     g_own_get_beam_pattern = getitem(getattr(cls.type(), k_class_dict), m_getBeamPattern).release().ptr();
     cls.def("setBeamPattern", &set_beam_pattern, arg("mode"), arg("beamId"), arg("beamType"),
             arg("config") = nb::none(), arg("description") = nb::none(), arg("save") = true);
     cls.def_private("validateChannelConfig", &validate_channel_config, arg("config"), arg("mode"));
     cls.def("_getBatchBeamPattern", &get_batch_beam_pattern,
-            arg("mode_filter") = global(Name("BTModeFilter")).attr("ALL"), arg("callback") = nb::none());
+            arg("mode_filter") = global(g_BTModeFilter).attr("ALL"), arg("callback") = nb::none());
     cls.def("_setBatchBeamPattern", &set_batch_beam_pattern, arg("batch_config"), arg("option"),
             arg("callback") = nb::none());
     cls.finish();

@@ -17,11 +17,10 @@ using namespace vex::py;
 
 namespace {
 
-const Name k_BTModeFilter{"BTModeFilter"};
-const Name k_BTSetOption{"BTSetOption"};
+const Name g_BTModeFilter{"BTModeFilter"};
+const Name g_BTSetOption{"BTSetOption"};
 const Name k_members{"__members__"};
 const Name k_items{"items"};
-const Name k_RetData{"RetData"};
 
 // Flag bits of BTModeFilter and BTSetOption.
 constexpr long kTX = 1, kRX = 2;
@@ -45,7 +44,7 @@ nb::object not_ready(const Log& log) {
 
 nb::object read_batch(nb::handle self, const Log& log, nb::handle mode_filter, nb::handle callback) {
     log.info("getBatchBeamPattern with filter: %s", mode_filter);
-    long bits = flag_bits(k_BTModeFilter, mode_filter);
+    long bits = flag_bits(g_BTModeFilter, mode_filter);
     if (!callback.is_none()) {
         // Web mode: the table comes fresh from the host through _load.
         log.info(str("calling _load()"));
@@ -75,10 +74,9 @@ bool is_steered(nb::handle beam_type) {
 }
 
 // Calls visit(mode member, mode name, beams) for every batch entry named after an
-// RF mode, in the batch's order. Stops at and returns the first result visit
-// gives back (an invalid object means "go on").
+// RF mode, in the batch's order, until a visit ends the operation.
 template <class F>
-nb::object for_each_mode(nb::handle batch, F&& visit) {
+EarlyResult for_each_mode(nb::handle batch, F&& visit) {
     nb::object members = getattr(RFMode(), k_members);
     nb::object pairs = getattr(batch, k_items)();
     for (nb::handle pair : pairs) {
@@ -86,21 +84,19 @@ nb::object for_each_mode(nb::handle batch, F&& visit) {
         int known = PySequence_Contains(members.ptr(), name.ptr());
         if (known < 0) raise_already_set();
         if (!known) continue;
-        nb::object stop = visit(getitem(members, name), name, getitem(pair, Py_ssize_t(1)));
-        if (stop.is_valid()) return stop;
+        if (EarlyResult stop = visit(getitem(members, name), name, getitem(pair, Py_ssize_t(1)))) return stop;
     }
-    return nb::object();
+    return EarlyResult::go_on();
 }
 
-// Calls visit(beam id, beam) for every beam of a mode's batch entry.
+// Calls visit(beam id, beam) for every beam of a mode's batch entry, until a visit
+// ends the operation.
 template <class F>
-nb::object for_each_beam(nb::handle beams, F&& visit) {
+EarlyResult for_each_beam(nb::handle beams, F&& visit) {
     nb::object pairs = getattr(beams, k_items)();
-    for (nb::handle pair : pairs) {
-        nb::object stop = visit(getitem(pair, Py_ssize_t(0)), getitem(pair, Py_ssize_t(1)));
-        if (stop.is_valid()) return stop;
-    }
-    return nb::object();
+    for (nb::handle pair : pairs)
+        if (EarlyResult stop = visit(getitem(pair, Py_ssize_t(0)), getitem(pair, Py_ssize_t(1)))) return stop;
+    return EarlyResult::go_on();
 }
 
 nb::object beam_id_number(nb::handle beam_id) {
@@ -112,17 +108,18 @@ nb::object beam_id_number(nb::handle beam_id) {
 // Applies every beam through setBeamPattern without saving. With replace_all each
 // mode named in the batch first gets a new, empty section, so beams absent from
 // the batch are gone; the old section object stays intact for whoever still holds
-// it (a batch read with _getBatchBeamPattern shares it).
-nb::object apply_batch(nb::handle self, nb::handle table, nb::handle batch, bool replace_all) {
+// it (a batch read with _getBatchBeamPattern shares it). Ends the operation with
+// the first set that fails.
+EarlyResult apply_batch(nb::handle self, nb::handle table, nb::handle batch, bool replace_all) {
     nb::object set_beam = getattr(self, m_setBeamPattern);
-    return for_each_mode(batch, [&](nb::handle mode, nb::handle name, nb::handle beams) -> nb::object {
+    return for_each_mode(batch, [&](nb::handle mode, nb::handle name, nb::handle beams) {
         if (replace_all) setitem(table, name, nb::dict());
-        return for_each_beam(beams, [&](nb::handle beam_id, nb::handle beam) -> nb::object {
+        return for_each_beam(beams, [&](nb::handle beam_id, nb::handle beam) {
             nb::object type = getitem(beam, k_beam_type);
             nb::object config = getitem(beam, is_steered(type) ? k_beam_config : k_channel_config);
             nb::object applied = set_beam(mode, beam_id_number(beam_id), type, config,
                                           getitem(beam, k_beam_description), nb::arg("save") = false);
-            return ret_failed(applied) ? applied : nb::object();
+            return EarlyResult::if_failed(applied);
         });
     });
 }
@@ -135,10 +132,11 @@ nb::object save_batch(nb::handle self, nb::handle table, nb::handle callback) {
     return saved;
 }
 
-// Checks every beam of the batch through the hooks, changing nothing.
-nb::object validate_batch(nb::handle self, nb::handle batch) {
-    return for_each_mode(batch, [&](nb::handle mode, nb::handle, nb::handle beams) -> nb::object {
-        return for_each_beam(beams, [&](nb::handle, nb::handle beam) -> nb::object {
+// Checks every beam of the batch through the hooks, changing nothing. Ends the
+// operation with the first check that fails.
+EarlyResult validate_batch(nb::handle self, nb::handle batch) {
+    return for_each_mode(batch, [&](nb::handle mode, nb::handle, nb::handle beams) {
+        return for_each_beam(beams, [&](nb::handle, nb::handle beam) {
             nb::object checked;
             if (is_steered(getitem(beam, k_beam_type))) {
                 nb::object steering = getitem(beam, k_beam_config);
@@ -147,7 +145,7 @@ nb::object validate_batch(nb::handle self, nb::handle batch) {
             } else {
                 checked = validate_channel_config(self, beam, mode);
             }
-            return ret_failed(checked) ? checked : nb::object();
+            return EarlyResult::if_failed(checked);
         });
     });
 }
@@ -156,20 +154,18 @@ nb::object write_batch(nb::handle self, const Log& log, nb::handle batch, nb::ha
     log.info(str("setBatchBeamPattern with option: %s"), option);
     if (!is_mapping(batch))
         raise(PyExc_TypeError, std::string("batch_config must be a mapping, not ") + type_name_of(batch.ptr()));
-    long bits = flag_bits(k_BTSetOption, option);
+    long bits = flag_bits(g_BTSetOption, option);
     nb::object data;
     if (bits & kSave) {
         nb::object table = getattr(self, a_table);
         if (table.is_none()) return not_ready(log);
-        nb::object refused = apply_batch(self, table, batch, bits & kReplaceAll);
-        if (refused.is_valid()) return refused;
+        if (EarlyResult refused = apply_batch(self, table, batch, bits & kReplaceAll)) return refused.result();
         nb::object saved = save_batch(self, getattr(self, a_table), callback);
         if (ret_failed(saved)) return saved;
         data = getattr(self, a_table);
     }
     if (bits & kValidate) {
-        nb::object refused = validate_batch(self, batch);
-        if (refused.is_valid()) return refused;
+        if (EarlyResult refused = validate_batch(self, batch)) return refused.result();
     }
     if (bits & kGet) data = nb::borrow(batch);
     return data.is_valid() ? ret_data(data) : ret_ok();

@@ -7,6 +7,7 @@
 #include "tables/beam_pattern_table_manager.h"
 #include "py/capi.h"
 
+#include <algorithm>
 #include <string>
 
 namespace vex::tables::beams {
@@ -24,8 +25,13 @@ nb::object limit_at(nb::handle limits, Py_ssize_t index) {
     return getitem(limits, key);
 }
 
+// Sizes are only hints, capped so that a huge layout number asks for nothing
+// unreasonable (a dict grows as needed).
+constexpr Py_ssize_t kLargestSizeHint = 1 << 16;
+
+// A dict sized for `size` items.
 nb::object new_dict(Py_ssize_t size) {
-    PyObject* d = new_dict_presized(size);
+    PyObject* d = new_dict_presized(std::min(size, kLargestSizeHint));
     if (!d) raise_already_set();
     return nb::steal(d);
 }
@@ -80,7 +86,7 @@ void fill_channel_config(nb::handle config, const Layout& layout, nb::handle sel
             started = true;
             board_gain = template_channel = nb::object();
             if (use.channels) {
-                board = new_dict(n + 1);
+                board = new_dict(std::min(n, kLargestSizeHint) + 1);   // common_db and n channels
                 put(board, k_common_db, common);
                 planned_board = planned_item(use.planned, board_key(board_number));
                 if (planned_board.is_valid() && !PyDict_CheckExact(planned_board.ptr()))

@@ -7,6 +7,7 @@
 
 #include "py/codecs.h"
 
+#include <cmath>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -155,7 +156,9 @@ bool channel_number(nb::handle value, Py_ssize_t& number) {
     }
     if (PyFloat_Check(value.ptr())) {
         double d = float_value(value.ptr());
-        if (d != static_cast<double>(static_cast<long long>(d))) return false;
+        // Only a whole number within reach of a channel count can be one (and
+        // only such a number converts to an integer without undefined behaviour).
+        if (!(std::fabs(d) < 0x1p62) || d != std::trunc(d)) return false;
         number = static_cast<Py_ssize_t>(d);
         return true;
     }
@@ -183,18 +186,17 @@ nb::object file_error(const Log& log, nb::handle message) {
 
 // Builds "channel_config" from an old per-channel list: boards of channels_per_ic
 // channels with a null "common_db" (left for the user to fill), each channel's
-// gain capped at the board's COMDR + ELEDR. Returns an invalid object on success,
-// else the error result.
-nb::object convert_channel_list(nb::handle self, const Log& log, const Mode& mode, nb::handle beam_id,
-                                nb::handle channels, nb::handle entry) {
+// gain capped at the board's COMDR + ELEDR. Ends the load with the error result
+// of a list that does not fit the layout.
+EarlyResult convert_channel_list(nb::handle self, const Log& log, const Mode& mode, nb::handle beam_id,
+                                 nb::handle channels, nb::handle entry) {
     Layout layout = read_layout(self);
-    Py_ssize_t count = PyObject_Length(channels.ptr());
-    if (count < 0) raise_already_set();
+    Py_ssize_t count = py_len(channels);
     if (count != layout.total_channels) {
         nb::object message = nb::steal(PyUnicode_FromFormat(
             "%S BeamID:%S: count of channel_config(%zd) not match with channel count(%S)", mode.name.ptr(),
             py_str(beam_id).ptr(), count, py_str(getattr(self, a_total_ch)).ptr()));
-        return file_error(log, message);
+        return EarlyResult::end_with(file_error(log, message));
     }
     std::vector<nb::object> by_number = index_old_channels(channels, layout.total_channels);
     nb::dict config;
@@ -207,7 +209,8 @@ nb::object convert_channel_list(nb::handle self, const Log& log, const Mode& mod
         if (!old.is_valid()) {
             nb::object number = nb::int_(ch);
             log.error(str("Can not find channel seq: %d"), number);
-            return ret_error("ERROR_BF_BEAM_FILE", percent("Can not find channel seq: %d", number));
+            return EarlyResult::end_with(
+                ret_error("ERROR_BF_BEAM_FILE", percent("Can not find channel seq: %d", number)));
         }
         if (py_mod(ch, n) == 1) {
             board_number = static_cast<Py_ssize_t>(static_cast<double>(ch) / static_cast<double>(n)) + 1;
@@ -227,35 +230,36 @@ nb::object convert_channel_list(nb::handle self, const Log& log, const Mode& mod
         setitem(board, channel_key(py_mod(ch - 1, n) + 1), channel);
         if (py_mod(ch, n) == 0) setitem(config, board_key(board_number), board);
     }
-    return nb::object();
+    return EarlyResult::go_on();
 }
 
-// One old beam into the new shape. Returns an invalid object on success, else the
-// error result. Beams without a type are left out.
-nb::object convert_old_beam(nb::handle self, const Log& log, const Mode& mode, nb::handle section,
-                            nb::handle old) {
+// One old beam into the new shape, or the error result that ends the load. Beams
+// without a type are left out.
+EarlyResult convert_old_beam(nb::handle self, const Log& log, const Mode& mode, nb::handle section,
+                             nb::handle old) {
     nb::object beam_id = getitem(old, k_beamId);
     nb::object type = dict_get(old, k_beam_type);
-    if (!type.is_valid() || type.is_none()) return nb::object();
+    if (!type.is_valid() || type.is_none()) return EarlyResult::go_on();
     nb::dict entry;
     entry[k_beam_description.handle()] = str("");
     entry[k_beam_type.handle()] = type;
     if (compare(type, BeamType().attr("BEAM").attr("value"), Py_EQ)) {
         entry[k_beam_config.handle()] = getitem(old, k_beam_config);
     } else {
-        nb::object failed = convert_channel_list(self, log, mode, beam_id, getitem(old, k_channel_config), entry);
-        if (failed.is_valid()) return failed;
+        nb::object channels = getitem(old, k_channel_config);
+        if (EarlyResult failed = convert_channel_list(self, log, mode, beam_id, channels, entry)) return failed;
     }
     if (log.on(DEBUG))
         log.debug(nb::steal(PyUnicode_FromFormat("Transfer config: [%S][%S] %S", mode.name.ptr(),
                                                  py_str(beam_id).ptr(), entry.ptr())));
     setitem(section, py_str(beam_id), entry);
-    return nb::object();
+    return EarlyResult::go_on();
 }
 
-// Converts a table of the old list-based format in place. Returns an invalid
-// object on success, else the error result (the table is then partly converted).
-nb::object convert_old_table(nb::handle self, const Log& log, nb::handle table) {
+// Converts a table of the old list-based format in place, or ends the load with
+// the error result of a beam that cannot be converted (the table is then partly
+// converted).
+EarlyResult convert_old_table(nb::handle self, const Log& log, nb::handle table) {
     std::vector<Mode> modes = rf_modes();
     bool has_kit = truthy(getattr(self, a_aakit));
     for (const Mode& mode : modes)
@@ -268,12 +272,10 @@ nb::object convert_old_table(nb::handle self, const Log& log, nb::handle table) 
         setitem(table, mode.name, section);
         if (PyObject_DelItem(table.ptr(), key.ptr()) < 0) raise_already_set();
         log_default_beams(self, log, mode);
-        for (nb::handle old : old_beams) {
-            nb::object failed = convert_old_beam(self, log, mode, section, old);
-            if (failed.is_valid()) return failed;
-        }
+        for (nb::handle old : old_beams)
+            if (EarlyResult failed = convert_old_beam(self, log, mode, section, old)) return failed;
     }
-    return nb::object();
+    return EarlyResult::go_on();
 }
 
 nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::handle aakit, nb::handle callback) {
@@ -295,8 +297,7 @@ nb::object load_table(nb::handle self, const Log& log, nb::handle freq, nb::hand
     setattr(self, a_table, table);
     nb::object version = read_version(log, table);
     if (compare(version, str("v1.1.0"), Py_LT)) {
-        nb::object failed = convert_old_table(self, log, table);
-        if (failed.is_valid()) return failed;
+        if (EarlyResult failed = convert_old_table(self, log, table)) return failed.result();
     }
     pause.finish_collecting_young();
     log.info(str("Loaded Beam Table from: %s"), path);

@@ -15,15 +15,6 @@ using namespace vex::py;
 
 // ---------------------------------------------------------- small helpers ---
 
-bool py_eq(nb::handle a, nb::handle b) { return compare(a, b, Py_EQ); }
-bool py_lt(nb::handle a, nb::handle b) { return compare(a, b, Py_LT); }
-
-Py_ssize_t py_len(nb::handle value) {
-    Py_ssize_t n = PyObject_Length(value.ptr());
-    if (n < 0) raise_already_set();
-    return n;
-}
-
 nb::object py_format(const char* fmt, nb::handle value) {
     PyObject* text = PyUnicode_FromFormat(fmt, value.ptr());
     if (!text) raise_already_set();
@@ -59,8 +50,8 @@ bool uses_database(nb::handle self) { return truthy(getattr(self, a_web_mode)) &
 nb::object database(nb::handle self) { return getattr(self, a_db); }
 
 bool is_database_error(nb::handle exc) {
-    static const Name error_class{"QRVTableDBError"};
-    int r = PyObject_IsInstance(exc.ptr(), global(error_class).ptr());
+    static const Name g_QRVTableDBError{"QRVTableDBError"};
+    int r = PyObject_IsInstance(exc.ptr(), global(g_QRVTableDBError).ptr());
     if (r < 0) raise_already_set();
     return r == 1;
 }
@@ -90,16 +81,16 @@ nb::list dual_polarization_frequencies() {
 }
 
 nb::object database_adapter(nb::handle sn, nb::handle freq) {
-    static const Name adapter_class{"_QRVTableDB"};
+    static const Name g_QRVTableDB{"_QRVTableDB"};
     nb::dict filter;
     filter["sn"] = sn;
     filter["frequency"] = freq;
-    return global(adapter_class)("calibration", filter);
+    return global(g_QRVTableDB)("calibration", filter);
 }
 
 nb::object files_folder() {
-    static const Name path_class{"Path"}, utils{"_Utils"};
-    return global(path_class)(global(utils).attr("_get_files_dir")());
+    static const Name g_Path{"Path"}, g_Utils{"_Utils"};
+    return global(g_Path)(global(g_Utils).attr("_get_files_dir")());
 }
 
 void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout, nb::handle support_polar,
@@ -119,9 +110,9 @@ void init(nb::handle self, nb::handle sn, nb::handle freq, nb::handle rf_layout,
 
     if (truthy(support_polar)) {
         // The built-in record is the whole table: no database, no files folder.
-        static const Name moss_cali{"moss_cali"};
+        static const Name g_moss_cali{"moss_cali"};
         setattr(self, a_freq_list, dual_polarization_frequencies());
-        setattr(self, a_CaliTable, global(moss_cali));
+        setattr(self, a_CaliTable, global(g_moss_cali));
         return;
     }
     if (web_mode) setattr(self, a_db, database_adapter(sn, freq));
@@ -149,8 +140,8 @@ nb::object frequency_in_name(nb::handle path, nb::handle ghz_extension) {
 // separators or NUL. Such a serial number would make the search pattern (and the
 // JSON export beside the file found) reach outside the files folder.
 bool serial_number_leaves_folder(nb::handle sn_text) {
-    static const Name os_module{"os"};
-    nb::object os = global(os_module);
+    static const Name g_os{"os"};
+    nb::object os = global(g_os);
     const nb::object separators[] = {nb::str("/"), nb::str("\0", 1), os.attr("sep"), os.attr("altsep")};
     for (const nb::object& separator : separators) {
         if (separator.is_none()) continue;
@@ -187,15 +178,15 @@ nb::object search_cali_file(nb::handle self, nb::handle extension) {
     if (!joined) raise_already_set();
     nb::object pattern = nb::str(nb::steal(joined));
 
-    static const Name glob_module{"glob"};
-    nb::object paths = global(glob_module).attr("glob")(pattern);
+    static const Name g_glob{"glob"};
+    nb::object paths = global(g_glob).attr("glob")(pattern);
     if (!truthy(paths)) return result;
 
     nb::object ghz_extension = nb::str("GHz") + nb::borrow(extension);
     nb::object freq = getattr(self, a_freq);
     for (nb::handle path : paths) {
         nb::object path_freq = frequency_in_name(path, ghz_extension);
-        if (py_eq(path_freq, freq)) result = nb::borrow(path);
+        if (compare(path_freq, freq, Py_EQ)) result = nb::borrow(path);
         freq_list.append(path_freq);
     }
     freq_list.attr("sort")();
@@ -243,11 +234,11 @@ nb::object get_frequency_list(nb::handle self, nb::handle force_refresh) {
 
 nb::object query_cali_table_ver(nb::handle self) {
     Log log = logger_of(self, a_logger);
-    static const Name ver{"VER"};
+    static const Name k_VER{"VER"};
     return guard(
         [&]() -> nb::object {
             if (uses_database(self)) return database(self).attr(k_query)("VER");
-            return ret_data(getitem(getattr(self, a_CaliTable), ver));
+            return ret_data(getitem(getattr(self, a_CaliTable), k_VER));
         },
         [&](nb::handle exc) -> nb::object {
             if (is_database_error(exc)) {
@@ -264,13 +255,13 @@ nb::object query_cali_table_ver(nb::handle self) {
 // The first failing check names the problem. The version is compared as text on
 // purpose: that is how tables have always been ordered ("10.0.0" < "2.0.0").
 const char* header_problem(nb::handle self, nb::handle table) {
-    static const Name ver{"VER"}, sn{"SN"}, fcenter{"FCENTER"};
-    if (py_lt(getitem(table, ver), getattr(self, a_ver_limit)))
+    static const Name k_VER{"VER"}, k_SN{"SN"}, k_FCENTER{"FCENTER"};
+    if (compare(getitem(table, k_VER), getattr(self, a_ver_limit), Py_LT))
         return "Version of Cali table is too low, please upgrade it.";
-    if (!py_eq(getitem(table, sn), getattr(self, a_sn))) return "Wrong SN!";
-    PyObject* centre = PyNumber_Float(getitem(table, fcenter).ptr());
+    if (!compare(getitem(table, k_SN), getattr(self, a_sn), Py_EQ)) return "Wrong SN!";
+    PyObject* centre = PyNumber_Float(getitem(table, k_FCENTER).ptr());
     if (!centre) raise_already_set();
-    if (!py_eq(nb::steal(centre), getattr(self, a_freq))) return "Wrong Freq";
+    if (!compare(nb::steal(centre), getattr(self, a_freq), Py_EQ)) return "Wrong Freq";
     return nullptr;
 }
 
@@ -280,10 +271,9 @@ nb::object basic_check(nb::handle self, nb::handle table) {
     nb::object ret = ret_ok();
     const char* problem = header_problem(self, table);
     if (problem) {
-        static const Name msg{"RetMsg"}, code{"RetCode"};
         nb::object text = str(problem);
-        setattr(ret, msg, text);
-        setattr(ret, code, RetCode("ERROR_BF_CALI_INCOMPLTE"));
+        setattr(ret, k_RetMsg, text);
+        setattr(ret, k_RetCode, RetCode("ERROR_BF_CALI_INCOMPLTE"));
         logger_of(self, a_logger).error(text);
     }
     return ret;

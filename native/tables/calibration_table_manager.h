@@ -40,15 +40,11 @@ inline const Name a_path_cali{"path_cali"};
 inline const Name m_searchCaliFile{"_searchCaliFile"};
 
 // Other names used in several files.
-inline const Name k_RetData{"RetData"};
 inline const Name k_ret{"ret"};
 inline const Name k_query{"query"};
 
 // ---------------------------------------------------------- small helpers ---
 
-bool py_eq(nb::handle a, nb::handle b);                  // a == b
-bool py_lt(nb::handle a, nb::handle b);                  // a < b
-Py_ssize_t py_len(nb::handle value);                     // len(value)
 nb::object py_format(const char* fmt, nb::handle value); // PyUnicode_FromFormat with one object
 nb::object board_key(nb::handle number);                 // "BOARD_" + str(number)
 nb::object board_key(Py_ssize_t number);                 // "BOARD_<n>"

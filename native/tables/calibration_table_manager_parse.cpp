@@ -225,20 +225,15 @@ private:
 
 // ------------------------------------------------------------ the reader ---
 
-// Reads rows into one table. A refusal of the header check ends the reading with
-// that result; running out of rows without END is a broken file.
+// Reads rows into one table. The reading goes on with its verdict (OK at END; a
+// broken file when the rows run out first), or a refusal of the header check ends
+// the whole parse at once with that result.
 class TableReader {
 public:
-    TableReader(nb::handle self, const Log& log, nb::handle table)
-        : self_(self),
-          log_(log),
-          table_(table),
-          boards_(as_index(getattr(self, a_num_board))),
-          ics_(as_index(getattr(self, a_num_ic_per_board))),
-          channels_(as_index(getattr(self, a_num_channel_per_ic))) {}
+    TableReader(nb::handle self, const Log& log, nb::handle table) : self_(self), log_(log), table_(table) {}
 
     template <class Rows>
-    nb::object read(Rows& rows, bool& refused) {
+    EarlyResult read(Rows& rows) {
         nb::object ret = ret_ok();
         Cells row;
         while (rows.next(row)) {
@@ -247,19 +242,14 @@ public:
             if (kind != RowKind::Data) data_target_ = nb::object();
             if (kind == RowKind::End) {
                 log_.info(str("%s parsing done"), path_for_log());
-                return ret;
+                return EarlyResult::go_on(ret);
             }
-            if (kind == RowKind::ComDr || kind == RowKind::EleDr) {
-                nb::object check = basic_check(self_, table_);
-                if (ret_failed(check)) {
-                    refused = true;
-                    return check;
-                }
-            }
+            if (kind == RowKind::ComDr || kind == RowKind::EleDr)
+                if (EarlyResult refused = EarlyResult::if_failed(basic_check(self_, table_))) return refused;
             store(kind, row);
         }
         log_.error(str("cali file is broken"));
-        return ret_error("ERROR_BF_CALI_PARSE", "cali file is broken");
+        return EarlyResult::go_on(ret_error("ERROR_BF_CALI_PARSE", "cali file is broken"));
     }
 
 private:
@@ -320,16 +310,23 @@ private:
 
     // One integer per channel, board by board, chip by chip. Rows merge, so a second
     // row for the same mode replaces channel values and keeps everything else.
-    // A layout without chips has nothing to store, so its boards are not walked:
-    // that adds no empty board entries, and a huge board count cannot run away.
+    // Each layout number is read as its loop starts, as range() would read it: a
+    // table without offset rows never needs the layout, and the chip count is not
+    // read when there are no boards. A layout without chips has nothing to store,
+    // so its boards are not walked: that adds no empty board entries, and a huge
+    // board count cannot run away.
     void store_offsets(const Name& mode, const Cells& row) {
-        if (ics_ <= 0) return;
+        const Py_ssize_t boards = range_bound(getattr(self_, a_num_board));
+        if (boards < 1) return;
+        const Py_ssize_t ics = range_bound(getattr(self_, a_num_ic_per_board));
+        if (ics < 1) return;
+        const Py_ssize_t channels = range_bound(getattr(self_, a_num_channel_per_ic));
         size_t next = 1;
-        for (Py_ssize_t b = 1; b <= boards_; ++b) {
+        for (Py_ssize_t b = 1; b <= boards; ++b) {
             nb::object arm = child_mapping(log_, child_mapping(log_, table_, board_key(b)), mode);
-            for (Py_ssize_t c = 1; c <= ics_; ++c) {
+            for (Py_ssize_t c = 1; c <= ics; ++c) {
                 nb::dict chip;
-                for (Py_ssize_t ch = 1; ch <= channels_; ++ch)
+                for (Py_ssize_t ch = 1; ch <= channels; ++ch)
                     setitem(chip, numbered("CHANNEL_", ch), ints_.get(cell(row, next++)));
                 update_dict(log_, arm, numbered("OFFSET_CHIP_", c), chip);
             }
@@ -444,7 +441,6 @@ private:
     nb::handle self_;
     const Log& log_;
     nb::handle table_;
-    Py_ssize_t boards_, ics_, channels_;
     nb::object chip_data_, data_target_;   // the current DATA block's chip and arm
     std::string last_board_, last_chip_, last_arm_;
     std::string key_text_;
@@ -454,24 +450,25 @@ private:
     IntCache ints_;
 };
 
-// Reads the found file (or the handed-in file object) into `table`. Any failure
-// while reading becomes "parse exception"; `refused` tells a header refusal.
-nb::object read_table(nb::handle self, const Log& log, nb::handle file_object, nb::handle table, bool& refused) {
-    return guard(
-        [&]() -> nb::object {
+// Reads the found file (or the handed-in file object) into `table`: the reading's
+// verdict, where any failure while reading is "parse exception", or the header
+// check's refusal, which ends the parse.
+EarlyResult read_table(nb::handle self, const Log& log, nb::handle file_object, nb::handle table) {
+    return guard<EarlyResult>(
+        [&] {
             GcPause pause;
             TableReader reader(self, log, table);
             if (!file_object.is_none()) {
                 ObjectRows rows(file_object);
-                return reader.read(rows, refused);
+                return reader.read(rows);
             }
             std::string text = read_text_file(getattr(self, a_path_cali));
             CsvTextRows rows(text, csv_field_size_limit(), /*drop_nul=*/true);
-            return reader.read(rows, refused);
+            return reader.read(rows);
         },
-        [&](nb::handle) -> nb::object {
+        [&](nb::handle) {
             log.exception(str("parse exception"));
-            return ret_error("ERROR_BF_CALI_PARSE", "parse exception");
+            return EarlyResult::go_on(ret_error("ERROR_BF_CALI_PARSE", "parse exception"));
         });
 }
 
@@ -509,12 +506,11 @@ nb::object parse_steps(nb::handle self, const Log& log, nb::handle freq, nb::han
     }
     nb::dict table;
     setattr(self, a_CaliTable, table);
-    bool refused = false;
-    nb::object ret = read_table(self, log, file_object, table, refused);
+    EarlyResult read = read_table(self, log, file_object, table);
     if (!file_object.is_none()) file_object.attr("close")();
-    if (refused) return ret;
+    if (read) return read.result();   // refused by the header check: nothing is exported
     if (truthy(export_to_json)) export_json(self);
-    return ret;
+    return read.value();
 }
 
 }  // namespace

@@ -20,13 +20,13 @@ namespace {
 const Name k_DR{"DR"}, k_COMDR{"COMDR"}, k_ELEDR{"ELEDR"}, k_COMSTEPDR{"COMSTEPDR"}, k_TC{"TC"};
 
 nb::object cell_rf_mode() {
-    static const Name n{"CellRFMode"};
-    return global(n);
+    static const Name g_CellRFMode{"CellRFMode"};
+    return global(g_CellRFMode);
 }
 
 nb::object polarizations() {
-    static const Name n{"POL"};
-    return global(n);
+    static const Name g_POL{"POL"};
+    return global(g_POL);
 }
 
 nb::object table_of(nb::handle self) { return getattr(self, a_CaliTable); }
@@ -62,7 +62,7 @@ nb::object dynamic_range(nb::handle self, nb::handle rf_mode) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && truthy(getattr(self, a_web_mode));
     nb::object mode = enum_member(dual ? cell_rf_mode() : RFMode(), rf_mode);
-    if (dual && py_eq(mode, cell_rf_mode().attr("STANDBY"))) {
+    if (dual && compare(mode, cell_rf_mode().attr("STANDBY"), Py_EQ)) {
         logger_of(self, a_logger).warning(str("DR not support for STANDBY mode"));
         return ret_msg("DR not support for STANDBY mode");
     }
@@ -148,7 +148,7 @@ void add_file_ranges(const RangeLists& lists, nb::handle board_table, nb::handle
 nb::dict build_range_cache(nb::handle self) {
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
-    Py_ssize_t boards = as_index(getattr(self, a_num_board));
+    Py_ssize_t boards = range_bound(getattr(self, a_num_board));
     nb::object modes = RFMode();
     nb::dict cache = empty_range_cache(dual, py_len(modes));
     nb::object table = table_of(self);
@@ -257,7 +257,12 @@ nb::list mode_tc(nb::handle self, nb::handle table, nb::handle board, nb::handle
 // Per board (counted over every chip of the layout): the TX pair then the RX pair
 // as integers; dual polarization: one list per polarization.
 nb::list get_tc(nb::handle self) {
-    Py_ssize_t entries = as_index(getattr(self, a_num_board)) * as_index(getattr(self, a_num_ic_per_board));
+    // The entry count is multiplied as Python multiplies it (any size, any number
+    // type), then taken as range() takes it.
+    PyObject* product =
+        PyNumber_Multiply(getattr(self, a_num_board).ptr(), getattr(self, a_num_ic_per_board).ptr());
+    if (!product) raise_already_set();
+    Py_ssize_t entries = range_bound(nb::steal(product));
     nb::object table = table_of(self);
     bool dual = dual_polarization(self);
     bool from_database = !dual && uses_database(self);
@@ -285,7 +290,7 @@ nb::object stored_offsets(nb::handle self, nb::handle mode_name, nb::handle boar
 }
 
 nb::list channel_offsets(nb::handle self, nb::handle by_channel) {
-    Py_ssize_t channels = as_index(getattr(self, a_num_channel_per_ic));
+    Py_ssize_t channels = range_bound(getattr(self, a_num_channel_per_ic));
     nb::list offsets;
     for (Py_ssize_t ch = 1; ch <= channels; ++ch) {
         PyObject* key = PyUnicode_FromFormat("CHANNEL_%zd", ch);
@@ -365,7 +370,7 @@ nb::list append_com_dict_to_list(nb::handle self, nb::handle com_dict, nb::handl
     for (nb::handle key : com_dict) {
         nb::object range = getitem(com_dict, key);
         nb::object low = getitem(range, 0), high = getitem(range, 1);
-        if (!py_lt(min, low) && !py_lt(high, max)) arms.append(arm_number(key));
+        if (!compare(min, low, Py_LT) && !compare(high, max, Py_LT)) arms.append(arm_number(key));
     }
     return arms;
 }
@@ -374,7 +379,7 @@ namespace {
 
 // A board number from 1; 0 or less would silently pick boards from the end.
 Py_ssize_t board_position(nb::handle board) {
-    Py_ssize_t number = as_index(board);
+    Py_ssize_t number = list_position(board);
     if (number < 1) raise(PyExc_IndexError, "board numbers start at 1");
     return number - 1;
 }
@@ -423,7 +428,7 @@ nb::object data_entry_key(nb::handle mode, nb::handle gain, nb::handle phase) {
 }
 
 Py_ssize_t channel_position(nb::handle channel) {
-    Py_ssize_t number = as_index(channel);
+    Py_ssize_t number = list_position(channel);
     if (number < 1) raise(PyExc_IndexError, "channel numbers start at 1");
     return number - 1;
 }

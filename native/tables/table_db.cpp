@@ -29,12 +29,15 @@ const Name k_frequency{"frequency"};
 
 const char* const kQueryPrefix = "query-";
 
-nb::object QRVTableDBError() { return global(Name("QRVTableDBError")); }
+nb::object QRVTableDBError() {
+    static const Name g_QRVTableDBError{"QRVTableDBError"};
+    return global(g_QRVTableDBError);
+}
 
 // ".".join(parts), with str.join's own TypeError for parts that are not str.
 nb::object dotted(nb::handle parts) {
-    static const Name dot{"."};
-    PyObject* joined = PyUnicode_Join(dot.ptr(), parts.ptr());
+    static const Name k_dot{"."};
+    PyObject* joined = PyUnicode_Join(k_dot.ptr(), parts.ptr());
     if (!joined) raise_already_set();
     return nb::steal(joined);
 }
@@ -64,8 +67,8 @@ nb::object unsent_key(Py_ssize_t n) { return nb::steal(PyUnicode_FromFormat("%s%
 
 void error_init(nb::handle self, nb::handle code, nb::handle msg) {
     nb::handle(PyExc_Exception).attr("__init__")(self, msg);
-    static const Name ret{"ret"};
-    setattr(self, ret, RetType()(code, msg));
+    static const Name a_ret{"ret"};
+    setattr(self, a_ret, RetType()(code, msg));
 }
 
 // -------------------------------------------------------------- _QRVTableDB --
@@ -77,9 +80,9 @@ void db_init(nb::handle self, nb::handle table_name, nb::handle temp) {
     guard(
         [&]() -> nb::object {
             nb::object package = module().attr("__name__").attr("replace")(".device", "");
+            static const Name g_importlib{"importlib"};
             nb::object service =
-                global(Name("importlib"))
-                    .attr("import_module")("vexcore.db.QRVDBQueryer", nb::arg("package") = package);
+                global(g_importlib).attr("import_module")("vexcore.db.QRVDBQueryer", nb::arg("package") = package);
             setattr(self, a_db, service.attr("DBQueryer")(table_name));
             setattr(self, a_template, temp);   // by reference: setFreq is seen by the creator
             setattr(self, a_unsent, nb::dict());
@@ -124,7 +127,8 @@ nb::object db_set_freq(nb::handle self, nb::handle freq) {
 }
 
 nb::object db_set_aakit_name(nb::handle self, nb::handle name) {
-    nb::object key = global(Name("AAKitField")).attr("AAKIT_NAME").attr("name");
+    static const Name g_AAKitField{"AAKitField"};
+    nb::object key = global(g_AAKitField).attr("AAKIT_NAME").attr("name");
     setitem(getattr(self, a_template), key, name);
     return ret_ok();
 }
@@ -138,10 +142,8 @@ void db_clean_query_cache(nb::handle self) { setattr(self, a_unsent, nb::dict())
 nb::object send_multi_query(nb::handle self, nb::handle unsent, Py_ssize_t n, nb::handle payload) {
     setitem(unsent, unsent_key(n), payload);
     nb::object reply = getattr(self, a_db).attr(k_queryDB)(unsent, nb::arg("queryCmd") = "getMultiData");
-    static const Name ret_data_name{"RetData"};
-    nb::object answers = getattr(getattr(self, m_returnDB)(reply), ret_data_name);
-    Py_ssize_t count = PyObject_Length(answers.ptr());
-    if (count < 0) raise_already_set();
+    nb::object answers = getattr(getattr(self, m_returnDB)(reply), k_RetData);
+    Py_ssize_t count = py_len(answers);
     nb::list result = nb::steal<nb::list>(PyList_New(0));
     for (Py_ssize_t i = 0; i < count; ++i) result.append(0);
     for (nb::handle key : answers) {
@@ -160,8 +162,7 @@ nb::object db_query(nb::handle self, nb::handle key, nb::handle category, nb::ha
     setitem(payload, k_query, query_keys(key));
 
     nb::object unsent = getattr(self, a_unsent);
-    Py_ssize_t n = PyObject_Length(unsent.ptr());
-    if (n < 0) raise_already_set();
+    Py_ssize_t n = py_len(unsent);
     int apply = PyObject_IsTrue(apply_setting.ptr());
     if (apply < 0) raise_already_set();
     if (!apply) {

@@ -90,7 +90,7 @@ nb::object parse(nb::handle self) {
     return guard(
         [&]() -> nb::object {
             nb::object files = delta_files(self);
-            if (PyObject_Length(files.ptr()) == 0) return warning_result(log, "Delta csv not exist, skip it");
+            if (py_len(files) == 0) return warning_result(log, "Delta csv not exist, skip it");
             nb::object path = getitem(files, Py_ssize_t(0));
             log.info(str("Delta csv path: %s"), path);
             if (!read_delta_rows(self, log, path)) return warning_result(log, "No delta freq info, skip it");

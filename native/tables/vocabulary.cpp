@@ -28,8 +28,9 @@ void make_counted_enum(nb::module_& m, const char* name, std::initializer_list<c
     nb::list names;
     long value = 0;
     for (const char* key : keys) names.append(nb::make_tuple(key, value++));
-    nb::object cls = vex::py::global(vex::py::Name("Enum"))(name, names, nb::arg("module") = m.attr("__name__"),
-                                                            nb::arg("qualname") = name);
+    static const vex::py::Name g_Enum{"Enum"};
+    nb::object cls =
+        vex::py::global(g_Enum)(name, names, nb::arg("module") = m.attr("__name__"), nb::arg("qualname") = name);
     m.attr(name) = cls;
 }
 

@@ -152,9 +152,12 @@ async def _render_beam(
     detail="",
     preview=False,
     revision=None,
+    typed=None,
 ):
+    """The beam page: the charts of `beam`; the form shows `typed` (a refused edit) when given."""
     page = _page(request, session)
     charts, note = await in_thread(_pattern_charts, session, mode, beam)
+    beam = typed or beam
     return render(
         request,
         "beam.html",
@@ -311,8 +314,11 @@ async def save_beam(request):
         status, message, field = 422, ret.RetMsg, _field_of(ret.RetMsg + " " + detail)
     fresh = await in_thread(where.session)  # the table as stored now
     try:
+        stored = fresh.beam(mode, beam_id)
+        # A refused form shows what was typed, to be corrected; after a conflict, the stored beam.
+        typed = None if ret == "conflict" else _typed_over(stored, _edit_of(form, fresh, _page(request, fresh)))
         return await _render_beam(
-            request, where, fresh, mode, beam_id, fresh.beam(mode, beam_id), status, message, field, detail
+            request, where, fresh, mode, beam_id, stored, status, message, field, detail, typed=typed
         )
     finally:
         managers.give_back(fresh)
@@ -341,6 +347,18 @@ def _apply(where, mode, beam_id, form, preview, request):
             managers.keep(session)
             return session, beam, None, ""
         return session, beam, "conflict" if session.callback.stale else saved, ""
+
+
+def _typed_over(beam, edit):
+    """The stored beam with an edit from the form laid over it (the boards of one page for
+    a channel beam), values as typed."""
+    beam_type, config, description = edit
+    shown = dict(beam, beam_type=beam_type, beam_description=description)
+    if beam_type == BeamType.BEAM:
+        shown["beam_config"] = config
+    else:
+        shown["channel_config"] = {**(beam.get("channel_config") or {}), **config}
+    return shown
 
 
 def _field_of(message):

@@ -25,7 +25,7 @@ from vexcore.QRVPublic import RFMode as RFMode
 from vexcore.QRVUtils import RetType as RetType
 from vexcore.QRVUtils import _Utils as _Utils
 
-from . import _codec as _codec  # internal: native codecs for tests and benchmarks
+from . import _codec as _codec  # internal: native codecs for the package's tools, tests and benchmarks
 
 # Method signatures are written out in full (no aliases): help() shows the same text,
 # and a test holds this file and the module's own signatures to each other.

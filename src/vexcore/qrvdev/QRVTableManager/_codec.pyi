@@ -1,4 +1,5 @@
-"""Internal: the native codecs, exposed for tests and benchmarks. Not part of the public API."""
+"""Internal: the module's native codecs (JSON, CSV, numbers, atomic file writing) for the package's own
+tools: the table tool, the web front end's beam store, the tests and benchmarks. Not part of the public API."""
 
 import os
 from typing import Any, Iterable, List, Tuple, Union
