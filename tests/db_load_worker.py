@@ -6,6 +6,7 @@ ROLE "open": COUNT web-mode device opens, each answer compared with file mode's.
 ROLE "import": COUNT imports of the calibration file (replacing the stored table).
 ROLE "save": COUNT saves of one beam table whose every beam carries TAG and the
 iteration, each followed by a load that must find one writer's whole table.
+ROLE "kit": COUNT saves of kits named TAG-<iteration>.
 After its set-up a process prints "ready" and waits for a line on its input, so
 that all of them start at once; then it prints one JSON line: {"done": n, "errors":
 [...], "latencies": [seconds per unit]}. `run_processes` runs a set of them.
@@ -18,7 +19,7 @@ import time
 
 from vexcore.db.engine import open_engine
 from vexcore.db.upload import import_calibration_files
-from vexcore.db.web_tables import BeamTableStore
+from vexcore.db.web_tables import AAKitStore, BeamTableStore
 
 SN, FREQ, KIT = "K5350R019-28", 28, "KIT"
 BEAMS = 16
@@ -73,10 +74,18 @@ def run_saves(count, database, tag):
         yield None if ret.RetMsg == "" and len(seen) == 1 else "save %r, then found beams of %s" % (ret, sorted(seen))
 
 
+def run_kit_saves(count, database, tag):
+    store = AAKitStore(database)
+    for i in range(count):
+        ret = store.store(func_name="saveAAKitFile", kitName="%s-%d" % (tag, i), check=False,
+                          context={"DEV_TYPE": 9, "TYPE": 1, "OFFSET_TX": [i]})
+        yield None if ret.RetMsg == "" else "kit save %r" % (ret,)
+
+
 def main(role, database, count, path, tag, layout=None):
     os.environ["VEXCORE_DB"] = database
     units = {"open": lambda: run_opens(count, database, layout), "import": lambda: run_imports(count, database, path),
-             "save": lambda: run_saves(count, database, tag)}[role]()
+             "save": lambda: run_saves(count, database, tag), "kit": lambda: run_kit_saves(count, database, tag)}[role]()
     # Importing the driver and connecting happen once per process, before the clock starts.
     with open_engine(database).reading():
         pass

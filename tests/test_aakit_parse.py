@@ -83,7 +83,6 @@ SKIP = "Skip {path} due to parsing exception"
     # Malformed files: logged with the exception.
     (kit_rows("k", spacing=("5",)), None, IndexError, SKIP),
     (kit_rows("k", spacing=("five", "5")), None, ValueError, SKIP),
-    (kit_rows("k", tx=(1, 2, 3, "4.0")), None, ValueError, SKIP),
     ([["AAKIT_NAME"]] + kit_rows("k")[1:], None, IndexError, SKIP),
     (b"AAKIT_NAME,\xff\xfe\n", None, UnicodeDecodeError, SKIP),
 ])

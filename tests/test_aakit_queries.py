@@ -69,7 +69,6 @@ def test_list_failures_become_its_error_result(tm, files_dir, caplog, callback, 
     (None, True, "Other", "table"),
     ("", True, "", "table"),
     (OFFICIAL, True, "Other", OFFICIAL),
-    (None, False, OFFICIAL, OFFICIAL),
     ("Other", False, "", "Other"),
 ])
 def test_info_chooses_name_then_whole_table_then_selection(kits, name, local, selected, expected):

@@ -186,15 +186,3 @@ def test_web_mode_save_goes_to_the_callback_only(manager, new_table):
     assert manager._saveToBeamTableFile(lambda **kw: calls.append(kw) or answer, new_table) is answer
     assert calls == [{"func_name": "saveToBeamTableFile", **({} if new_table is None else {"new_table": new_table})}]
     assert _file_bytes(manager) == before
-
-
-def test_a_callback_that_raises_is_a_failed_save(manager, caplog):
-    def callback(**kwargs):
-        raise ConnectionError("host gone")
-
-    before = _file_bytes(manager)
-    ret = manager._saveToBeamTableFile(callback)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_BEAM_FILE, "BeamFile saving exception")
-    (record,) = [r for r in caplog.records if r.levelno >= logging.ERROR]
-    assert record.getMessage() == "BeamFile saving exception" and record.exc_info[0] is ConnectionError
-    assert _file_bytes(manager) == before

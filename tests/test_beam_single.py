@@ -61,6 +61,7 @@ def test_default_steered_beam_points_at_boresight(tm, files_dir):
 
 @pytest.mark.parametrize("layout, limits, beam, error", [
     ((4, 1, 1), (COMDR, ELEDR), {}, UnboundLocalError),        # one channel per IC never starts a board
+    ((2 ** 64, 1, 4), (COMDR, ELEDR), {}, IndexError),         # more boards than limits
     ((4, 1, 4), ({"TX": COMDR[0]}, ELEDR), {}, KeyError),      # rows keyed by name instead of value
     ((4, 1, 4), (COMDR, ELEDR), [], TypeError),                # the beam must be a mapping
     ((4, 1, 4), (COMDR, ELEDR), None, TypeError),

@@ -97,14 +97,17 @@ def poisoned(manager, bad_value):
       for bad in (object(), {1, 2}, "\ud800", b"bytes", 1j)],
     (lambda m: m.setBeamPattern(RFMode.TX, 2, BeamType.BEAM, {"db": 1.0, "theta": 0, "phi": 0}, "\ud800"), ["1", "2"]),
     (lambda m: m._setBatchBeamPattern({"TX": {"3": dict(channel_beam(), beam_description="\udcff")}}, 13), ["3"]),
-], ids=["object", "set", "lone-surrogate", "bytes", "complex", "set-beam", "batch-replacing-all"])
-def test_a_beam_save_that_fails_keeps_the_previous_file_and_memory_as_the_change_left_it(tm, files_dir, change,
+    (lambda m: m._saveToBeamTableFile(lambda **kwargs: 1 / 0), ["1"]),
+], ids=["object", "set", "lone-surrogate", "bytes", "complex", "set-beam", "batch-replacing-all", "callback-raises"])
+def test_a_beam_save_that_fails_keeps_the_previous_file_and_memory_as_the_change_left_it(tm, files_dir, caplog, change,
                                                                                         tx_in_memory):
     manager, path, _ = loaded_beams(tm, files_dir)
     assert manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL, None, "kept").RetCode == RetCode.OK
     before = path.read_bytes()
     ret = change(manager)
     assert (ret.RetCode, ret.RetMsg) == BEAM_SAVE_FAILED
+    [failure] = [r for r in caplog.records if r.levelname == "ERROR"]
+    assert failure.getMessage() == BEAM_SAVE_FAILED[1] and failure.exc_info is not None
     assert_untouched(path, before)
     # A table handed in is not adopted; a change is kept in memory, so that a later save can write it once fixed.
     assert list(manager._BeamTable["TX"]) == tx_in_memory and manager._BeamTable["RX"] == {}

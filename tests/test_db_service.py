@@ -16,6 +16,7 @@ import vexcore.samples as samples
 from vexcore.db import QRVDBQueryer as service
 from vexcore.db import engine as engines
 from vexcore.db import schema
+from vexcore.db.__main__ import main as db_command
 from vexcore.db.upload import import_calibration_files
 from vexcore.db.web_tables import AAKitStore, BeamTableStore
 from vexcore.QRVPublic import RetCode
@@ -38,10 +39,8 @@ def payload(query, category="GENERAL", frequency=28, sn="SN-A"):
     return {"sn": sn, "frequency": frequency, "category": category, "query": query}
 
 
+# The keys the calibration manager asks are answered as file mode reads them: test_web_mode.py.
 @pytest.mark.parametrize("request_, data", [
-    (payload(["VER"]), {"VER": "2.1.0"}),
-    (payload(["DR.TX", "DR"]), {"DR.TX": [-10.0, -5.0], "DR": TABLE["DR"]}),
-    (payload(["TX.ELEDR", "COMSTEPDR.COM_1"], "BOARD_1"), {"TX.ELEDR": [6.0], "COMSTEPDR.COM_1": [-3.0, 0.5]}),
     (payload(["VER"], frequency="27.5"), {"VER": "2.0.0"}),       # frequency compared as a number
     (payload(["BOARD_1.TX.COMDR", "BOARD_1"]), {"BOARD_1.TX.COMDR": [-3.0, 4.0], "BOARD_1": {
         "TX": {"COMDR": [-3.0, 4.0], "ELEDR": [6.0], "COMSTEPDR": {"COM_1": [-3.0, 0.5]}},
@@ -126,25 +125,6 @@ def test_unreachable_database_answers_with_a_string_without_password(tmp_path, w
         assert run.returncode == 2 and len(run.stderr.splitlines()) == 1 and PASSWORD not in run.stderr
 
 
-_WRITER = """
-import sys
-from vexcore.db.web_tables import AAKitStore
-store = AAKitStore(sys.argv[1])
-for i in range(int(sys.argv[3])):
-    ret = store.store(func_name="saveAAKitFile", kitName="%s-%d" % (sys.argv[2], i), check=False,
-                      context={"DEV_TYPE": 9, "TYPE": 1, "OFFSET_TX": [i]})
-    assert ret.RetMsg == "", ret
-"""
-
-
-def test_two_processes_writing_at_once_lose_nothing(database):
-    path = database
-    writers = [subprocess.Popen([sys.executable, "-c", _WRITER, path, name, "60"]) for name in ("left", "right")]
-    assert [w.wait(timeout=120) for w in writers] == [0, 0]
-    kits = AAKitStore(path).list_kits(9, 1, [9]).RetData
-    assert len(kits) == 120 and kits["right-59"]["OFFSET_TX"] == [59]
-
-
 def test_beam_store_keeps_tables_per_frequency_and_kit(database):
     path = database
     store = BeamTableStore("SN-A", path)
@@ -184,11 +164,17 @@ def test_a_guarded_beam_store_refuses_to_save_over_another_writers_table(databas
         "_load", freq=28, aakit="KIT").RetData["TX"]["1"] == {"beam_description": "right"}
 
 
-def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
+def test_cli_refuses_badly_named_broken_and_missing_files_whole_and_lists(tmp_path, queryer, capsys):
     bad = tmp_path / "calibration.csv"
     bad.write_text("VER,2.1.0\nEND\n")
     run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", str(bad)], capture_output=True, text=True)
     assert run.returncode == 1 and "{SN}_{Freq}GHz.csv" in run.stderr
+    broken = tmp_path / os.path.basename(SAMPLE)
+    broken.write_text(open(SAMPLE).read().replace("END\n", ""))
+    assert db_command(["import", str(broken)]) == 1           # in this process, so that coverage sees the parse
+    assert "ERROR_BF_CALI_PARSE: cali file is broken" in capsys.readouterr().err
+    with service.transaction() as db:
+        assert [sn for sn, _, _ in service.calibration_index(db)] == ["SN-A", "SN-A"]      # nothing half-stored
     run = subprocess.run([sys.executable, "-m", "vexcore.db", "import", SAMPLE], capture_output=True, text=True)
     assert run.stdout == "imported %s: K5350R019-28 at 28 GHz into %s\n" % (SAMPLE, service.shown_name())
     assert PASSWORD not in run.stdout and run.returncode == 0 and ("***" in run.stdout) == ("postgresql" in run.stdout)
@@ -202,7 +188,7 @@ def test_cli_refuses_badly_named_and_missing_files_and_lists(tmp_path, queryer):
 # ------------------------------------------- under load, through an outage ---
 # Bounded: a few seconds per engine, every process on this machine, servers on loopback.
 
-ROLES = [("open", 8, 6), ("import", 2, 4), ("save", 2, 12)]      # role, processes, units each
+ROLES = [("open", 8, 6), ("import", 2, 4), ("save", 2, 12), ("kit", 2, 30)]      # role, processes, units each
 
 
 def test_opens_imports_and_saves_at_once_lose_nothing(database, files_dir):
@@ -218,6 +204,8 @@ def test_opens_imports_and_saves_at_once_lose_nothing(database, files_dir):
     marks = {beam["beam_description"] for beam in
              BeamTableStore("K5350R019-28", database)("_load", freq=28, aakit="KIT").RetData["TX"].values()}
     assert len(marks) == 1 and marks.pop().endswith("-11")     # one writer's last table, whole
+    kits = AAKitStore(database).list_kits(9, 1, [9]).RetData
+    assert len(kits) == 60 and kits["kit1-29"]["OFFSET_TX"] == [29]
     if "://" not in database:
         with sqlite3.connect(database) as raw:
             assert raw.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
