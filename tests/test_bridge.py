@@ -9,7 +9,6 @@ import sys
 import weakref
 
 import pytest
-from conftest import records
 from fake_queryer import FakeService
 
 from vexcore.QRVPublic import RetCode
@@ -43,14 +42,6 @@ def test_failures_inside_native_code_are_logged_with_a_traceback(tm, caplog, fil
     assert (trace.tb_frame.f_code.co_filename, trace.tb_lineno, trace.tb_next) == (tm.__file__, 0, None)
     assert record.exc_info[1].__context__ is None
     assert sys.exc_info() == (None, None, None)      # the logged exception is not left behind
-
-
-def test_disabled_level_emits_nothing(tm, caplog, service):
-    caplog.set_level(logging.INFO, logger="TblDB")
-    db = tm._QRVTableDB("calibration", {})
-    service.replies.append({"code": 0, "data": 1})
-    db.query("VER")        # logs its payload at debug level
-    assert records(caplog, "TblDB") == []
 
 
 def test_a_deleted_module_global_is_a_name_error_when_used(tm, restore_module_globals):

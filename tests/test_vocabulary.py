@@ -79,12 +79,9 @@ ERR = RetCode.ERROR
 
 @pytest.mark.parametrize("args, kwargs, fields", [
     ((), {}, (RetCode.OK, "", None)),
-    ((ERR, "m"), {}, (ERR, "m", None)),
     ((ERR, "m", 3), {}, (ERR, "m", 3)),
-    ((ERR,), {"data": 1}, (ERR, "", 1)),
     ((), {"data": 0}, (RetCode.OK, "", 0)),
     ((), {"msg": "t"}, (RetCode.OK, "t", None)),
-    ((ERR,), {"RetMsg": "x"}, (ERR, "x", None)),
     ((), {"RetCode": ERR, "RetMsg": "x", "RetData": [2]}, (ERR, "x", [2])),
     ((), {"code": None, "msg": None}, (None, None, None)),
 ])
