@@ -49,7 +49,7 @@ def std_rows(lines):
 
 
 @MANY
-@given(st.lists(csv_texts, max_size=6))
+@given(st.lists(st.one_of(csv_texts, st.sampled_from([b"a,b\n", 5, None])), max_size=6))   # a non-str line fails
 @example(['"abc', "def"])
 @example(["a\rb\n"])
 @example(['x"y"z,"q"w\n'])
@@ -104,11 +104,6 @@ def test_csv_file_numbers_matches_reader_with_int_and_float(tmp_path):
         expected = [[row[0], int(row[1]), int(row[2])] + [float(c) for c in row[3:]] for row in csv.reader(f) if row]
     assert repr(_codec.csv_file_numbers(path, [1, 2])) == repr(expected)
     assert result_of(lambda: _codec.csv_file_numbers(path, [1, 2, 3])) == result_of(lambda: int("3.5"))
-
-
-@pytest.mark.parametrize("item", [b"a,b\n", 5, None])
-def test_csv_non_str_line_raises_csv_error_like_reader(item):
-    assert result_of(lambda: _codec.csv_rows(["ok\n", item])) == result_of(lambda: list(csv.reader(["ok\n", item])))
 
 
 class Custom:
@@ -203,14 +198,6 @@ def test_json_loads_like_json(value):
     assert repr(_codec.json_loads(text)) == repr(json.loads(text))
 
 
-@settings(max_examples=800, deadline=None)
-@given(st.text(st.sampled_from(list('{}[],:"0123456789.-+eE ntrufalsNIy\\') + ["\ud800"]), max_size=20))
-@example("[1,]")
-@example('{"a": 1 ,\n }')
-def test_json_loads_hostile_text_like_json(text):
-    assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
-
-
 # A comma before a closing bracket: the json of each Python version words this
 # failure its own way, and the module must word it as the running one does.
 @settings(max_examples=300, deadline=None)
@@ -248,12 +235,7 @@ def test_json_dumps_matches_json_on_subclasses_keys_and_refusals(value):
     assert result_of(lambda: _codec.json_dumps(value, 2)) == expected
 
 
-def test_json_dumps_refuses_lone_surrogates_like_a_utf8_write():
-    with pytest.raises(UnicodeEncodeError):
-        _codec.json_dumps(["\ud800"], 2)
-
-
-# Texts the generated ones rarely hit: the decoder's value corners, and errors with their positions.
+# Texts a drawn hostile text rarely is: the decoder's value corners, and errors with their positions.
 JSON_TEXTS = [
     '{"a": 1, "a": 2}', "[1e400, -1e400, 1E-400, NaN, -Infinity, " + "9" * 50 + "]", '{"caf\u00e9": "\u65e5"}',
     '"\\ud83d\\ude00 \\u00e9 \\/"', '"\\ud800x"', '"\\udc00\\ud800"', "\ufeff[1]", "1" * 5000,
@@ -261,8 +243,12 @@ JSON_TEXTS = [
 ]
 
 
-@pytest.mark.parametrize("text", JSON_TEXTS)
-def test_json_loads_matches_json(text):
+@settings(max_examples=800, deadline=None)
+@given(st.sampled_from(JSON_TEXTS)
+       | st.text(st.sampled_from(list('{}[],:"0123456789.-+eE ntrufalsNIy\\') + ["\ud800"]), max_size=20))
+@example("[1,]")
+@example('{"a": 1 ,\n }')
+def test_json_loads_hostile_text_like_json(text):
     assert result_of(lambda: repr(_codec.json_loads(text))) == result_of(lambda: repr(json.loads(text)))
 
 

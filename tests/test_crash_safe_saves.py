@@ -141,7 +141,6 @@ def test_saves_and_deletes_in_a_read_only_folder_fail_cleanly(tm, files_dir, mak
     kits._AAKitTable[KIT]["OFFSET_TX"] = [123456789] * 4
     make_read_only(beam_path.parent)
     make_read_only(files_dir)
-    assert manager.setBeamPattern(RFMode.TX, 1, BeamType.CHANNEL).RetCode == RetCode.ERROR_BF_BEAM_FILE
     assert manager._saveToBeamTableFile().RetCode == RetCode.ERROR_BF_BEAM_FILE
     # A table that needs creating cannot be, and the load says so.
     assert manager._load(27.5, "").RetCode == RetCode.ERROR_BF_BEAM

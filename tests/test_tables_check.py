@@ -76,8 +76,6 @@ def _kit(files, key_prefix, new_row):
     (lambda f: _kit(f, "SPACING", "SPACING,a,5.0"),
      [lambda p: "ERROR_BF_NO_AAKIT  the kit manager could not read the file at line %d (SPACING)"
       % line_number(p, "SPACING,a"), "cause: ValueError: could not convert string to float: 'a'"]),
-    (lambda f: _kit(f, "OFFSET_RX", "OFFSET_RX," + ",".join(["0"] * 15)),
-     ["ERROR_BF_NO_AAKIT  OFFSET_RX: number of channel:15 not equal to 16"]),
     (lambda f: [f / KIT, "--devtype", 12], ["due to dev type(9) not match"]),
     (lambda f: _kit(f, "TYPE", None), ["KeyError  the kit has no TYPE row"]),
     (lambda f: _edit_beam(f, lambda t: _channel(t, 3, 2).update(db=9.5)),
@@ -93,8 +91,8 @@ def _kit(files, key_prefix, new_row):
     (lambda f: _written(f / "SN9.csv", "SN9\n1.5\n"), ["ERROR  Exception while delta csv parsing"]),
     (write_old_beam_table, ["warning  old format v1.0.0: loading converts it",
                             "board_1 common_db is None, not a number", "at TX beam 7"]),
-], ids=["cali cell", "cali end", "cali sn", "cali board", "cali name", "kit cell", "kit offsets",
-        "kit devtype", "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
+], ids=["cali cell", "cali end", "cali sn", "cali board", "cali name", "kit cell", "kit devtype",
+        "kit type", "gain refused", "channel missing", "beam switch", "sn leaves folder",
         "beam not json", "ud value", "beam old format"])
 def test_a_problem_is_reported_with_its_reason(files, tmp_path, capsys, spoil, expected):
     target = spoil(files)
