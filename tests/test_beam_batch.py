@@ -16,7 +16,6 @@ def stocked(manager, hooks):
     manager.setBeamPattern(RFMode.TX, 2, BeamType.CHANNEL, None, "tx2", save=False)
     manager.setBeamPattern(RFMode.RX, 1, BeamType.CHANNEL, None, "rx1")
     hooks.ic_calls.clear()
-    hooks.beam_calls.clear()
     return manager
 
 

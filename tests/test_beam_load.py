@@ -11,7 +11,6 @@ from conftest import records
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 
-P = "_BeamPatternTableManager__"
 LOADING_FAILED = (RetCode.ERROR_BF_BEAM, "BeamTable loading exception")
 
 
@@ -152,8 +151,6 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
     assert calls == [{"func_name": "_load", "freq": 27.5, "aakit": KIT, "devtype": 7, "num_beam": 32,
                       "rf_layout": (4, 1, 4), "check_funcs": None, "web_client_id": None}]
     assert manager._BeamTable is None and list(files_dir.iterdir()) == []
-    state = vars(manager)
-    assert state[P + "web_mode"] is True and P + "defaultDir" not in state and P + "path" not in state
 
 
 # ----------------------------------------------------------------- saving ---

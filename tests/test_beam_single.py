@@ -16,7 +16,6 @@ STEER = {"db": 1, "theta": 2, "phi": 3}
 @pytest.mark.parametrize("spoil, beam_id, message", [
     (lambda m: setattr(m, "_BeamTable", None), 1, "BeamTable is not ready"),
     (None, 0, "Invaid beam id: 0"),
-    (lambda m: m._updateFreq(28.0, DR, [COMDR[0]], ELEDR), 2, "GetBeamPattern exception"),   # no RX common limits
     (None, "1", "GetBeamPattern exception"),
 ])
 def test_get_and_set_refuse_alike(manager, caplog, spoil, beam_id, message):
