@@ -67,7 +67,6 @@ def test_list_failures_become_its_error_result(tm, files_dir, caplog, callback, 
 @pytest.mark.parametrize("name, local, selected, expected", [
     ("", False, "Other", "Other"),
     (None, True, "Other", "table"),
-    ("", True, "", "table"),
     (OFFICIAL, True, "Other", OFFICIAL),
     ("Other", False, "", "Other"),
 ])

@@ -11,7 +11,6 @@ from conftest import records
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
 
-P = "_BeamPatternTableManager__"
 LOADING_FAILED = (RetCode.ERROR_BF_BEAM, "BeamTable loading exception")
 
 
@@ -86,14 +85,12 @@ def _old_channels(db_of, order):
     return [{"channel": ch, "sw": ch % 2, "db": db_of(ch), "deg": ch * 10} for ch in order]
 
 
-def test_old_format_is_converted_and_saved_and_steering_fields_make_steered_beams_with_a_kit(tm, files_dir):
+def test_old_channel_beams_are_converted_in_channel_order_within_the_limits_and_saved(tm, files_dir):
     path = _path(files_dir, kit="")
     _write(path, _old_table([
         {"beamId": 3, "beam_type": 1, "beam_description": "lost", "db": 1, "theta": 2, "phi": 3, "channel_switch": 1,
          "channel_config": _old_channels(lambda ch: 20.0 if ch % 3 else 1.25, range(16, 0, -1))},   # any order
-        {"beamId": 4, "beam_type": 0, "beam_config": {"db": 5, "theta": 6, "phi": 7}},
         {"beamId": 5, "channel_config": []},                       # no type: left out
-        {"beamId": 6, "beam_type": None, "channel_config": []},    # null type: left out
     ], version_key="version"))
     manager = make_manager(tm)
     assert manager._load(28.0, "").RetCode == RetCode.OK
@@ -106,15 +103,9 @@ def test_old_format_is_converted_and_saved_and_steering_fields_make_steered_beam
             board["channel_%d" % c] = {"sw": ch % 2, "db": min(20.0 if ch % 3 else 1.25, COMDR[0][b] + ELEDR[0][b]),
                                        "deg": ch * 10}
     expected = {"VERSION": "v2.0.0", "DEV_TYPE": 7, "FREQ": 28.0, "AAKIT_NAME": "", "TX": {
-        "3": {"beam_description": "", "beam_type": 1, "channel_config": boards},
-        "4": {"beam_description": "", "beam_type": 0, "beam_config": {"db": 5, "theta": 6, "phi": 7}}}, "RX": {}}
+        "3": {"beam_description": "", "beam_type": 1, "channel_config": boards}}, "RX": {}}
     # Compared as JSON text, so that the order of keys counts too.
     assert json.dumps(table) == json.dumps(expected) and read_json(path) == table
-    # When a kit is set, the old steering fields make a steered beam instead.
-    _write(_path(files_dir), _old_table([{"beamId": 1, "beam_type": 1, "db": 4.5, "theta": -10, "phi": 90,
-                                          "channel_switch": 0, "channel_config": []}]))
-    assert make_manager(tm)._load(28.0, KIT).RetData["TX"] == {"1": {"beam_description": "", "beam_type": 0,
-                                                                     "beam_config": {"db": 4.5, "theta": -10, "phi": 90}}}
 
 
 @pytest.mark.parametrize("order, message", [
@@ -160,8 +151,6 @@ def test_web_mode_hands_the_load_to_the_callback(tm, files_dir):
     assert calls == [{"func_name": "_load", "freq": 27.5, "aakit": KIT, "devtype": 7, "num_beam": 32,
                       "rf_layout": (4, 1, 4), "check_funcs": None, "web_client_id": None}]
     assert manager._BeamTable is None and list(files_dir.iterdir()) == []
-    state = vars(manager)
-    assert state[P + "web_mode"] is True and P + "defaultDir" not in state and P + "path" not in state
 
 
 # ----------------------------------------------------------------- saving ---

