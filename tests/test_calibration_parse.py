@@ -122,18 +122,6 @@ def test_subclass_search_is_used(tm, files_dir):
     assert m.parse().RetCode == RetCode.ERROR_BF_CALI_PATH
 
 
-# ----------------------------------------------------------------- version --
-
-def test_version_before_and_after_a_table(tm, files_dir, caplog):
-    m = cali_manager(tm)
-    assert outcome(m.queryCaliTableVer()) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
-    assert records(caplog, "CaliTbl") == []
-    m._CaliTable = {"VER": "2.3.1"}
-    assert m.queryCaliTableVer().RetData == "2.3.1"
-    with pytest.raises(KeyError):          # the header check needs the whole header
-        m._CalibrationTableManager__basicCheck(m._CaliTable)
-
-
 # ------------------------------------------------------------ a good table --
 
 def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch, sample, caplog):
@@ -185,9 +173,10 @@ def test_parse_of_a_handed_in_file_object(tm, files_dir, sample, caplog):
     assert outcome(m.parse(fileObject=io.StringIO(sample.text()), exportToJson=True)) == PARSE_EXCEPTION
 
 
-def test_missing_file(tm, files_dir, caplog):
+def test_missing_file_and_no_table(tm, files_dir, caplog):
     m = cali_manager(tm)
     assert outcome(m.parse()) == (RetCode.ERROR_BF_CALI_PATH, "Can not find file for Cali table")
+    assert outcome(m.queryCaliTableVer()) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
     assert records(caplog, "CaliTbl") == [("ERROR", "Can not find file for Cali table")]
     # (a damaged export gives the same error: the JSON fuzz test reads those)
     assert outcome(m.parseRawJson()) == (RetCode.ERROR_BF_CALI_PARSE, "cali file error")
@@ -195,15 +184,11 @@ def test_missing_file(tm, files_dir, caplog):
 
 # --------------------------------------------------------------- bad files --
 
-DATA_ROW = next(r for r in make_sample().rows if r[:1] == ["DATA"])
-
-
+# Damaged cells the fuzz tests seldom draw; the rest are read there as the Python peer reads them.
 @pytest.mark.parametrize("bad_row", [
-    ["VER"], ["DR", "-10", "5", "-12"], ["OFFSET_RX", "1", "2"], ["COMDR", "TX", "BOARD"],
-    ["TEMPADC", "ADC", "1", "READ"], ["TC", "COMP", "1", "STEP", "8", "3", "2"], DATA_ROW[:9],     # short rows
-    ["DR", "-10", "high", "-12", "6"], ["OFFSET_TX"] + ["1.5"] * 16,                                 # text for numbers
-    ["COMDR", "TX", "BOARD", "1", "RANGE", "-9.5", "n/a"], ["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"],
-    DATA_ROW[:8] + ["max"] + DATA_ROW[9:], DATA_ROW[:10] + ["0x1F"] * 4, DATA_ROW[:8] + ["inf"] + DATA_ROW[9:],
+    ["VER"], ["DR", "-10", "5", "-12"], ["COMDR", "TX", "BOARD"], ["TEMPADC", "ADC", "1", "READ"],   # short rows
+    ["TC", "COMP", "1", "STEP", "8", "3", "2"], ["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"],
+    ["DATA", "CAL", "BOARD", "1", "IC", "1", "1", "TX", "inf", "0", "7", "7", "7", "7"],     # a gain no step holds
 ], ids=lambda row: " ".join(row[:1] + row[-2:]))
 def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, bad_row):
     assert parse_rows(tm, files_dir, sample, replace_rows(sample.rows, bad_row[0], [bad_row]))[1] == PARSE_EXCEPTION

@@ -126,7 +126,6 @@ def test_a_failed_multi_query_keeps_every_held_back_query_until_cleaned(db, serv
 
 @pytest.mark.parametrize("reply, code, message", [
     ("", RetCode.ERROR_DB_SERVER, "DB server connection error"),
-    ("timeout", RetCode.ERROR_DB_SERVER, "DB server connection error"),
     ({"code": 3, "message": "no such table"}, RetCode.ERROR_DB_FEEDBACK, "no such table"),
     ({"code": "0", "message": "code given as text"}, RetCode.ERROR_DB_FEEDBACK, "code given as text"),
     ({"data": 1}, KeyError, None), ({"code": 0}, KeyError, None), ({"code": 1}, KeyError, None),

@@ -81,16 +81,15 @@ def test_first_release_database_is_upgraded_with_nothing_lost(tm, files_dir, tmp
         assert raw.execute("SELECT sn, content FROM calibration_unreadable").fetchall() == [("BROKEN-1", '{"VER": ')]
 
 
-@pytest.mark.parametrize("ask", [lambda m: m._getTC(), lambda m: m._getBoardsOffset([1], "TX", 1),
-                                 lambda m: m._getBoardCOMDR(0, 0),
-                                 lambda m: m._searchComStepDR(1, "TX", -4.0, -1.0, None)],
-                         ids=["_getTC", "_getBoardsOffset", "_getBoardCOMDR", "_searchComStepDR"])
-def test_damaged_row_reaches_the_manager_as_database_error(tm, stocked, database, ask):
+# One query of each way to the board rows: temperature steps, offsets, the board ranges (_getBoardCOMDR's too).
+@pytest.mark.parametrize("ask, args", [("_getTC", ()), ("_getBoardsOffset", ([1], "TX", 1)),
+                                       ("_searchComStepDR", (1, "TX", -4.0, -1.0, None))])
+def test_damaged_row_reaches_the_manager_as_database_error(tm, stocked, database, ask, args):
     with service.transaction(database) as db:
         db.execute("UPDATE calibration_entry SET content = 'not json' WHERE category = 'BOARD_1'")
     web_mode = managers(tm)[1]
     with pytest.raises(tm.QRVTableDBError) as raised:
-        ask(web_mode)
+        getattr(web_mode, ask)(*args)
     assert raised.value.ret.RetCode == RetCode.ERROR_DB_FEEDBACK
     assert "K5350R019-28 at 28.0 GHz, BOARD_1 TX: stored entry does not decode" in raised.value.ret.RetMsg
 
