@@ -184,7 +184,6 @@ def sent(service):
 def test_construction_and_a_new_frequency_only_set_up_the_database(web, service, files_dir):
     # The adapter is made at once, and the table is taken to be there without asking.
     assert service.tables == ["calibration"]
-    assert web._CalibrationTableManager__db._QRVTableDB__template == {"sn": SN, "frequency": 28}
     assert web.checkCaliTableLocation().RetData is True
     make_sample().write(files_dir, freq="27.5")
     ret = web.parse(freq=27.5)
