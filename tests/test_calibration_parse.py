@@ -38,6 +38,7 @@ def replace_rows(rows, key, new_rows):
 
 
 TOO_LOW = "Version of Cali table is too low, please upgrade it."
+INCOMPLETE = RetCode.ERROR_BF_CALI_INCOMPLTE
 
 
 def touch(folder, *names):
@@ -201,32 +202,26 @@ def test_end_closes_the_table(tm, files_dir, sample, caplog):
 
 # ------------------------------------------------------------ header check --
 
-@pytest.mark.parametrize("header, problem", [
-    ({"VER": "2.0.0", "SN": SN, "FCENTER": "28.0"}, None),
-    ({"VER": "2.1", "SN": SN, "FCENTER": " 28.000 "}, None),
-    ({"VER": "10.0.0", "SN": SN, "FCENTER": "28.0"}, TOO_LOW),       # compared as text
-    ({"VER": "1.9.9", "SN": "OTHER", "FCENTER": "27.0"}, TOO_LOW),   # the first failed check is reported
-    ({"VER": "2.1.0", "SN": SN + "1", "FCENTER": "28.0"}, "Wrong SN!"),
-    ({"VER": "2.1.0", "SN": SN, "FCENTER": "27.5"}, "Wrong Freq"),
+# Checked when the first range row is read, so a table without range rows is never checked.
+@pytest.mark.parametrize("header, leave_out, expected", [
+    ({"VER": "2.0.0"}, (), OK),
+    ({"VER": "2.1", "FCENTER": " 28.000 "}, (), OK),
+    ({"VER": "10.0.0"}, (), (INCOMPLETE, TOO_LOW)),                                    # compared as text
+    ({"VER": "1.9.9", "SN": "OTHER", "FCENTER": "27.0"}, (), (INCOMPLETE, TOO_LOW)),   # the first failed check
+    ({"SN": SN + "1"}, (), (INCOMPLETE, "Wrong SN!")),
+    ({"FCENTER": "27.5"}, (), (INCOMPLETE, "Wrong Freq")),
+    ({"SN": "OTHER"}, ("COMDR", "ELEDR"), OK),
+    ({}, ("FCENTER",), PARSE_EXCEPTION),          # a header missing at the first range row fails the check itself
 ])
-def test_header_check(tm, files_dir, caplog, header, problem):
-    ret = cali_manager(tm)._CalibrationTableManager__basicCheck(header)
-    expected = (RetCode.OK, "") if problem is None else (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
-    assert outcome(ret) == expected
-    assert records(caplog, "CaliTbl") == ([] if problem is None else [("ERROR", problem)])
-
-
-@pytest.mark.parametrize("sn, leave_out, expected, exported", [
-    ("OTHER", (), (RetCode.ERROR_BF_CALI_INCOMPLTE, "Wrong SN!"), False),   # a refused table is not exported
-    ("OTHER", ("COMDR", "ELEDR"), OK, True),       # without range rows the header is never checked
-    (SN, ("FCENTER",), PARSE_EXCEPTION, True),     # a header missing at the first range row fails the check itself
-])
-def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, sn, leave_out, expected, exported):
-    rows = [r for r in replace_rows(sample.rows, "SN", [["SN", sn]]) if r[:1] not in [[k] for k in leave_out]]
+def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, caplog, header, leave_out, expected):
+    rows = [[r[0], header[r[0]]] if r[:1] and r[0] in header else r for r in sample.rows]
+    rows = [r for r in rows if r[:1] not in [[k] for k in leave_out]]
     m, ret = parse_rows(tm, files_dir, sample, rows, exportToJson=True)
-    assert ret == expected and bool(list(files_dir.glob("*.json"))) is exported
+    assert ret == expected
+    assert records(caplog, "CaliTbl") == ([] if ret == OK else [("ERROR", ret[1])])
+    assert bool(list(files_dir.glob("*.json"))) is (ret[0] != INCOMPLETE)    # a refused table is not exported
     assert "OFFSET_CHIP_1" in m._CaliTable["BOARD_1"]["TX"]       # rows before the check are kept
-    assert "COMDR" not in m._CaliTable["BOARD_1"]["TX"]
+    assert ("COMDR" in m._CaliTable["BOARD_1"]["TX"]) is (ret == OK and not leave_out)
 
 
 def test_repeated_rows_merge_value_by_value(tm, files_dir, sample):

@@ -37,7 +37,6 @@ def offsets(mode, b):
     (lambda m: result(m.getDR(5)), (RetCode.ERROR, "getDR exception", None)),
     (lambda m: m._getBoardsOffset(2), [offsets("TX", 2)]),         # transmit offsets of the first chip by default
     (lambda m: m._getBoardsOffset((4, 2), "RX", 1), [offsets("RX", 4), offsets("RX", 2)]),
-    (lambda m: m._getBoardsOffset(range(1, 3), "TX", 1), [offsets("TX", 1), offsets("TX", 2)]),
     (lambda m: m._getBoardsOffset([1, 5]), KeyError),              # no such board
     (lambda m: m._getBoardsOffset(1, "TX", 2), KeyError),          # no such chip
     (lambda m: m._searchComStepDR(0, "TX", -5, 0, None), IndexError),      # boards count from 1
