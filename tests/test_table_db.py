@@ -37,10 +37,9 @@ def test_setters_write_into_the_creators_template_which_list_requests_send(db, t
     assert db.setFreq(27.5).RetCode == RetCode.OK
     assert db.setAAKitName("AAKIT_X").RetData is None
     assert template == {"sn": "K5350R019-28", "frequency": 27.5, "AAKIT_NAME": "AAKIT_X"}
-    assert service.calls == []
     service.replies.append({"code": 0, "data": {"Freq": [27.5, 28.0]}})
     assert db.getTableList("Freq").RetData == [27.5, 28.0]
-    (call,) = service.calls
+    (call,) = service.calls                   # the setters sent nothing
     assert call.query_cmd == "getFreqList" and call.payload_object is template
 
 
