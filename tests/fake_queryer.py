@@ -42,10 +42,8 @@ class FakeService:
     def answer(self, call):
         if call.query_cmd is not None:
             return {"code": 0, "data": self.data[call.query_cmd]}
-        return {"code": 0, "data": self.lookup(call.payload)}
-
-    def lookup(self, payload):
-        return {key: self.data[(payload["category"], key)] for key in payload["query"]}
+        category = call.payload["category"]
+        return {"code": 0, "data": {key: self.data[(category, key)] for key in call.payload["query"]}}
 
     def install(self, monkeypatch):
         monkeypatch.setitem(sys.modules, SERVICE_NAME, self.module)

@@ -37,12 +37,8 @@ def replace_rows(rows, key, new_rows):
     return rows[:at] + new_rows + rows[at + 1:]
 
 
-def typed(table):
-    """The table as JSON text: tells 5 from 5.0 from "5", which == does not."""
-    return json.dumps(table, sort_keys=True)
-
-
 TOO_LOW = "Version of Cali table is too low, please upgrade it."
+INCOMPLETE = RetCode.ERROR_BF_CALI_INCOMPLTE
 
 
 def touch(folder, *names):
@@ -105,8 +101,6 @@ def test_search_finds_the_file_of_the_frequency_and_lists_all(tm, files_dir, nam
 def test_a_name_without_a_number_fails_the_search(tm, files_dir, caplog):
     m = cali_manager(tm)
     touch(files_dir, SN + "_highGHz.csv")
-    with pytest.raises(ValueError):
-        m._searchCaliFile()
     assert outcome(m.checkCaliTableLocation()) == (RetCode.ERROR_BF_CALI_PATH, "checkCaliTableLocation exception")
     assert caplog.records[-1].exc_info[0] is ValueError
 
@@ -122,21 +116,10 @@ def test_subclass_search_is_used(tm, files_dir):
     assert m.parse().RetCode == RetCode.ERROR_BF_CALI_PATH
 
 
-# ----------------------------------------------------------------- version --
-
-def test_version_before_and_after_a_table(tm, files_dir, caplog):
-    m = cali_manager(tm)
-    assert outcome(m.queryCaliTableVer()) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
-    assert records(caplog, "CaliTbl") == []
-    m._CaliTable = {"VER": "2.3.1"}
-    assert m.queryCaliTableVer().RetData == "2.3.1"
-    with pytest.raises(KeyError):          # the header check needs the whole header
-        m._CalibrationTableManager__basicCheck(m._CaliTable)
-
-
 # ------------------------------------------------------------ a good table --
 
-def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch, sample, caplog):
+# Reading an export back is the JSON fuzz test's, and that numbers keep their type the JSON codec tests'.
+def test_realistic_table_parses_and_exports(tm, tmp_path, monkeypatch, sample, caplog):
     caplog.set_level(logging.INFO, logger="CaliTbl")
     # The export renames every "csv" in the path (the temporary folder is named
     # after the test, so the test name avoids the word).
@@ -150,16 +133,13 @@ def test_realistic_table_parses_exports_and_reads_back(tm, tmp_path, monkeypatch
     path = sample.write(csv_folder, freq="28", rows=rows)
     m = cali_manager(tm)
     assert outcome(m.parse(exportToJson=True)) == OK and m.path_cali == str(path)
-    assert typed(m._CaliTable) == typed(sample.expected)
+    # As JSON text, which tells 5 from 5.0 from "5" as == does not.
+    assert json.dumps(m._CaliTable, sort_keys=True) == json.dumps(sample.expected, sort_keys=True)
     assert m._CaliTable["BOARD_1"]["TX"]["TEMPADC"] is m._CaliTable["BOARD_1"]["RX"]["TEMPADC"]
     assert records(caplog, "CaliTbl") == [("INFO", "Cali file path: %s" % path), ("INFO", "%s parsing done" % path)]
     exported = json_folder / (SN + "_28GHz.json")
     assert exported.read_text(encoding="utf-8") == json.dumps(m._CaliTable, ensure_ascii=False, indent=4)
     assert not list(csv_folder.glob("*.json"))
-    monkeypatch.setenv("VEXCORE_FILES_DIR", str(json_folder))
-    fresh = cali_manager(tm)
-    assert outcome(fresh.parseRawJson()) == OK
-    assert typed(fresh._CaliTable) == typed(sample.expected) and fresh._freq_list == [28.0]
 
 
 def test_a_new_frequency_retargets_and_drops_the_caches(tm, files_dir, sample):
@@ -185,9 +165,10 @@ def test_parse_of_a_handed_in_file_object(tm, files_dir, sample, caplog):
     assert outcome(m.parse(fileObject=io.StringIO(sample.text()), exportToJson=True)) == PARSE_EXCEPTION
 
 
-def test_missing_file(tm, files_dir, caplog):
+def test_missing_file_and_no_table(tm, files_dir, caplog):
     m = cali_manager(tm)
     assert outcome(m.parse()) == (RetCode.ERROR_BF_CALI_PATH, "Can not find file for Cali table")
+    assert outcome(m.queryCaliTableVer()) == (RetCode.ERROR_BF_CALI_INCOMPLTE, "Can not found any calibration table")
     assert records(caplog, "CaliTbl") == [("ERROR", "Can not find file for Cali table")]
     # (a damaged export gives the same error: the JSON fuzz test reads those)
     assert outcome(m.parseRawJson()) == (RetCode.ERROR_BF_CALI_PARSE, "cali file error")
@@ -195,15 +176,11 @@ def test_missing_file(tm, files_dir, caplog):
 
 # --------------------------------------------------------------- bad files --
 
-DATA_ROW = next(r for r in make_sample().rows if r[:1] == ["DATA"])
-
-
+# Damaged cells the fuzz tests seldom draw; the rest are read there as the Python peer reads them.
 @pytest.mark.parametrize("bad_row", [
-    ["VER"], ["DR", "-10", "5", "-12"], ["OFFSET_RX", "1", "2"], ["COMDR", "TX", "BOARD"],
-    ["TEMPADC", "ADC", "1", "READ"], ["TC", "COMP", "1", "STEP", "8", "3", "2"], DATA_ROW[:9],     # short rows
-    ["DR", "-10", "high", "-12", "6"], ["OFFSET_TX"] + ["1.5"] * 16,                                 # text for numbers
-    ["COMDR", "TX", "BOARD", "1", "RANGE", "-9.5", "n/a"], ["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"],
-    DATA_ROW[:8] + ["max"] + DATA_ROW[9:], DATA_ROW[:10] + ["0x1F"] * 4, DATA_ROW[:8] + ["inf"] + DATA_ROW[9:],
+    ["VER"], ["DR", "-10", "5", "-12"], ["COMDR", "TX", "BOARD"], ["TEMPADC", "ADC", "1", "READ"],   # short rows
+    ["TC", "COMP", "1", "STEP", "8", "3", "2"], ["COMSTEPDR", "ARM", "STEP", "1", "1", "low", "1.0"],
+    ["DATA", "CAL", "BOARD", "1", "IC", "1", "1", "TX", "inf", "0", "7", "7", "7", "7"],     # a gain no step holds
 ], ids=lambda row: " ".join(row[:1] + row[-2:]))
 def test_malformed_rows_are_a_parse_exception(tm, files_dir, sample, caplog, bad_row):
     assert parse_rows(tm, files_dir, sample, replace_rows(sample.rows, bad_row[0], [bad_row]))[1] == PARSE_EXCEPTION
@@ -223,32 +200,26 @@ def test_end_closes_the_table(tm, files_dir, sample, caplog):
 
 # ------------------------------------------------------------ header check --
 
-@pytest.mark.parametrize("header, problem", [
-    ({"VER": "2.0.0", "SN": SN, "FCENTER": "28.0"}, None),
-    ({"VER": "2.1", "SN": SN, "FCENTER": " 28.000 "}, None),
-    ({"VER": "10.0.0", "SN": SN, "FCENTER": "28.0"}, TOO_LOW),       # compared as text
-    ({"VER": "1.9.9", "SN": "OTHER", "FCENTER": "27.0"}, TOO_LOW),   # the first failed check is reported
-    ({"VER": "2.1.0", "SN": SN + "1", "FCENTER": "28.0"}, "Wrong SN!"),
-    ({"VER": "2.1.0", "SN": SN, "FCENTER": "27.5"}, "Wrong Freq"),
+# Checked when the first range row is read, so a table without range rows is never checked.
+@pytest.mark.parametrize("header, leave_out, expected", [
+    ({"VER": "2.0.0"}, (), OK),
+    ({"VER": "2.1", "FCENTER": " 28.000 "}, (), OK),
+    ({"VER": "10.0.0"}, (), (INCOMPLETE, TOO_LOW)),                                    # compared as text
+    ({"VER": "1.9.9", "SN": "OTHER", "FCENTER": "27.0"}, (), (INCOMPLETE, TOO_LOW)),   # the first failed check
+    ({"SN": SN + "1"}, (), (INCOMPLETE, "Wrong SN!")),
+    ({"FCENTER": "27.5"}, (), (INCOMPLETE, "Wrong Freq")),
+    ({"SN": "OTHER"}, ("COMDR", "ELEDR"), OK),
+    ({}, ("FCENTER",), PARSE_EXCEPTION),          # a header missing at the first range row fails the check itself
 ])
-def test_header_check(tm, files_dir, caplog, header, problem):
-    ret = cali_manager(tm)._CalibrationTableManager__basicCheck(header)
-    expected = (RetCode.OK, "") if problem is None else (RetCode.ERROR_BF_CALI_INCOMPLTE, problem)
-    assert outcome(ret) == expected
-    assert records(caplog, "CaliTbl") == ([] if problem is None else [("ERROR", problem)])
-
-
-@pytest.mark.parametrize("sn, leave_out, expected, exported", [
-    ("OTHER", (), (RetCode.ERROR_BF_CALI_INCOMPLTE, "Wrong SN!"), False),   # a refused table is not exported
-    ("OTHER", ("COMDR", "ELEDR"), OK, True),       # without range rows the header is never checked
-    (SN, ("FCENTER",), PARSE_EXCEPTION, True),     # a header missing at the first range row fails the check itself
-])
-def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, sn, leave_out, expected, exported):
-    rows = [r for r in replace_rows(sample.rows, "SN", [["SN", sn]]) if r[:1] not in [[k] for k in leave_out]]
+def test_header_is_checked_at_the_first_range_row(tm, files_dir, sample, caplog, header, leave_out, expected):
+    rows = [[r[0], header[r[0]]] if r[:1] and r[0] in header else r for r in sample.rows]
+    rows = [r for r in rows if r[:1] not in [[k] for k in leave_out]]
     m, ret = parse_rows(tm, files_dir, sample, rows, exportToJson=True)
-    assert ret == expected and bool(list(files_dir.glob("*.json"))) is exported
+    assert ret == expected
+    assert records(caplog, "CaliTbl") == ([] if ret == OK else [("ERROR", ret[1])])
+    assert bool(list(files_dir.glob("*.json"))) is (ret[0] != INCOMPLETE)    # a refused table is not exported
     assert "OFFSET_CHIP_1" in m._CaliTable["BOARD_1"]["TX"]       # rows before the check are kept
-    assert "COMDR" not in m._CaliTable["BOARD_1"]["TX"]
+    assert ("COMDR" in m._CaliTable["BOARD_1"]["TX"]) is (ret == OK and not leave_out)
 
 
 def test_repeated_rows_merge_value_by_value(tm, files_dir, sample):

@@ -37,9 +37,7 @@ def offsets(mode, b):
     (lambda m: result(m.getDR(5)), (RetCode.ERROR, "getDR exception", None)),
     (lambda m: m._getBoardsOffset(2), [offsets("TX", 2)]),         # transmit offsets of the first chip by default
     (lambda m: m._getBoardsOffset((4, 2), "RX", 1), [offsets("RX", 4), offsets("RX", 2)]),
-    (lambda m: m._getBoardsOffset(range(1, 3), "TX", 1), [offsets("TX", 1), offsets("TX", 2)]),
-    (lambda m: m._getBoardsOffset([1, 5]), KeyError),              # no such board
-    (lambda m: m._getBoardsOffset(1, "TX", 2), KeyError),          # no such chip
+    (lambda m: m._getBoardsOffset([1, 5]), KeyError),              # no such board (or chip: one lookup)
     (lambda m: m._searchComStepDR(0, "TX", -5, 0, None), IndexError),      # boards count from 1
     (lambda m: m._searchComStepDR(-1, "TX", -5, 0, None), IndexError),
     (lambda m: m._searchComStepDR(5, "TX", -5, 0, None), IndexError),
@@ -47,7 +45,6 @@ def offsets(mode, b):
     (lambda m: m._getComData("TX", 1, 1, [0], [0], [0], [1]), IndexError),         # channels count from 1
     (lambda m: m._getComData("TX", 1, 1, [5], [0], [0], [1]), IndexError),
     (lambda m: m._getComData("TX", 1, 1, [1], [1], [0], [1]), KeyError),           # no such gain step
-    (lambda m: m._getComData("TX", 1, 1, [1], [0], [45], [1]), KeyError),          # no such phase step
     (lambda m: m._searchComStepDR(2**64, "TX", -5, 0, None), IndexError),   # beyond any list index
     # Layout numbers of any size bound their loops as range() does: up to the first board missing, or none.
     (lambda m: setattr(m, "_num_board", 2**64) or m.getCOMDR(), KeyError),
@@ -68,8 +65,7 @@ def test_query_answers_or_lets_out_its_error(m, query, expected):
 def test_board_ranges_per_mode_and_board_are_read_once(m, caplog, kind):
     caplog.set_level(logging.DEBUG, logger="CaliTbl")
     ret = getattr(m, "get" + kind)()
-    expected = [[SAMPLE.expected["BOARD_%d" % b][mode][kind] for b in BOARDS] for mode in MODES]
-    assert (ret.RetCode, ret.RetData) == (RetCode.OK, expected)
+    assert ret.RetCode == RetCode.OK            # the values are compared with the Python peer's in the fuzz tests
     m._CaliTable.clear()                       # the cache alone answers now
     assert getattr(m, "get" + kind)().RetData is ret.RetData
     for mode, index in ((RFMode.RX, 0), (0, 3), (1, -1)):
@@ -77,14 +73,6 @@ def test_board_ranges_per_mode_and_board_are_read_once(m, caplog, kind):
     log = records(caplog, "CaliTbl")
     assert [level for level, text in log if text.startswith("All DR: ")] == ["INFO"]
     assert log[-1] == ("DEBUG", "Fetch %s from cache" % kind)
-
-
-@pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR"])
-def test_missing_entries_reach_the_caller_and_nothing_is_cached(m, call):
-    del m._CaliTable["DR"], m._CaliTable["BOARD_3"]
-    with pytest.raises(KeyError):
-        getattr(m, call)()
-    assert m._CalibrationTableManager__allXXXDR is None
 
 
 # ----------------------------------------------------- dual polarization ---
@@ -127,7 +115,6 @@ def test_offsets_are_cached_and_handed_out_as_copies(m):
     (-8.0, 1.0, [2]),           # bounds are inclusive
     (-11.0, 4.0, []),
     (-3.0, -2.0, [1, 2, 3]),
-    (2.0, 5.0, []),
 ])
 def test_steps_that_cover_a_range(m, low, high, arms):
     for b in BOARDS:
@@ -166,12 +153,6 @@ def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gai
 
 # ------------------------------------------------------------- web mode ---
 
-SERVER_DOWN = "server unreachable"
-REFUSED = {"code": 7, "message": "no calibration for this device"}
-DB_ERRORS = [(SERVER_DOWN, RetCode.ERROR_DB_SERVER, "DB server connection error"),
-             (REFUSED, RetCode.ERROR_DB_FEEDBACK, "no calibration for this device")]
-
-
 @pytest.fixture
 def service(monkeypatch):
     service = FakeService().install(monkeypatch)
@@ -197,10 +178,9 @@ def sent(service):
     return [(c.query_cmd, c.payload.get("category"), c.payload.get("query")) for c in service.calls]
 
 
-def test_construction_and_a_new_frequency_only_set_up_the_database(web, service, files_dir):
+def test_construction_and_a_new_frequency_only_set_up_the_database(web, service, files_dir, caplog):
     # The adapter is made at once, and the table is taken to be there without asking.
     assert service.tables == ["calibration"]
-    assert web._CalibrationTableManager__db._QRVTableDB__template == {"sn": SN, "frequency": 28}
     assert web.checkCaliTableLocation().RetData is True
     make_sample().write(files_dir, freq="27.5")
     ret = web.parse(freq=27.5)
@@ -208,6 +188,11 @@ def test_construction_and_a_new_frequency_only_set_up_the_database(web, service,
     assert web._CaliTable == {} and service.calls == []
     web.queryCaliTableVer()
     assert service.calls[0].payload["frequency"] == 27.5
+    # setFreq sends nothing, so only a missing adapter can fail a retarget.
+    del web._CalibrationTableManager__db
+    ret = web.parse(freq=27.5)
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_PARSE, "parse exception")
+    assert caplog.records[-1].exc_info[0] is AttributeError
 
 
 def test_queries_ask_the_database_one_category_at_a_time_and_arm_data_once_per_board(web, service):
@@ -225,10 +210,10 @@ def test_queries_ask_the_database_one_category_at_a_time_and_arm_data_once_per_b
     assert [q for q in sent(service) if q[2] == ["DATA_CHIP_1"]] == [(None, "BOARD_2", ["DATA_CHIP_1"])]
 
 
-@pytest.mark.parametrize("reply, code, message", DB_ERRORS)
+# How each kind of reply becomes a database error is the adapter's (test_table_db.py).
 @pytest.mark.parametrize("call", ["getDR", "getCOMDR", "getELEDR", "queryCaliTableVer", "getFrequencyList", "_getTC"])
-def test_database_failures_become_the_result(tm, web, service, caplog, call, reply, code, message):
-    service.replies.append(reply)
+def test_database_failures_become_the_result(tm, web, service, caplog, call):
+    service.replies.append({"code": 7, "message": "no calibration for this device"})
     if call == "_getTC":                        # internal queries let the database error reach their caller
         with pytest.raises(tm.QRVTableDBError) as caught:
             web._getTC()
@@ -236,12 +221,4 @@ def test_database_failures_become_the_result(tm, web, service, caplog, call, rep
     else:
         ret = getattr(web, call)()
         assert records(caplog, "CaliTbl") == [("ERROR", "Exception: %r" % ret)]
-    assert (ret.RetCode, ret.RetMsg) == (code, message)
-
-
-def test_parse_with_a_failing_database(web, service, caplog):
-    # setFreq sends nothing, so only a missing adapter can fail a retarget.
-    del web._CalibrationTableManager__db
-    ret = web.parse(freq=27.5)
-    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_BF_CALI_PARSE, "parse exception")
-    assert caplog.records[-1].exc_info[0] is AttributeError
+    assert (ret.RetCode, ret.RetMsg) == (RetCode.ERROR_DB_FEEDBACK, "no calibration for this device")
