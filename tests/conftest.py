@@ -6,6 +6,7 @@ import sysconfig
 import time
 
 import pytest
+from fake_queryer import FakeService
 
 import vexcore.qrvdev.QRVTableManager as _tm
 from vexcore.db import engine as _db_engine
@@ -23,6 +24,12 @@ def pytest_configure(config):
 def tm():
     """The table-manager module."""
     return _tm
+
+
+@pytest.fixture
+def service(monkeypatch):
+    """A scripted query service in place of the real one (see fake_queryer.py)."""
+    return FakeService().install(monkeypatch)
 
 
 @pytest.fixture

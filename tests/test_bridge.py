@@ -9,15 +9,9 @@ import sys
 import weakref
 
 import pytest
-from fake_queryer import FakeService
 
 from vexcore.QRVPublic import RetCode
 from vexcore.QRVUtils import RetType
-
-
-@pytest.fixture
-def service(monkeypatch):
-    return FakeService().install(monkeypatch)
 
 
 def test_import_leaves_logging_configuration_alone():

@@ -5,7 +5,6 @@ import logging
 import pytest
 from calibration_sample import GAINS, MODES, PHASES, SN, make_sample
 from conftest import records
-from fake_queryer import FakeService
 
 from vexcore.QRVPublic import CellRFMode, RetCode, RFMode
 
@@ -77,8 +76,7 @@ def test_board_ranges_per_mode_and_board_are_read_once(m, caplog, kind):
 
 # ----------------------------------------------------- dual polarization ---
 
-def test_dual_polarization_answers_from_the_built_in_record_only(tm, files_dir, monkeypatch, caplog):
-    FakeService().install(monkeypatch)
+def test_dual_polarization_answers_from_the_built_in_record_only(tm, files_dir, service, caplog):
     SAMPLE.write(files_dir)                    # neither this file nor the database is used
     dual = tm.CalibrationTableManager(SN, 28, lambda: (1, 1, 4), support_polar=True, web_client_id="7")
     cali = tm.moss_cali
@@ -154,8 +152,7 @@ def test_common_arm_data_for_steps_is_cached_per_chip_and_matched_by_integer_gai
 # ------------------------------------------------------------- web mode ---
 
 @pytest.fixture
-def service(monkeypatch):
-    service = FakeService().install(monkeypatch)
+def service(service):                          # the scripted service, holding the sample's entries
     for b in BOARDS:
         board = SAMPLE.expected["BOARD_%d" % b]
         for mode in ("TX", "RX"):

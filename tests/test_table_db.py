@@ -5,14 +5,9 @@ import types
 
 import pytest
 from conftest import records
-from fake_queryer import SERVICE_NAME, FakeService
+from fake_queryer import SERVICE_NAME
 
 from vexcore.QRVPublic import RetCode
-
-
-@pytest.fixture
-def service(monkeypatch):
-    return FakeService().install(monkeypatch)
 
 
 @pytest.fixture
