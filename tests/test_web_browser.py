@@ -82,7 +82,6 @@ def test_upload_a_calibration_file_and_see_the_device(server, browser, tmp_path)
     assert "Stored: K5350R019-55 at 28 GHz" in _message(browser)
     shot(browser, "devices-after-upload")
     browser.find_element(By.CSS_SELECTOR, "a[href='/calibration/K5350R019-55/28']").click()  # listed from the database
-    assert "K5350R019-55" in browser.find_element(By.TAG_NAME, "h1").text
     assert len(browser.find_elements(By.CSS_SELECTOR, ".charts svg")) == 4     # limits and offsets of TX and RX
     shot(browser, "calibration")
 
