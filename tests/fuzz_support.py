@@ -222,8 +222,7 @@ class ShrinkingDict(dict):
         return iter(pairs)
 
 
-class StrSubclass(str):
-    pass
+class StrSubclass(str): ...
 
 
 class FloatSubclass(float):

@@ -215,8 +215,7 @@ class MyFloat(float):
         return "not used"
 
 
-class MyDict(dict):
-    pass
+class MyDict(dict): ...
 
 
 SHARED = [1]
